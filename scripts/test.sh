@@ -1,0 +1,18 @@
+#!/usr/bin/env bash
+# Builds the AddressSanitizer + UBSan configuration (clang) with every test
+# and fuzz target, then runs the whole suite through ctest: unit tests,
+# tests against real peers on loopback, and short bounded fuzz runs.
+# Usage: scripts/test.sh [extra ctest arguments, e.g. -R Store]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+export ASAN_OPTIONS="${ASAN_OPTIONS:-detect_leaks=1:abort_on_error=0}"
+export UBSAN_OPTIONS="${UBSAN_OPTIONS:-print_stacktrace=1:halt_on_error=1}"
+
+if [ -f tests/e2e/package.json ]; then
+  (cd tests/e2e && { [ -d node_modules ] || npm ci --no-audit --no-fund --loglevel=error; })
+fi
+
+cmake --preset debug >/dev/null
+cmake --build --preset debug -j "${JOBS:-2}"
+ctest --preset debug "$@"
