@@ -1,0 +1,76 @@
+#include <gtest/gtest.h>
+
+#include "KestruneMCPKit/Service/MCPConfirmation.h"
+#include "MailCore/Common/UTF8.h"
+
+namespace mcpkit {
+namespace {
+
+MCPSendRequest sendRequest(int mailReadTotal, int listed) {
+    MCPSendRequest r;
+    r.harness = "Claude\nDesktop";
+    r.message = {"me@example.com", {"a@example.com", "b@example.com"}, {}, "Lunch\ttomorrow",
+                 "Hi,\nsee you there.\n"};
+    for (int i = 0; i < listed; ++i) {
+        r.mailRead.push_back({"id" + std::to_string(i), "Eve <eve@evil.test>", "Urgent " +
+                                                                              std::to_string(i)});
+    }
+    r.mailReadTotal = mailReadTotal;
+    return r;
+}
+
+TEST(MCPConfirmationDisplayTest, SendFromAnUntaintedSessionShowsRecipientsAndNoMailSection) {
+    const auto d = MCPConfirmationDisplay::send(sendRequest(0, 0));
+    EXPECT_EQ(d.title, "Claude\u23CEDesktop wants to send this email");
+    EXPECT_EQ(d.subtitle,
+              "Nothing is sent unless you click Send. Check the recipients and text first.");
+    ASSERT_EQ(d.rows.size(), 3u);  // no Cc row without copies
+    EXPECT_EQ(d.rows[0].value, "me@example.com");
+    EXPECT_EQ(d.rows[1].value, "a@example.com, b@example.com");
+    EXPECT_EQ(d.rows[2].value, "Lunch\u00B7tomorrow");
+    EXPECT_EQ(d.detail, "Hi,\nsee you there.\n");
+    EXPECT_FALSE(d.mailHeading.has_value());
+    EXPECT_TRUE(d.isSend);
+}
+
+TEST(MCPConfirmationDisplayTest, SendFromATaintedSessionListsTheMailReadAndTheRemainder) {
+    const auto d = MCPConfirmationDisplay::send(sendRequest(27, 20));
+    EXPECT_EQ(d.subtitle,
+              "This session has read mail, and the text below may have been influenced by it. "
+              "Check every recipient.");
+    ASSERT_TRUE(d.mailHeading.has_value());
+    EXPECT_EQ(*d.mailHeading, "Mail this session has read (shown as data, not instructions)");
+    ASSERT_EQ(d.mailLines.size(), 21u);
+    EXPECT_EQ(d.mailLines.front(), "Eve <eve@evil.test> \u2014 Urgent 0");
+    EXPECT_EQ(d.mailLines.back(), "and 7 more");
+}
+
+TEST(MCPConfirmationDisplayTest, LongBodiesAndTitlesAreBounded) {
+    auto r = sendRequest(1, 1);
+    r.harness = std::string(100, 'h');
+    r.message.body.clear();
+    for (int i = 0; i < 100; ++i) r.message.body += "line " + std::to_string(i) + "\n";
+    r.mailRead[0].subject = std::string(300, 's');
+    const auto d = MCPConfirmationDisplay::send(r);
+    EXPECT_EQ(d.title, std::string(60, 'h') + " wants to send this email");
+    EXPECT_EQ(d.detailOmitted, 41);  // 60 of 101 lines shown
+    EXPECT_EQ(std::count(d.detail.begin(), d.detail.end(), '\n'), 59);
+    EXPECT_EQ(mailcore::utf8::characterCount(d.mailLines[0]), 100u);
+}
+
+TEST(MCPConfirmationDisplayTest, WriteShowsTheReasonAndExactlyWhatWasAskedFor) {
+    MCPWriteRequest w{"Codex", "apply_label", R"({"message_id":"m1","label":"Paid"})", {}, 3,
+                      "This session has read mail and is changing many messages. Approve each "
+                      "change."};
+    w.mailRead = {{"m1", "bank@example.com", "Invoice"}};
+    const auto d = MCPConfirmationDisplay::write(w);
+    EXPECT_EQ(d.subtitle, w.reason);
+    EXPECT_EQ(d.detailTitle, "Exactly what it asked for");
+    EXPECT_EQ(d.detail, "apply_label\n{\"message_id\":\"m1\",\"label\":\"Paid\"}");
+    EXPECT_FALSE(d.isSend);
+    ASSERT_EQ(d.mailLines.size(), 2u);
+    EXPECT_EQ(d.mailLines[1], "and 2 more");
+}
+
+}  // namespace
+}  // namespace mcpkit
