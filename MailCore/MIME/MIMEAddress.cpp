@@ -1,0 +1,20 @@
+#include "MailCore/MIME/MIMEAddress.h"
+
+namespace mailcore {
+
+std::string displayForm(const MIMEAddress& address) {
+    if (address.name.empty()) return address.email;
+    if (address.email.empty()) return address.name;
+    return address.name + " <" + address.email + ">";
+}
+
+std::string displayForm(const std::vector<MIMEAddress>& addresses) {
+    std::string out;
+    for (const auto& a : addresses) {
+        if (!out.empty()) out += ", ";
+        out += displayForm(a);
+    }
+    return out;
+}
+
+}  // namespace mailcore
