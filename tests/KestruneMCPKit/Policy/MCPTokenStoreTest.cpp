@@ -47,7 +47,7 @@ TEST_P(TokenStoreContract, SetReplaceRemove) {
 
 TEST_P(TokenStoreContract, ConcurrentSetsLoseNoEntry) {
     auto store = makeStore();
-    constexpr int threads = 8, perThread = 25;
+    constexpr int threads = 8, perThread = 10;
     std::vector<std::thread> workers;
     for (int t = 0; t < threads; ++t) {
         workers.emplace_back([&, t] {
