@@ -10,13 +10,6 @@ using Json = nlohmann::ordered_json;
 
 namespace {
 
-// PLACEHOLDER-PERMISSIONS: the nine permission ids of the tool catalog, kept
-// here until the catalog's own list can be used.
-const std::vector<std::string> kPermissionIDs = {
-    "list_accounts", "list_folders", "search_messages", "read_message",   "mark_read",
-    "create_draft",  "apply_label",  "send_message",    "manage_workflows",
-};
-
 std::int64_t integerOr(const Json& object, const char* key, MCPLimitRange range,
                        std::int64_t fallback) {
     auto it = object.find(key);
@@ -73,16 +66,8 @@ Json textArray(const auto& values) {
 
 }  // namespace
 
-const std::vector<std::string>& permissionIDs() { return kPermissionIDs; }
-
 mailcore::Date wholeSeconds(mailcore::Date date) {
     return std::chrono::floor<std::chrono::seconds>(date);
-}
-
-std::set<std::string> defaultEnabledPermissions() {
-    std::set<std::string> out(kPermissionIDs.begin(), kPermissionIDs.end());
-    out.erase("send_message");
-    return out;
 }
 
 const MCPHarnessRecord* MCPState::harness(const std::string& id) const {
@@ -165,7 +150,8 @@ MCPSettings settingsFromJson(const Json& json) {
     settings.masterEnabled = booleanOr(json, "masterEnabled", false);
     if (auto enabled = texts(json, "enabledPermissions")) {
         // Only known permission ids count; an unknown id enables nothing.
-        std::set<std::string> known(permissionIDs().begin(), permissionIDs().end());
+        const auto& ids = MCPTools::permissionIDs();
+        std::set<std::string> known(ids.begin(), ids.end());
         settings.enabledPermissions.clear();
         for (const auto& id : *enabled) {
             if (known.count(id)) settings.enabledPermissions.insert(id);

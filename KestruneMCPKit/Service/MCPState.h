@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "KestruneMCPKit/Service/MCPTools.h"
 #include "MailCore/Common/Clock.h"
 
 namespace mcpkit {
@@ -46,14 +47,10 @@ inline constexpr MCPLimitRange maxArgumentBytesRange{1, 1048576};
 inline constexpr MCPLimitRange retentionDaysRange{1, 36500};
 inline constexpr MCPLimitRange confirmTimeoutSecondsRange{1, 3600};
 
-// Every permission id (catalog order) and the ones a fresh installation
-// enables (all but "send_message").
-const std::vector<std::string>& permissionIDs();
-std::set<std::string> defaultEnabledPermissions();
-
 struct MCPSettings {
     bool masterEnabled = false;
-    std::set<std::string> enabledPermissions = defaultEnabledPermissions();
+    // A fresh installation allows every permission but "send_message".
+    std::set<std::string> enabledPermissions = MCPTools::defaultEnabledPermissions();
     std::set<std::string> excludedAccounts;
     MCPLimits limits;
     bool logSearchText = false;
