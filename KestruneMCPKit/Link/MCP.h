@@ -3,6 +3,8 @@
 
 #include <array>
 #include <cstddef>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace mcpkit::MCP {
@@ -19,5 +21,10 @@ inline constexpr std::string_view socketEnv = "KESTRUNE_SOCKET";
 inline constexpr std::size_t maxFrameBytes = 1048576;
 // Largest reply frame the client links read.
 inline constexpr std::size_t maxReplyBytes = 4194304;
+
+// The protocol version to answer for a client's requested version: a known
+// version unchanged; nothing requested or an unknown newer version, the
+// latest known; an unknown older version, the oldest known.
+std::string negotiate(const std::optional<std::string>& requested);
 
 }  // namespace mcpkit::MCP

@@ -4,7 +4,9 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
+#include <system_error>
 #include <cstdlib>
 
 #include "KestruneMCPKit/Link/MCPSocketError.h"
@@ -60,16 +62,31 @@ bool isPrivateDirectory(const fs::path& dir, bool requireNoGroupOther) {
     return true;
 }
 
+// Creates `dir` and any missing parents with mode 0700 (before the umask).
+// Throws std::filesystem::filesystem_error as the creation fails.
+void createPrivateDirectories(const fs::path& dir) {
+    if (dir.empty()) return;
+    struct stat st {};
+    if (::lstat(dir.c_str(), &st) == 0) return;
+    if (errno != ENOENT) {
+        throw fs::filesystem_error("cannot inspect directory", dir,
+                                   std::error_code(errno, std::generic_category()));
+    }
+    const fs::path parent = dir.parent_path();
+    if (parent != dir) createPrivateDirectories(parent);
+    if (::mkdir(dir.c_str(), 0700) != 0 && errno != EEXIST) {
+        throw fs::filesystem_error("cannot create directory", dir,
+                                   std::error_code(errno, std::generic_category()));
+    }
+}
+
 }  // namespace
 
 void preparePrivateDirectory(const fs::path& dir) {
-    if (!fs::exists(fs::symlink_status(dir))) {
-        fs::create_directories(dir);  // throws on failure
-        ::chmod(dir.c_str(), 0700);
-    }
+    createPrivateDirectories(dir);
     if (!isPrivateDirectory(dir, false)) throw MCPSocketError::insecureDirectory(dir.string());
     struct stat st {};
-    lstat(dir.c_str(), &st);
+    if (::lstat(dir.c_str(), &st) != 0) throw MCPSocketError::insecureDirectory(dir.string());
     if ((st.st_mode & 0077) != 0) {
         ::chmod(dir.c_str(), 0700);
         if (!isPrivateDirectory(dir, true)) throw MCPSocketError::insecureDirectory(dir.string());

@@ -1,0 +1,21 @@
+// mcpServe: serves one accepted link connection: reads request frames one
+// after another, hands each to the handler, writes its reply, until the peer
+// closes, a read or write fails, or a frame exceeds the limit (answered with
+// the "Request too large." reply). Closes the descriptor before returning.
+#pragma once
+
+#include <cstddef>
+
+#include "KestruneMCPKit/Link/MCPAppLink.h"
+
+namespace mcpkit {
+
+void mcpServe(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler);
+
+// The same loop without closing `fd`, for owners that close it themselves.
+void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler);
+
+// The frame written for an oversized request.
+std::string tooLargeReply();
+
+}  // namespace mcpkit
