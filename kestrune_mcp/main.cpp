@@ -68,10 +68,10 @@ int main(int argc, char** argv) {
     }
     std::string socketPath = environment(mcpkit::MCP::socketEnv);
     if (socketPath.empty()) {
-        socketPath = mcpkit::MCPPaths::socketURL(
-                         mcpkit::MCPPaths::baseDirectory(std::nullopt,
-                                                         mcpkit::MCPPaths::homeDirectory()))
-                         .string();
+        socketPath =
+            mcpkit::MCPPaths::socketURL(
+                mcpkit::MCPPaths::baseDirectory(std::nullopt, mcpkit::MCPPaths::homeDirectory()))
+                .string();
     }
 
     std::mutex outputLock;

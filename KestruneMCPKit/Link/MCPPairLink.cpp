@@ -3,7 +3,6 @@
 #include <sys/socket.h>
 
 #include <nlohmann/json.hpp>
-
 #include <thread>
 
 #include "KestruneMCPKit/Link/Frame.h"
@@ -17,14 +16,14 @@ namespace mcpkit {
 
 mailcore::Json MCPPairLink::send(const mailcore::Json& request) {
     int fds[2];
-    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0) throw MCPLinkError::transport("socketpair");
+    if (::socketpair(AF_UNIX, SOCK_STREAM, 0, fds) != 0)
+        throw MCPLinkError::transport("socketpair");
     Posix::setCloseOnExec(fds[0]);
     Posix::setCloseOnExec(fds[1]);
     // The server end is closed by mcpServe; the thread is joined before
     // returning so that no handler call outlives the send.
-    std::thread server([fd = fds[1], handler = handler_] {
-        mcpServe(fd, MCP::maxFrameBytes, handler);
-    });
+    std::thread server(
+        [fd = fds[1], handler = handler_] { mcpServe(fd, MCP::maxFrameBytes, handler); });
     struct Finish {
         int fd;
         std::thread& server;

@@ -6,8 +6,8 @@
 
 #include <cerrno>
 #include <cstdio>
-#include <system_error>
 #include <cstdlib>
+#include <system_error>
 
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 

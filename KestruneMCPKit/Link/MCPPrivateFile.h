@@ -45,8 +45,7 @@ std::optional<Stamp> writeAtomically(const std::filesystem::path& path, std::str
 
 // Appends `data` at the end of `path` with one write (O_APPEND), creating the
 // file with mode 0600 when missing. False (and `error` set) on failure.
-bool append(const std::filesystem::path& path, std::string_view data,
-            std::string* error = nullptr);
+bool append(const std::filesystem::path& path, std::string_view data, std::string* error = nullptr);
 
 // Removes group and other permission bits from an existing file; nothing when
 // it is missing.

@@ -1,8 +1,7 @@
 #include "KestruneMCPKit/Link/MCPSocketLink.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cerrno>
+#include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/Frame.h"
 #include "KestruneMCPKit/Link/FrameReader.h"
@@ -47,8 +46,7 @@ mailcore::Json MCPSocketLink::send(const mailcore::Json& request) {
     }
     FDGuard guard{fd};
     Posix::setTimeouts(fd, timeout_);
-    if (!Posix::writeAll(fd, Frame::encode(request)))
-        throw MCPLinkError::transport("write failed");
+    if (!Posix::writeAll(fd, Frame::encode(request))) throw MCPLinkError::transport("write failed");
     return readReply(fd);
 }
 

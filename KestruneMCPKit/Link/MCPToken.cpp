@@ -35,16 +35,18 @@ std::string fromBytes(const std::vector<std::uint8_t>& bytes) {
     std::string out(prefix);
     for (int i = 0; i < n; ++i) {
         char c = static_cast<char>(encoded[i]);
-        if (c == '+') c = '-';
-        else if (c == '/') c = '_';
-        else if (c == '=') continue;
+        if (c == '+')
+            c = '-';
+        else if (c == '/')
+            c = '_';
+        else if (c == '=')
+            continue;
         out.push_back(c);
     }
     return out;
 }
 
-std::string generate(
-    const std::function<std::optional<std::vector<std::uint8_t>>()>& source) {
+std::string generate(const std::function<std::optional<std::vector<std::uint8_t>>()>& source) {
     auto bytes = source();
     if (!bytes || bytes->size() != randomByteCount) bytes = fallbackBytes();
     return fromBytes(*bytes);

@@ -26,8 +26,7 @@ std::string fromBytes(const std::vector<std::uint8_t>& bytes);
 
 // generate() with an injectable cryptographic source: when `source` returns
 // none, the fallback generator fills the bytes.
-std::string generate(
-    const std::function<std::optional<std::vector<std::uint8_t>>()>& source);
+std::string generate(const std::function<std::optional<std::vector<std::uint8_t>>()>& source);
 
 // Compares two texts in time that depends only on the longer length: the
 // accumulator starts with the XOR of the lengths and ORs in the XOR of every

@@ -12,7 +12,8 @@ std::optional<int> run(const std::vector<std::string>& args, const std::string& 
         out(std::string("kestrune-mcp ") + std::string(MCP::serverVersion));
         return 0;
     }
-    err("kestrune-mcp: unknown option " + args[0] + ". Run it without arguments to serve MCP on "
+    err("kestrune-mcp: unknown option " + args[0] +
+        ". Run it without arguments to serve MCP on "
         "standard input and output, or with --version.");
     return 64;
 }
