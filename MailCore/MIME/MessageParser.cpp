@@ -588,7 +588,11 @@ ParsedMessage MessageParser::parse(std::string_view raw) const {
     collectAddresses(g_mime_message_get_bcc(msg), result.bcc, limits_.maxAddresses);
     collectAddresses(g_mime_message_get_reply_to(msg), result.replyTo, limits_.maxAddresses);
     if (GDateTime* date = g_mime_message_get_date(msg)) {
-        result.date = dateFromSeconds(static_cast<double>(g_date_time_to_unix(date)));
+        // Dates outside 1900-2199 are typing errors or attacks; treat them as missing.
+        const gint64 seconds = g_date_time_to_unix(date);
+        if (seconds >= -2208988800LL && seconds < 7258118400LL) {
+            result.date = dateFromSeconds(static_cast<double>(seconds));
+        }
     }
     const std::string messageID = headerText(g_mime_message_get_message_id(msg), 998);
     if (!messageID.empty()) result.messageID = messageID;

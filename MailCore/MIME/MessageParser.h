@@ -75,6 +75,7 @@ struct ParsedMessage {
     std::vector<MIMEAddress> cc;
     std::vector<MIMEAddress> bcc;
     std::vector<MIMEAddress> replyTo;
+    // The Date header; absent when missing, unreadable or outside 1900-2199.
     std::optional<Date> date;
     // Identifiers without angle brackets, as written.
     std::optional<std::string> messageID;
