@@ -222,14 +222,22 @@ std::size_t decodeEntity(std::string_view text, std::size_t i, std::string& out)
     return 0;
 }
 
-bool isBlockTag(std::string_view name) {
-    static constexpr std::string_view blocks[] = {
-        "br", "p", "div", "tr", "li", "ul", "ol", "h1", "h2", "h3", "h4", "h5", "h6",
-        "table", "blockquote", "hr", "pre", "section", "article", "header", "footer", "dd", "dt"};
-    for (auto b : blocks) {
-        if (b == name) return true;
+// How a tag breaks the text: 0 not at all, 1 starts a new line (rows, list
+// items, divisions), 2 separates paragraphs (a blank line), 3 is an explicit
+// line break (<br>).
+int breakKind(std::string_view name) {
+    static constexpr std::string_view lines[] = {"tr", "li", "div", "dd", "dt", "header", "footer"};
+    static constexpr std::string_view paragraphs[] = {
+        "p", "h1", "h2", "h3", "h4", "h5", "h6", "table", "blockquote", "hr", "pre", "ul", "ol",
+        "section", "article"};
+    if (name == "br") return 3;
+    for (auto b : lines) {
+        if (b == name) return 1;
     }
-    return false;
+    for (auto b : paragraphs) {
+        if (b == name) return 2;
+    }
+    return 0;
 }
 
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f'; }
@@ -240,10 +248,11 @@ public:
     explicit CollapsingWriter(std::string& out) : out_(out) {}
 
     void space() { pendingSpace_ = !out_.empty(); }
-    void lineBreak() {
+    // At most `limit` line breaks in a row (2: a blank line).
+    void lineBreak(int limit) {
         if (out_.empty()) return;
         pendingSpace_ = false;
-        if (trailingBreaks_ < 2) {
+        if (trailingBreaks_ < limit) {
             out_ += '\n';
             ++trailingBreaks_;
         }
@@ -388,8 +397,10 @@ std::string htmlToText(std::string_view html, std::size_t maxBytes) {
                 const std::size_t gt = html.find('>', end);
                 i = gt == std::string_view::npos ? html.size() : gt + 1;
             }
-        } else if (isBlockTag(name)) {
-            writer.lineBreak();
+        } else if (const int kind = breakKind(name); kind == 3) {
+            writer.lineBreak(2);
+        } else if (kind != 0) {
+            writer.lineBreak(kind);
         } else if (name == "td" || name == "th") {
             writer.space();
         }

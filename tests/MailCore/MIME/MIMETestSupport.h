@@ -16,3 +16,23 @@ std::string pythonEmailDataDirectory();
 std::string readFile(const std::string& path);
 
 }  // namespace mailcore::testing
+
+namespace mailcore::testing {
+
+// A fresh directory under the system's temporary directory, removed with
+// everything in it when the object goes away.
+class TemporaryDirectory {
+public:
+    TemporaryDirectory();
+    ~TemporaryDirectory();
+    TemporaryDirectory(const TemporaryDirectory&) = delete;
+    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
+    const std::string& path() const { return path_; }
+
+private:
+    std::string path_;
+};
+
+void writeFile(const std::string& path, std::string_view content);
+
+}  // namespace mailcore::testing
