@@ -1,0 +1,214 @@
+// Secret redaction: step 8 of AIContentSanitizer.
+#include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/AI/SanitizerPatterns.h"
+
+#include <array>
+#include <vector>
+
+namespace mailcore {
+namespace {
+
+bool startsWithPlaceholder(std::string_view text, std::size_t pos) {
+    static constexpr std::array<std::string_view, 8> placeholders{
+        AIContentSanitizer::tokenRedacted,      AIContentSanitizer::privateKeyRedacted,
+        AIContentSanitizer::numberRedacted,     AIContentSanitizer::binaryDataRemoved,
+        AIContentSanitizer::embeddedDataRemoved, AIContentSanitizer::trackingLinkRemoved,
+        AIContentSanitizer::quotedTextRemoved,  AIContentSanitizer::signatureRemoved};
+    for (std::string_view p : placeholders) {
+        if (text.compare(pos, p.size(), p) == 0) return true;
+    }
+    return false;
+}
+
+// When a private-key search runs out of its match limit the key is not
+// left in place: from the next BEGIN line naming a private key, the text is
+// redacted up to its END line, or to the end.
+std::size_t redactKeyAfterFailure(std::string_view text, std::size_t from, std::string& out) {
+    std::size_t marker = text.find("PRIVATE KEY-----", from);
+    std::size_t begin = marker == std::string_view::npos ? std::string_view::npos
+                                                        : text.rfind("-----BEGIN ", marker);
+    if (begin == std::string_view::npos || begin < from) {
+        out.append(text.substr(from));
+        return text.size();
+    }
+    std::size_t end = text.find("-----END ", marker);
+    std::size_t endMarker =
+        end == std::string_view::npos ? end : text.find("PRIVATE KEY-----", end);
+    std::size_t stop = endMarker == std::string_view::npos ? text.size() : endMarker + 16;
+    out.append(text.substr(from, begin - from));
+    out.append(AIContentSanitizer::privateKeyRedacted);
+    return stop;
+}
+
+// Key/value secrets. When the value is itself a key with its separator
+// ("Password: password: x"), the first key is left alone and the search goes
+// on at the second, so that the real value is the one replaced.
+std::string redactKeyValues(std::string_view text) {
+    const PCRE2Pattern& pattern = SanitizerPatterns::shared().keyValueSecret;
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    std::size_t copied = 0;
+    PCRE2Pattern::Match match;
+    PCRE2Pattern::Match inner;
+    while (pos < text.size() &&
+           pattern.search(text, pos, match) == PCRE2Pattern::Outcome::matched) {
+        std::size_t value = match.groupEnd[1];
+        if (value < text.size() && (text[value] == '"' || text[value] == '\'')) ++value;
+        if (startsWithPlaceholder(text, value)) {  // an earlier step already replaced it
+            pos = match.end;
+            continue;
+        }
+        if (pattern.search(text, value, inner, true) == PCRE2Pattern::Outcome::matched) {
+            pos = value;
+            continue;
+        }
+        out.append(text.substr(copied, match.groupEnd[1] - copied));
+        out.append(AIContentSanitizer::tokenRedacted);
+        copied = pos = match.end;
+    }
+    out.append(text.substr(copied));
+    return out;
+}
+
+// The token shapes, matched only where one of their literal prefixes starts,
+// each attempt anchored there. A failed attempt at "eyJ" (with a word
+// boundary before it) proves that every later "eyJ" up to the end of that
+// run of [A-Za-z0-9_-] fails too (they reach the same dots), so those are not
+// tried again: without this a text like "eyJ-eyJ-eyJ-...." costs quadratic
+// time in one unanchored search.
+std::string redactTokenShapes(std::string_view text) {
+    const SanitizerPatterns& patterns = SanitizerPatterns::shared();
+    auto isTokenChar = [](char c) {
+        return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+               c == '_' || c == '-';
+    };
+    auto has = [&](std::size_t i, std::string_view literal) {
+        return text.compare(i, literal.size(), literal) == 0;
+    };
+    auto oneOf = [&](std::size_t i, std::string_view set) {
+        return i < text.size() && set.find(text[i]) != std::string_view::npos;
+    };
+    std::string out;
+    out.reserve(text.size());
+    std::size_t copied = 0;
+    std::size_t skipJWTUntil = 0;
+    PCRE2Pattern::Match match;
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        bool jwt = false;
+        switch (text[i]) {
+            case 's': if (!has(i, "sk-")) continue; break;
+            case 'g': if (!(has(i, "gh") && oneOf(i + 2, "pousr") && oneOf(i + 3, "_"))) continue; break;
+            case 'x': if (!(has(i, "xox") && oneOf(i + 3, "abprs") && oneOf(i + 4, "-"))) continue; break;
+            case 'A': if (!has(i, "AKIA") && !has(i, "AIza")) continue; break;
+            case 'e':
+                if (!has(i, "eyJ") || i < skipJWTUntil) continue;
+                jwt = true;
+                break;
+            default: continue;
+        }
+        auto outcome = patterns.tokenShape.search(text, i, match, true);
+        if (outcome == PCRE2Pattern::Outcome::matched) {
+            out.append(text.substr(copied, match.start - copied));
+            out.append(AIContentSanitizer::tokenRedacted);
+            copied = match.end;
+            i = match.end - 1;
+        } else if (jwt && patterns.wordBoundary.search(text, i, match, true) ==
+                              PCRE2Pattern::Outcome::matched) {
+            std::size_t runEnd = i + 3;
+            while (runEnd < text.size() && isTokenChar(text[runEnd])) ++runEnd;
+            skipJWTUntil = runEnd;
+        }
+    }
+    out.append(text.substr(copied));
+    return out;
+}
+
+// Card-like numbers: a run the pattern finds is redacted when its digits pass
+// the Luhn check. When they do not, the shorter runs that the pattern also
+// admits are tried, so that a card number with more digits next to it ("4111
+// 1111 1111 1111 123", a card and its security code) is still found: first
+// the run's prefixes that end before a separator, longest first, then the
+// search resumes after the run's first separator.
+std::string redactCardNumbers(std::string_view text) {
+    const PCRE2Pattern& pattern = SanitizerPatterns::shared().cardNumber;
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    std::size_t copied = 0;
+    PCRE2Pattern::Match match;
+    while (pos < text.size()) {
+        auto outcome = pattern.search(text, pos, match);
+        if (outcome != PCRE2Pattern::Outcome::matched) break;
+        std::string_view run = text.substr(match.start, match.end - match.start);
+        std::size_t redactEnd = std::string_view::npos;
+        if (AIContentSanitizer::luhnValid(run)) {
+            redactEnd = match.end;
+        } else {
+            std::vector<std::size_t> cuts;  // offsets of separators within the run
+            for (std::size_t i = 0; i < run.size(); ++i) {
+                if (run[i] == ' ' || run[i] == '-') cuts.push_back(i);
+            }
+            for (auto it = cuts.rbegin(); it != cuts.rend(); ++it) {
+                std::string_view prefix = run.substr(0, *it);
+                std::size_t digits = prefix.size() - static_cast<std::size_t>(it.base() - cuts.begin() - 1);
+                if (digits >= 13 && AIContentSanitizer::luhnValid(prefix)) {
+                    redactEnd = match.start + *it;
+                    break;
+                }
+            }
+            if (redactEnd == std::string_view::npos) {
+                pos = cuts.empty() ? match.end : match.start + cuts.front() + 1;
+                continue;
+            }
+        }
+        out.append(text.substr(copied, match.start - copied));
+        out.append(AIContentSanitizer::numberRedacted);
+        copied = pos = redactEnd;
+    }
+    out.append(text.substr(copied));
+    return out;
+}
+
+}  // namespace
+
+bool AIContentSanitizer::luhnValid(std::string_view text) {
+    int sum = 0;
+    int count = 0;
+    for (auto it = text.rbegin(); it != text.rend(); ++it) {
+        if (*it < '0' || *it > '9') continue;
+        int digit = *it - '0';
+        if (count % 2 == 1) {
+            digit *= 2;
+            if (digit > 9) digit -= 9;
+        }
+        sum += digit;
+        ++count;
+    }
+    return count > 0 && sum % 10 == 0;
+}
+
+std::string AIContentSanitizer::redact(std::string_view input) {
+    const SanitizerPatterns& patterns = SanitizerPatterns::shared();
+    std::string text = replaceAll(
+        patterns.privateKey, input,
+        [](const PCRE2Pattern::Match&) { return Replacement(std::string(privateKeyRedacted)); },
+        redactKeyAfterFailure);
+
+    text = replaceAll(patterns.authorizationHeader, text, [&](const PCRE2Pattern::Match& m) {
+        return Replacement(text.substr(m.groupStart[1], m.groupEnd[1] - m.groupStart[1]) + " " +
+                           std::string(tokenRedacted));
+    });
+
+    text = replaceAll(patterns.bearerCredential, text, [&](const PCRE2Pattern::Match& m) {
+        std::size_t credential = m.groupEnd[1];
+        while (text[credential] == ' ' || text[credential] == '\t') ++credential;
+        return Replacement(text.substr(m.start, credential - m.start) + std::string(tokenRedacted));
+    });
+
+    text = redactKeyValues(text);
+    text = redactTokenShapes(text);
+    return redactCardNumbers(text);
+}
+
+}  // namespace mailcore
