@@ -116,17 +116,17 @@ void BufferedByteStream::resumeWaiter(std::uint64_t id, Wake wake) {
 }
 
 void BufferedByteStream::waitForActivity(std::uint64_t id) {
-    auto onCancel = [this, id] { resumeWaiter(id, Wake::cancelled); };
-    std::optional<std::stop_callback<decltype(onCancel)>> cancellation;
-    if (auto token = CancellationScope::current(); token.stop_possible()) {
-        cancellation.emplace(std::move(token), onCancel);
-    }
     const double seconds = std::max(timeouts_.read, 0.001);
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                               std::chrono::duration<double>(seconds));
     Wake wake;
     {
+        // Registered outside lock_: a token that is already stopped runs the
+        // handler at once, and the handler takes lock_. Leaving this block
+        // unregisters it, waiting for a handler that is running.
+        std::stop_callback cancellation(CancellationScope::current(),
+                                        [this, id] { resumeWaiter(id, Wake::cancelled); });
         std::unique_lock lock(lock_);
         while (waiter_->wake == Wake::pending) {
             if (activity_.wait_until(lock, deadline) == std::cv_status::timeout &&
@@ -137,7 +137,6 @@ void BufferedByteStream::waitForActivity(std::uint64_t id) {
         wake = waiter_->wake;
         waiter_.reset();
     }
-    cancellation.reset();  // waits for a cancellation handler that is running
     switch (wake) {
         case Wake::timedOut:
             throw MailError::network(NetworkFailureKind::timeout, "read timed out");

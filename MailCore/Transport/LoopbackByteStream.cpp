@@ -70,12 +70,10 @@ void LoopbackByteStream::write(const Bytes& bytes) {
 Bytes LoopbackByteStream::read(int maxLength) {
     const std::size_t limit = maxLength < 1 ? 1 : static_cast<std::size_t>(maxLength);
     const auto token = CancellationScope::current();
-    auto wake = [this] {
+    std::stop_callback cancellation(token, [this] {
         std::lock_guard lock(lock_);
         readable_.notify_all();
-    };
-    std::optional<std::stop_callback<decltype(wake)>> cancellation;
-    if (token.stop_possible()) cancellation.emplace(token, wake);
+    });
     const auto deadline = std::chrono::steady_clock::now() +
                           std::chrono::duration_cast<std::chrono::steady_clock::duration>(
                               std::chrono::duration<double>(std::max(readTimeout_, 0.001)));
