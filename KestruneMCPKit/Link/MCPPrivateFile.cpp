@@ -85,7 +85,7 @@ std::optional<Stamp> stamp(const fs::path& path) {
 }
 
 std::optional<Stamp> writeAtomically(const fs::path& path, std::string_view data,
-                                     std::string* error) {
+                                     std::string* error, bool durable) {
     fs::path temporary;
     try {
         temporary = path.parent_path() / temporaryName(path);
@@ -102,7 +102,7 @@ std::optional<Stamp> writeAtomically(const fs::path& path, std::string_view data
     bool ok = writeAll(fd, data);
     int err = errno;
     const char* failed = "write";
-    if (ok && ::fsync(fd) != 0) {
+    if (ok && durable && ::fsync(fd) != 0) {
         ok = false;
         err = errno;
         failed = "fsync";

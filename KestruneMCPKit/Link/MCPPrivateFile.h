@@ -36,12 +36,13 @@ std::optional<std::string> read(const std::filesystem::path& path);
 std::optional<Stamp> stamp(const std::filesystem::path& path);
 
 // Writes `data` to a new temporary file beside `path` (mode 0600), flushes it
-// to disk, renames it over `path`, then sets mode 0600 on `path`. On success
+// to disk when `durable`, renames it over `path`, then sets mode 0600 on
+// `path`. On success
 // returns the stamp of the written file; on failure leaves `path` untouched,
 // removes the temporary file and returns none with `error` set to a short
 // description (when given).
 std::optional<Stamp> writeAtomically(const std::filesystem::path& path, std::string_view data,
-                                     std::string* error = nullptr);
+                                     std::string* error = nullptr, bool durable = true);
 
 // Appends `data` at the end of `path` with one write (O_APPEND), creating the
 // file with mode 0600 when missing. False (and `error` set) on failure.
