@@ -1,0 +1,49 @@
+// WorkflowMatcher: whether a message meets a workflow's conditions, and when
+// a scheduled workflow runs next. Used by the preview; the meanings are the
+// ones the workflow engine applies. Pure functions; thread-safe.
+//
+// Value conditions compare without regard to ASCII case: "from" is a part of
+// the sender text; "from_domain" the sender's domain or a parent of it;
+// "sender_outside" a sender whose domain is none of the values (an address
+// counts by its domain); "to" a part of a recipient; "subject", "body" and
+// "text" (subject or body) a part of that text; "attachment_kind" a file
+// extension ("pdf"), a MIME type ("application/pdf") or its main type
+// ("image"); "in_thread" a part of the conversation's subject without
+// "Re:"/"Fwd:" prefixes. "classified" needs the user's AI provider and is
+// not judged here.
+#pragma once
+
+#include <functional>
+#include <optional>
+
+#include "MailCore/Common/Clock.h"
+#include "MailCore/Workflow/WorkflowMailSource.h"
+#include "MailCore/Workflow/WorkflowSpec.h"
+
+namespace mailcore::WorkflowMatcher {
+
+// None for conditions that cannot be judged without the AI provider
+// (classified) and for unknown kinds.
+std::optional<bool> conditionMatches(const WorkflowCondition& condition,
+                                     const WorkflowMailMessage& message);
+
+// The conditions combined by `match`; conditions that cannot be judged are
+// left out (so the answer is an upper bound when there are some). No
+// judgeable condition at all matches every message.
+bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message);
+
+// The bare, lower-case sender address of a "Name <address>" text.
+std::string senderAddress(const std::string& from);
+
+// Seconds east of UTC at a given moment (the user's local time zone).
+using UTCOffset = std::function<long(Date)>;
+UTCOffset localUTCOffset();
+
+// The next time strictly after `now` when a schedule trigger fires, in the
+// local time of `offset`; none for other triggers or an invalid schedule.
+std::optional<Date> nextRun(const WorkflowTrigger& trigger, Date now, const UTCOffset& offset);
+
+// "2026-11-23T08:00:00+01:00": `date` in local time with its offset.
+std::string localTimestamp(Date date, const UTCOffset& offset);
+
+}  // namespace mailcore::WorkflowMatcher
