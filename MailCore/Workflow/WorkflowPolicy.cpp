@@ -208,7 +208,7 @@ void checkAction(Problems& out, std::size_t index, const WorkflowAction& a, cons
         checkText(out, at + ".body", a.body, false, maxNoticeBodyLength, true);
         checkPlaceholders(out, at + ".body", a.body);
     } else if (a.type == "add_to_collection") {
-        checkText(out, at + ".collection", a.collection, true, asSize(limits.maxLabelLength), false);
+        checkText(out, at + ".collection", a.collection, true, asSize(limits.maxNameLength), false);
     } else if (a.type == "draft_reply") {
         if (trigger == "schedule") out.add(at + ": draft_reply cannot run on a schedule.");
         if (a.templateText.has_value() == a.instruction.has_value()) {

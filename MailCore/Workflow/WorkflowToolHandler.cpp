@@ -9,6 +9,7 @@
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowPolicy.h"
 #include "MailCore/Workflow/WorkflowText.h"
+#include "MailCore/Workflow/WorkflowTools.h"
 
 namespace mailcore {
 
@@ -137,20 +138,22 @@ WorkflowToolHandler::WorkflowToolHandler(WorkflowStore& store, WorkflowMailSourc
       utcOffset_(std::move(utcOffset)) {}
 
 const std::vector<std::string>& WorkflowToolHandler::toolNames() {
-    static const std::vector<std::string> names = {"create_workflow", "list_workflows",
-                                                   "update_workflow", "pause_workflow",
-                                                   "delete_workflow", "preview_workflow"};
+    static const std::vector<std::string> names = [] {
+        std::vector<std::string> out;
+        for (const WorkflowToolDescriptor& tool : WorkflowTools::all()) out.push_back(tool.name);
+        return out;
+    }();
     return names;
 }
 
 WorkflowToolAnswer WorkflowToolHandler::handle(const WorkflowCaller& caller, const std::string& tool,
                                                const Json& arguments) const {
-    if (tool == "create_workflow") return create(caller, arguments);
-    if (tool == "update_workflow") return update(caller, arguments);
-    if (tool == "pause_workflow") return pause(caller, arguments);
-    if (tool == "delete_workflow") return remove(caller, arguments);
-    if (tool == "list_workflows") return list(caller);
-    if (tool == "preview_workflow") return preview(caller, arguments);
+    if (tool == WorkflowTools::createWorkflow) return create(caller, arguments);
+    if (tool == WorkflowTools::updateWorkflow) return update(caller, arguments);
+    if (tool == WorkflowTools::pauseWorkflow) return pause(caller, arguments);
+    if (tool == WorkflowTools::deleteWorkflow) return remove(caller, arguments);
+    if (tool == WorkflowTools::listWorkflows) return list(caller);
+    if (tool == WorkflowTools::previewWorkflow) return preview(caller, arguments);
     return failure("Unknown workflow tool \"" + workflowtext::displayText(tool, 60) + "\"",
                    "unknown workflow tool");
 }

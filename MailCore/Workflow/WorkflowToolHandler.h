@@ -66,7 +66,7 @@ public:
     WorkflowToolAnswer handle(const WorkflowCaller& caller, const std::string& tool,
                               const Json& arguments) const;
 
-    // The six tool names, in catalog order.
+    // The six tool names, in catalog order (WorkflowTools::all()).
     static const std::vector<std::string>& toolNames();
 
     const WorkflowLimits& limits() const { return limits_; }

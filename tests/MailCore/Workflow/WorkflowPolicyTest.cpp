@@ -299,7 +299,7 @@ TEST(WorkflowPolicy, TextLimitsOfActionsAndClassified) {
         "actions":[{"type":"notify","message":")" + std::string(201, 'm') + R"("},
                    {"type":"show_notice","title":")" + std::string(81, 't') + R"(","body":")" +
                              std::string(301, 'b') + R"("},
-                   {"type":"add_to_collection","collection":")" + std::string(41, 'k') + R"("},
+                   {"type":"add_to_collection","collection":")" + std::string(81, 'k') + R"("},
                    {"type":"draft_reply","instruction":")" + std::string(1001, 'i') + R"("}]})";
     EXPECT_EQ(problemsOf(spec),
               (std::vector<std::string>{"conditions[0].category must be at most 60 characters.",
@@ -307,7 +307,7 @@ TEST(WorkflowPolicy, TextLimitsOfActionsAndClassified) {
                                         "actions[0].message must be at most 200 characters.",
                                         "actions[1].title must be at most 80 characters.",
                                         "actions[1].body must be at most 300 characters.",
-                                        "actions[2].collection must be at most 40 characters.",
+                                        "actions[2].collection must be at most 80 characters.",
                                         "actions[3].instruction must be at most 1000 characters."}));
     const std::string longTemplate = R"({"name":"T","trigger":{"type":"no_reply","after_hours":3},
         "actions":[{"type":"draft_reply","template":")" + std::string(5001, 'x') + R"("}]})";
