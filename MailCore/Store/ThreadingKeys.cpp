@@ -1,0 +1,213 @@
+#include "MailCore/Store/ThreadingKeys.h"
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <nlohmann/json.hpp>
+
+#include "MailCore/Common/MailError.h"
+
+namespace mailcore {
+namespace {
+
+bool isSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\v' || c == '\f';
+}
+
+std::string_view trim(std::string_view s) {
+    while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
+    while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
+    return s;
+}
+
+std::string asciiLower(std::string_view s) {
+    std::string out(s);
+    for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    return out;
+}
+
+std::string collapseSpaces(std::string_view s) {
+    std::string out;
+    out.reserve(s.size());
+    bool pendingSpace = false;
+    for (char c : s) {
+        if (isSpace(c)) {
+            pendingSpace = !out.empty();
+            continue;
+        }
+        if (pendingSpace) out.push_back(' ');
+        pendingSpace = false;
+        out.push_back(c);
+    }
+    return out;
+}
+
+// Subjects compare in their ASCII-lower-cased form; other letters stay as
+// written (no locale-dependent folding).
+std::string lowerSubject(std::string_view s) { return asciiLower(s); }
+
+constexpr std::array<std::string_view, 10> replyPrefixes{"antw", "fwd", "re", "fw", "aw",
+                                                         "sv",   "vs",  "wg", "tr", "rv"};
+
+// Length of a leading reply or forward prefix ("re:", "re[2]: ") or 0.
+std::size_t replyPrefixLength(std::string_view s) {
+    for (auto word : replyPrefixes) {
+        if (s.substr(0, word.size()) != word) continue;
+        std::size_t i = word.size();
+        if (i < s.size() && s[i] == '[') {
+            std::size_t j = i + 1;
+            while (j < s.size() && std::isdigit(static_cast<unsigned char>(s[j]))) ++j;
+            if (j > i + 1 && j < s.size() && s[j] == ']') i = j + 1;
+        }
+        if (i < s.size() && s[i] == ':') {
+            ++i;
+            while (i < s.size() && s[i] == ' ') ++i;
+            return i;
+        }
+    }
+    return 0;
+}
+
+}  // namespace
+
+std::optional<InternetMessageID> InternetMessageID::normalizing(std::string_view text) {
+    std::string_view s = trim(text);
+    if (!s.empty() && s.front() == '<') s.remove_prefix(1);
+    if (!s.empty() && s.back() == '>') s.remove_suffix(1);
+    s = trim(s);
+    if (s.empty()) return std::nullopt;
+    if (std::any_of(s.begin(), s.end(), isSpace)) return std::nullopt;
+    return InternetMessageID(std::string(s));
+}
+
+std::string InternetMessageID::normalizedKey() const {
+    auto at = value_.rfind('@');
+    if (at == std::string::npos) return value_;
+    return value_.substr(0, at + 1) + asciiLower(std::string_view(value_).substr(at + 1));
+}
+
+std::vector<InternetMessageID> ThreadingKeys::parseIDList(std::string_view value) {
+    std::vector<InternetMessageID> out;
+    if (value.find('<') != std::string_view::npos) {
+        std::size_t pos = 0;
+        while ((pos = value.find('<', pos)) != std::string_view::npos) {
+            auto end = value.find('>', pos + 1);
+            if (end == std::string_view::npos) break;
+            if (auto id = InternetMessageID::normalizing(value.substr(pos, end - pos + 1))) {
+                out.push_back(std::move(*id));
+            }
+            pos = end + 1;
+        }
+        return out;
+    }
+    std::size_t i = 0;
+    while (i < value.size()) {
+        while (i < value.size() && isSpace(value[i])) ++i;
+        std::size_t start = i;
+        while (i < value.size() && !isSpace(value[i])) ++i;
+        if (i > start) {
+            if (auto id = InternetMessageID::normalizing(value.substr(start, i - start))) {
+                out.push_back(std::move(*id));
+            }
+        }
+    }
+    return out;
+}
+
+ThreadingKeys ThreadingKeys::fromHeaders(std::string_view messageID, std::string_view inReplyTo,
+                                         std::string_view references, std::string_view subject) {
+    ThreadingKeys keys;
+    if (messageID.find('<') != std::string_view::npos) {
+        auto ids = parseIDList(messageID);
+        if (!ids.empty()) keys.messageID = ids.front();
+    } else {
+        keys.messageID = InternetMessageID::normalizing(messageID);
+    }
+    keys.inReplyTo = parseIDList(inReplyTo);
+    keys.references = parseIDList(references);
+    keys.normalizedSubject = normalizeSubject(subject);
+    return keys;
+}
+
+std::string ThreadingKeys::normalizeSubject(std::string_view subject) {
+    std::string s = collapseSpaces(lowerSubject(subject));
+    bool changed = true;
+    while (changed) {
+        changed = false;
+        if (!s.empty() && s.front() == '[') {
+            auto close = s.find(']');
+            if (close != std::string::npos) {
+                std::size_t cut = close + 1;
+                if (cut < s.size() && s[cut] == ' ') ++cut;
+                s.erase(0, cut);
+                changed = true;
+            }
+        }
+        if (std::size_t n = replyPrefixLength(s); n > 0) {
+            s.erase(0, n);
+            changed = true;
+        }
+    }
+    constexpr std::string_view fwdSuffix = "(fwd)";
+    if (s.size() >= fwdSuffix.size() &&
+        s.compare(s.size() - fwdSuffix.size(), fwdSuffix.size(), fwdSuffix) == 0) {
+        s.erase(s.size() - fwdSuffix.size());
+    }
+    return collapseSpaces(s);
+}
+
+std::vector<std::string> ThreadingKeys::referenceKeys() const {
+    std::vector<std::string> keys;
+    auto add = [&](const InternetMessageID& id) {
+        std::string key = id.normalizedKey();
+        if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(std::move(key));
+    };
+    for (const auto& id : inReplyTo) add(id);
+    for (const auto& id : references) add(id);
+    return keys;
+}
+
+Json ThreadingKeys::toJson() const {
+    Json json = Json::object();
+    json["messageID"] = messageID ? Json(messageID->value()) : Json(nullptr);
+    Json irt = Json::array();
+    for (const auto& id : inReplyTo) irt.push_back(id.value());
+    json["inReplyTo"] = std::move(irt);
+    Json refs = Json::array();
+    for (const auto& id : references) refs.push_back(id.value());
+    json["references"] = std::move(refs);
+    json["normalizedSubject"] = normalizedSubject;
+    return json;
+}
+
+ThreadingKeys ThreadingKeys::fromJson(const Json& json) {
+    auto fail = [] {
+        return MailError::storage(StorageFailureKind::other,
+                                  "stored value is not decodable as ThreadingKeys");
+    };
+    if (!json.is_object()) throw fail();
+    ThreadingKeys keys;
+    auto readList = [&](const char* name, std::vector<InternetMessageID>& out) {
+        auto it = json.find(name);
+        if (it == json.end() || !it->is_array()) throw fail();
+        for (const auto& item : *it) {
+            if (!item.is_string()) throw fail();
+            if (auto id = InternetMessageID::normalizing(item.get<std::string>())) {
+                out.push_back(*id);
+            }
+        }
+    };
+    auto mid = json.find("messageID");
+    if (mid != json.end() && !mid->is_null()) {
+        if (!mid->is_string()) throw fail();
+        keys.messageID = InternetMessageID::normalizing(mid->get<std::string>());
+    }
+    readList("inReplyTo", keys.inReplyTo);
+    readList("references", keys.references);
+    auto subject = json.find("normalizedSubject");
+    if (subject == json.end() || !subject->is_string()) throw fail();
+    keys.normalizedSubject = subject->get<std::string>();
+    return keys;
+}
+
+}  // namespace mailcore

@@ -1,0 +1,119 @@
+// A process killed in the middle of a large upsertSync leaves the database
+// consistent: the whole batch or none of it.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <nlohmann/json.hpp>
+
+#include "StoreTestSupport.h"
+
+namespace mailcore {
+namespace {
+
+using testing::message;
+using testing::TempDir;
+
+constexpr int batchSize = 4000;
+
+std::vector<MessageIndexFields> bigBatch(const AccountID& account, FolderID folder,
+                                         std::uint32_t firstUID) {
+    std::vector<MessageIndexFields> batch;
+    for (int i = 0; i < batchSize; ++i) {
+        std::uint32_t uid = firstUID + static_cast<std::uint32_t>(i);
+        std::string id = "<" + std::to_string(uid) + "@crash.test>";
+        std::string parent = i % 3 ? "<" + std::to_string(uid - 1) + "@crash.test>" : "";
+        auto f = message(account, folder, uid, id, parent, parent,
+                         "Subject number " + std::to_string(i % 50),
+                         "p" + std::to_string(i % 17) + "@x", "q@x", 1000 + i);
+        f.snippet = "snippet words " + std::to_string(i);
+        batch.push_back(std::move(f));
+    }
+    return batch;
+}
+
+struct Counts {
+    std::int64_t messages, search, participants, orphanThreads, folderTotal;
+};
+
+Counts countsOf(SQLiteMailStore& store) {
+    return store.read([](SQLiteDatabase& db) {
+        auto integrity = db.queryOne<std::string>("PRAGMA integrity_check", {},
+                                                  [](const SQLRow& r) { return r.text(0); });
+        EXPECT_EQ(integrity, "ok");
+        EXPECT_FALSE(db.scalarInt("SELECT 1 FROM pragma_foreign_key_check").has_value());
+        return Counts{
+            *db.scalarInt("SELECT COUNT(*) FROM messages"),
+            *db.scalarInt("SELECT COUNT(*) FROM message_search"),
+            *db.scalarInt("SELECT COUNT(*) FROM participants"),
+            *db.scalarInt("SELECT COUNT(*) FROM threads t WHERE NOT EXISTS (SELECT 1 FROM messages "
+                          "m WHERE m.thread_id = t.id)"),
+            *db.scalarInt("SELECT total_count FROM folders WHERE path = 'INBOX'"),
+        };
+    });
+}
+
+TEST(CrashSafetyTest, KilledBatchIsAllOrNothing) {
+    TempDir dir;
+    std::string path = dir.file("mail.db");
+    AccountID account("acct");
+    FolderID inbox;
+    {
+        SQLiteMailStore store(StoreLocation::file(path));
+        store.saveAccount(account, Json::object(), testing::at(1));
+        inbox = store.createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
+        store.upsertSync({message(account, inbox, 1, "<seed@x>", "", "", "seed")});
+    }
+    std::int64_t expected = 1;
+    int killedMidway = 0;
+    const int delaysMs[] = {15, 60, 150, 400};
+    std::uint32_t nextUID = 10;
+    for (int delay : delaysMs) {
+        auto batch = bigBatch(account, inbox, nextUID);
+        nextUID += batchSize;
+        int ready[2];
+        ASSERT_EQ(::pipe(ready), 0);
+        pid_t pid = ::fork();
+        ASSERT_GE(pid, 0);
+        if (pid == 0) {
+            ::close(ready[0]);
+            try {
+                SQLiteMailStore store(StoreLocation::file(path));
+                char byte = 1;
+                if (::write(ready[1], &byte, 1) != 1) ::_exit(2);
+                store.upsertSync(batch);
+            } catch (...) {
+                ::_exit(1);
+            }
+            ::_exit(0);
+        }
+        ::close(ready[1]);
+        char byte = 0;
+        ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+        ::close(ready[0]);
+        ::usleep(static_cast<useconds_t>(delay) * 1000);
+        ::kill(pid, SIGKILL);
+        int status = 0;
+        ::waitpid(pid, &status, 0);
+        bool killed = WIFSIGNALED(status);
+        if (!killed) ASSERT_EQ(WEXITSTATUS(status), 0);
+
+        SQLiteMailStore store(StoreLocation::file(path));
+        Counts c = countsOf(store);
+        ASSERT_TRUE(c.messages == expected || c.messages == expected + batchSize)
+            << "delay " << delay << ": " << c.messages << " messages";
+        bool applied = c.messages == expected + batchSize;
+        if (killed && !applied) ++killedMidway;
+        expected = c.messages;
+        EXPECT_EQ(c.search, c.messages);
+        EXPECT_EQ(c.participants, 2 * c.messages);  // one sender and one recipient each
+        EXPECT_EQ(c.orphanThreads, 0);
+        EXPECT_EQ(c.folderTotal, c.messages);
+    }
+    // At least one kill must have landed inside a batch for the test to mean anything.
+    EXPECT_GT(killedMidway, 0);
+}
+
+}  // namespace
+}  // namespace mailcore
