@@ -387,6 +387,32 @@ TEST(SocketTLSTransportTest, ResetsAndClosesAreMappedAsWritten) {
     }
 }
 
+// The transport writes with its own socket calls, so a write to a peer
+// that is gone fails with "connection lost" instead of raising SIGPIPE
+// (which is not ignored in this test process).
+TEST(SocketTLSTransportTest, WritesToAVanishedPeerFailWithoutSIGPIPE) {
+    const TestPKI& pki = TestPKI::shared();
+    auto server = std::make_unique<OpenSSLServer>(
+        std::vector<std::string>{"-cert", pki.leaf, "-key", pki.leafKey, "-rev"});
+    Connection c("localhost", server->port(), Mode::implicitTLS);
+    c.stream.open();
+    server.reset();  // the server process ends; its socket goes with it
+    const std::string chunk(16384, 'z');
+    std::optional<MailError> failure;
+    for (int i = 0; i < 200 && !failure; ++i) {
+        try {
+            c.stream.writeText(chunk);
+        } catch (const MailError& e) {
+            failure = e;
+        }
+        std::this_thread::sleep_for(5ms);
+    }
+    ASSERT_TRUE(failure.has_value());
+    EXPECT_EQ(*failure, MailError::network(NetworkFailureKind::connectionLost, "connection lost"));
+    // The failure is the transport's for good.
+    EXPECT_EQ(errorOf([&] { c.stream.writeText("x"); }), *failure);
+}
+
 TEST(SocketTLSTransportTest, CloseEndsAWaitingReadAndLaterWrites) {
     const TestPKI& pki = TestPKI::shared();
     OpenSSLServer server({"-cert", pki.leaf, "-key", pki.leafKey, "-rev"});
