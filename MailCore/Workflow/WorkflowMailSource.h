@@ -37,8 +37,8 @@ class WorkflowMailSource {
 public:
     virtual ~WorkflowMailSource() = default;
 
-    // The newest messages of `accounts` (all allowed accounts when empty),
-    // newest first, at most `limit`. May throw; callers treat any exception
+    // The newest messages of `accounts`, newest first, at most `limit`. The
+    // caller always names the accounts; an empty list reads nothing. May throw; callers treat any exception
     // as "the mail could not be read" and never show its text to an agent.
     virtual std::vector<WorkflowMailMessage> recentMessages(const std::vector<std::string>& accounts,
                                                             int limit) = 0;

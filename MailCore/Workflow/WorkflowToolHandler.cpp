@@ -293,9 +293,12 @@ WorkflowToolAnswer WorkflowToolHandler::preview(const WorkflowCaller& caller,
         notes.push_back("Fix the problems to see which messages it would match.");
     } else if (!mail_) {
         notes.push_back("Mail is not available for a preview right now.");
+    } else if (const auto accounts = previewAccounts(*spec, caller); accounts.empty()) {
+        matched = 0;
+        notes.push_back("No mail accounts are available to this app.");
     } else {
         try {
-            const auto messages = mail_->recentMessages(previewAccounts(*spec, caller), previewScanLimit);
+            const auto messages = mail_->recentMessages(accounts, previewScanLimit);
             const bool showSample = has(caller.grantedTools, "search_messages") ||
                                     has(caller.grantedTools, "read_message");
             std::size_t count = 0;

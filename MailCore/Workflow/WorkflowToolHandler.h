@@ -31,7 +31,9 @@ struct WorkflowCaller {
     std::string harnessID;
     std::string harnessName;
     std::vector<std::string> grantedTools;  // the permissions enabled for the harness
-    std::optional<std::vector<std::string>> knownAccounts;  // allowed account keys; none = unchecked
+    // The account keys the harness may use. None skips the account check;
+    // a preview then reads only the accounts its spec names.
+    std::optional<std::vector<std::string>> knownAccounts;
 };
 
 struct WorkflowToolAnswer {

@@ -379,6 +379,16 @@ TEST_F(WorkflowToolHandlerTest, PreviewWithoutSearchPermissionShowsNoSample) {
     EXPECT_NE(result["notes"].dump().find("may not search or read mail"), std::string::npos);
 }
 
+TEST_F(WorkflowToolHandlerTest, PreviewWithoutAllowedAccountsReadsNothing) {
+    source.messages = {mail("1", "anna@example.com", "a@b.c", "invoice")};
+    WorkflowCaller none = claude;
+    none.knownAccounts = std::vector<std::string>{};
+    const Json result = parseJson(call(none, "preview_workflow", args(invoiceSpec)).text);
+    EXPECT_EQ(result["matched_count"], 0);
+    EXPECT_NE(result["notes"].dump().find("No mail accounts are available to this app."), std::string::npos);
+    EXPECT_TRUE(source.requestedAccounts.empty());
+}
+
 TEST_F(WorkflowToolHandlerTest, PreviewWhenMailCannotBeRead) {
     source.fail = true;
     const auto answer = call(claude, "preview_workflow", args(invoiceSpec));
