@@ -35,7 +35,9 @@ void expectValidForSMTP(const std::string& data) {
         ASSERT_NE(end, std::string::npos) << "line without CRLF at " << start;
         const std::string line = data.substr(start, end - start);
         EXPECT_LE(line.size(), 998u) << line.substr(0, 80);
-        if (inHeaders) EXPECT_LE(line.size(), 78u) << line;
+        if (inHeaders) {
+            EXPECT_LE(line.size(), 78u) << line;
+        }
         if (line.empty()) inHeaders = false;
         EXPECT_EQ(line.find('\r'), std::string::npos);
         EXPECT_EQ(line.find('\n'), std::string::npos);

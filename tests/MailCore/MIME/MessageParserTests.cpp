@@ -57,7 +57,7 @@ INSTANTIATE_TEST_SUITE_P(
         SubjectCase{"unknown_charset_word", "=?x-unknown-thing?Q?abc?=", "abc"},
         SubjectCase{"shift_jis_word", "=?shift_jis?B?k/qWe4zq?=", "日本語"},
         SubjectCase{"broken_word_kept", "=?utf-8?B?not base64 at all", "=?utf-8?B?not base64 at all"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& param) { return std::string(param.param.name); });
 
 TEST(MessageParserHeaders, AddressListsKeepDisplayNamesAndGroups) {
     const auto m = parse(
@@ -152,7 +152,7 @@ INSTANTIATE_TEST_SUITE_P(
                     "a\xEF\xBF\xBD\xEF\xBF\xBD" "b\n"},
         CharsetCase{"crlf_to_lf_and_nul_dropped", "; charset=us-ascii", "7bit", "one\ntw\0o\n"s,
                     "one\ntwo\n"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& param) { return std::string(param.param.name); });
 
 // --- body selection ---
 
@@ -271,7 +271,7 @@ INSTANTIATE_TEST_SUITE_P(
                  head + "Content-Type: application/pdf\nContent-Disposition: attachment; filename=x.pdf\n"
                         "Content-Transfer-Encoding: base64\n\nJVBERi0xLjQK\n",
                  "", "", "1 application/pdf x.pdf 9"}),
-    [](const auto& info) { return std::string(info.param.name); });
+    [](const auto& param) { return std::string(param.param.name); });
 
 TEST(MessageParserBody, HasAttachmentsIgnoresInlineResources) {
     const auto related = parse(head +
@@ -468,8 +468,8 @@ INSTANTIATE_TEST_SUITE_P(
         CorpusCase{"msg_44.txt", "a simple multipart", "",
                    "1 text/plain msg.txt 48; 2 text/plain msg.txt 48"},
         CorpusCase{"msg_45.txt", "test", "This is the signed contents.", "" }),
-    [](const auto& info) {
-        std::string n = info.param.file;
+    [](const auto& param) {
+        std::string n = param.param.file;
         return n.substr(0, n.find('.'));
     });
 
