@@ -15,7 +15,8 @@
 // connect, send, startReceive and upgradeToTLS only post a request under
 // lock_ and wake the thread; connect, send and upgradeToTLS then wait for
 // its answer. cancel() never blocks. Receive completions run on the I/O
-// thread. The destructor cancels and joins the thread.
+// thread and must not destroy the transport. The destructor cancels and
+// joins the thread.
 #pragma once
 
 #include <chrono>
