@@ -14,6 +14,7 @@
 #include "KestruneMCPKit/Installer/MCPHarnessCatalog.h"
 #include "KestruneMCPKit/Installer/MCPInstaller.h"
 #include "KestruneMCPKit/Installer/TOMLBlock.h"
+#include "tests/fakes/LinkTestSupport.h"
 
 using namespace mcpkit;
 using namespace installertest;
@@ -471,6 +472,56 @@ TEST_F(MCPInstallerTest, BadFilesGetClearErrorsAndStayIntact) {
             0u);
         fs::remove_all(path, ec);
     }
+}
+
+// Another user: a file it may not read is unreadable; a directory it may not
+// write into fails the install with io, and the file stays as it was.
+TEST_F(MCPInstallerTest, PermissionFailuresLeaveTheFileAlone) {
+    if (!linktest::canSwitchUser()) GTEST_SKIP() << "needs root to act as another user";
+    fs::permissions(home.path(), fs::perms::owner_all | fs::perms::group_read |
+                                     fs::perms::group_exec | fs::perms::others_read |
+                                     fs::perms::others_exec);
+    const std::string original = R"({"mcpServers": {}})";
+    writeFile(configOf("cursor"), original);
+    writeFile(configOf("claude-code"), original);
+    ::chmod(configOf("cursor").c_str(), 0600);
+    ::chmod(configOf("claude-code").c_str(), 0644);
+    ::chmod(configOf("cursor").parent_path().c_str(), 0755);
+
+    auto outcome = [this](const std::string& id, const MCPInstallError::Kind kind,
+                          const std::string& reasonStart) {
+        linktest::OtherUserProcess child([&] {
+            try {
+                installer().install(harness(id), entry);
+            } catch (const MCPInstallError& error) {
+                bool expected = error.kind() == kind && error.reason().rfind(reasonStart, 0) == 0;
+                return expected ? 0 : 1;
+            }
+            return 2;
+        });
+        child.go();
+        return child.wait();
+    };
+    EXPECT_EQ(outcome("cursor", MCPInstallError::Kind::unreadable, "cannot read file"), 0);
+    EXPECT_EQ(outcome("claude-code", MCPInstallError::Kind::io, "could not write the backup"), 0);
+    EXPECT_EQ(readFile(configOf("cursor")), original);
+    EXPECT_EQ(readFile(configOf("claude-code")), original);
+    EXPECT_EQ(filesStartingWith(home.path(), ".claude.json.").size(), 0u);
+}
+
+TEST_F(MCPInstallerTest, ConcurrentChangeBetweenReadAndWriteIsRefused) {
+    writeFile(configOf("cursor"), "{}");
+    MCPConfigFile::Snapshot snapshot = MCPConfigFile::read(configOf("cursor"));
+    writeFile(configOf("cursor"), R"({"edited": "by someone else"})");
+    try {
+        MCPConfigFile::replace(snapshot, "{\"mine\": 1}\n");
+        ADD_FAILURE() << "replace went ahead";
+    } catch (const MCPInstallError& error) {
+        EXPECT_EQ(error.kind(), MCPInstallError::Kind::io);
+        EXPECT_NE(error.reason().find("changed while it was being edited"), std::string::npos);
+    }
+    EXPECT_EQ(readFile(configOf("cursor")), R"({"edited": "by someone else"})");
+    EXPECT_EQ(filesStartingWith(configOf("cursor").parent_path(), "."), std::vector<std::string>{});
 }
 
 TEST_F(MCPInstallerTest, SnippetOnlyHarnessNeverWrites) {

@@ -20,7 +20,7 @@ TEST(MCPCommandLineTest, NoArgumentsMeansServeVersionPrintsAndTheRestIsUsage) {
         {{}, std::nullopt, {}, 0},
         {{"--version"}, 0, {"kestrune-mcp 0.1.0"}, 0},
         {{"--bogus"}, 64, {}, 1},
-        {{"--version", "extra"}, 64, {}, 1},
+        {{"--version", "extra"}, 0, {"kestrune-mcp 0.1.0"}, 0},
     };
     for (const auto& c : cases) {
         std::vector<std::string> out, err;
