@@ -1,6 +1,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <openssl/ssl.h>
 #include <openssl/x509_vfy.h>
 #include <pthread.h>
 #include <sys/socket.h>
@@ -386,6 +387,38 @@ TEST(SocketTLSTransportTest, ResetsAndClosesAreMappedAsWritten) {
                                                                  "connection closed by server"));
         EXPECT_TRUE(c.stream.read(10).empty());
     }
+}
+
+TEST(SocketTLSTransportTest, APlaintextServerOnATLSPortFailsTheHandshakeWithItsReason) {
+    testing::ScriptedServer plain([](int fd) {
+        testing::sendAll(fd, "* OK IMAP server ready, no TLS here\r\n");
+        testing::readLine(fd);
+    });
+    Connection c("localhost", plain.port(), Mode::implicitTLS);
+    EXPECT_EQ(errorOf([&] { c.stream.open(); }),
+              MailError::tls(
+                  TLSFailureKind::handshakeFailed,
+                  "TLS handshake failed (" + std::to_string(SSL_R_WRONG_VERSION_NUMBER) + ")"));
+}
+
+TEST(SocketTLSTransportTest, CloseDuringConnectEndsItAtOnce) {
+    testing::Listener full(0);
+    const int filler = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_port = htons(full.port());
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    ASSERT_EQ(::connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    Connection c("127.0.0.1", full.port(), Mode::plainUntilUpgrade, {}, timeouts(20));
+    auto opening =
+        std::async(std::launch::async, [&] { return errorOf([&] { c.stream.open(); }); });
+    std::this_thread::sleep_for(100ms);
+    const auto started = std::chrono::steady_clock::now();
+    c.stream.close();
+    EXPECT_EQ(opening.get(),
+              MailError::network(NetworkFailureKind::connectionLost, "connection closed"));
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
+    ::close(filler);
 }
 
 // The transport writes with its own socket calls, so a write to a peer
