@@ -537,3 +537,28 @@ TEST_F(MCPInstallerTest, SnippetOnlyHarnessNeverWrites) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(MCPHelperLocatorTest, PrefersHelpersThenMacOSAndNeedsAnExecutable) {
+    TemporaryHome dir;
+    fs::path bundle = dir.path() / "Kestrune.app";
+    EXPECT_FALSE(MCPHelperLocator::helper(bundle));
+
+    fs::path macos = bundle / "Contents/MacOS/kestrune-mcp";
+    writeFile(macos, "#!/bin/sh\n");
+    ::chmod(macos.c_str(), 0644);
+    EXPECT_FALSE(MCPHelperLocator::helper(bundle)) << "not executable";
+    ::chmod(macos.c_str(), 0755);
+    EXPECT_EQ(MCPHelperLocator::helper(bundle), macos);
+
+    fs::path helpers = bundle / "Contents/Helpers/kestrune-mcp";
+    fs::create_directories(helpers);
+    EXPECT_EQ(MCPHelperLocator::helper(bundle), macos) << "a directory is not the helper";
+    fs::remove(helpers);
+    writeFile(helpers, "#!/bin/sh\n");
+    ::chmod(helpers.c_str(), 0755);
+    EXPECT_EQ(MCPHelperLocator::helper(bundle), helpers);
+}
+
+}  // namespace
