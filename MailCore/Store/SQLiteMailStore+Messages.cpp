@@ -135,27 +135,26 @@ ThreadID SQLiteMailStore::assignThread(SQLiteDatabase& db, const MessageIndexFie
         return survivor;
     }
 
+    // Subject fallback. The message joins the thread with the same
+    // normalised subject that shares the most participants with it (the
+    // newest on a tie); at least one must be shared, and two when the
+    // message has two or more, so that an address found on nearly every
+    // message (the mailbox owner's) cannot bridge unrelated conversations.
     const std::string& subject = f.threading.normalizedSubject;
     if (!subject.empty() && !participants.empty()) {
         std::size_t n = std::min(participants.size(), maxParticipantsInQuery);
-        std::vector<SQLValue> values{f.accountID, subject, f.accountID};
+        std::vector<SQLValue> values{f.accountID, subject};
         for (std::size_t i = 0; i < n; ++i) values.emplace_back(participants[i]);
-        auto found = db.scalarInt(
-            "SELECT m.thread_id FROM messages m\nWHERE m.account_id = ? AND m.norm_subject = ?\n"
-            "  AND m.thread_id IN (SELECT m2.thread_id FROM participants p JOIN messages m2 ON "
-            "m2.id = p.message_id\n                      WHERE m2.account_id = ? AND p.email IN (" +
-                placeholders(n) + "))",
-            values);
-        if (found) {
-            std::vector<SQLValue> check{*found};
-            for (std::size_t i = 0; i < n; ++i) check.emplace_back(participants[i]);
-            if (db.scalarInt("SELECT 1 FROM participants p JOIN messages m ON m.id = "
-                             "p.message_id\nWHERE m.thread_id = ? AND p.email IN (" +
-                                 placeholders(n) + ")",
-                             check)) {
-                return ThreadID(*found);
-            }
-        }
+        std::int64_t needed = n >= 2 ? 2 : 1;
+        auto found = db.queryOne<std::pair<std::int64_t, std::int64_t>>(
+            "SELECT m.thread_id, COUNT(DISTINCT p.email) AS shared FROM messages m\n"
+            "JOIN participants p ON p.message_id = m.id\n"
+            "WHERE m.account_id = ? AND m.norm_subject = ? AND p.email IN (" +
+                placeholders(n) +
+                ")\nGROUP BY m.thread_id ORDER BY shared DESC, MAX(m.date) DESC, m.thread_id "
+                "LIMIT 1",
+            values, [](const SQLRow& row) { return std::make_pair(row.int64(0), row.int64(1)); });
+        if (found && found->second >= needed) return ThreadID(found->first);
     }
     db.run("INSERT INTO threads(account_id) VALUES (?)", {f.accountID});
     return ThreadID(db.lastInsertRowID());

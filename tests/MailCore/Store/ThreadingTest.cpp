@@ -147,8 +147,22 @@ TEST_F(ThreadingStoreTest, SubjectFallbackNeedsASharedParticipant) {
     EXPECT_NE(threadOf(emptySubject), threadOf(first));
     EXPECT_NE(threadOf(emptySubject2), threadOf(emptySubject));
     // Participants compare without regard to ASCII case.
-    auto shouted = put(6, "<h3@x>", "", "", "HELLO", "CAT@X", "zed@x");
+    auto shouted = put(6, "<h3@x>", "", "", "HELLO", "CAT@X", "dan@x");
     EXPECT_EQ(threadOf(shouted), threadOf(strangers));
+}
+
+TEST_F(ThreadingStoreTest, OneCommonAddressDoesNotBridgeConversations) {
+    // The mailbox owner is on every message; two people writing to them
+    // with the same subject are two conversations.
+    auto fromAnn = put(1, "<a@x>", "", "", "Meeting", "ann@x", "me@x");
+    auto fromCat = put(2, "<c@x>", "", "", "Meeting", "cat@x", "me@x");
+    EXPECT_NE(threadOf(fromCat), threadOf(fromAnn));
+    // A reply without threading headers finds its own conversation.
+    auto catAgain = put(3, "", "", "", "Re: meeting", "me@x", "cat@x");
+    EXPECT_EQ(threadOf(catAgain), threadOf(fromCat));
+    // A message with a single address needs only that one.
+    auto note = put(4, "<n@x>", "", "", "Meeting", "ann@x", "");
+    EXPECT_EQ(threadOf(note), threadOf(fromAnn));
 }
 
 TEST_F(ThreadingStoreTest, InvalidMessageIDThreadsByReferenceOnly) {

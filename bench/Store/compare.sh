@@ -1,0 +1,93 @@
+#!/usr/bin/env bash
+# Measures the mail store side by side with notmuch and mu on one generated
+# corpus, on this machine, in one run.
+#
+#   bench/Store/compare.sh [MESSAGES] [WORKDIR]
+#
+# MESSAGES defaults to 100000; WORKDIR to /dev/shm/kestrune-store-bench-MESSAGES
+# (a memory file system, so that every tool's fsync costs the same: nothing).
+# Needs the Debian packages notmuch and maildir-utils (benchmarking only; the
+# project's setup script does not install them). Results go to
+# WORKDIR/results/*.json and a summary to standard output.
+set -euo pipefail
+
+messages="${1:-100000}"
+work="${2:-/dev/shm/kestrune-store-bench-${messages}}"
+root="$(cd "$(dirname "$0")/../.." && pwd)"
+corpus="$work/corpus"
+results="$work/results"
+mkdir -p "$work" "$results"
+
+for tool in notmuch mu python3; do
+  command -v "$tool" >/dev/null || { echo "compare.sh: $tool is not installed" >&2; exit 1; }
+done
+
+if [ ! -f "$corpus/summary.json" ] || \
+   [ "$(python3 -c 'import json,sys; print(json.load(open(sys.argv[1]))["messages"])' "$corpus/summary.json")" != "$messages" ]; then
+  echo "== generating $messages messages into $corpus"
+  python3 "$root/bench/corpus/generate_corpus.py" --messages "$messages" --out "$corpus"
+fi
+
+echo "== building store_bench (release)"
+(cd "$root" && cmake --preset release >/dev/null && cmake --build --preset release --target store_bench -j2 >/dev/null)
+bench="$root/build/release/bench/Store/store_bench"
+
+echo "== store: upsertSync, threading, search, lists"
+mkdir -p "$work/store"
+"$bench" run --corpus "$corpus" --db "$work/store/mail.db" --batch 500 --repeat 5 > "$results/store.json"
+
+echo "== notmuch new"
+rm -rf "$work/notmuch"; mkdir -p "$work/notmuch"
+cat > "$work/notmuch/config" <<CONF
+[database]
+path=$corpus/Maildir
+mail_root=$corpus/Maildir
+[new]
+tags=
+[maildir]
+synchronize_flags=false
+CONF
+rm -rf "$corpus/Maildir/.notmuch"
+start=$(date +%s.%N)
+NOTMUCH_CONFIG="$work/notmuch/config" notmuch new --quiet
+end=$(date +%s.%N)
+python3 -c "import json,sys; n=int(sys.argv[3]); s=float(sys.argv[2])-float(sys.argv[1]); print(json.dumps({'seconds': round(s,2), 'perSecond': round(n/s,1)}))" \
+  "$start" "$end" "$messages" > "$results/notmuch-new.json"
+
+echo "== mu index"
+rm -rf "$work/mu"
+mu init --muhome="$work/mu" --maildir="$corpus/Maildir" >/dev/null
+start=$(date +%s.%N)
+mu index --muhome="$work/mu" --quiet >/dev/null 2>&1
+end=$(date +%s.%N)
+python3 -c "import json,sys; n=int(sys.argv[3]); s=float(sys.argv[2])-float(sys.argv[1]); print(json.dumps({'seconds': round(s,2), 'perSecond': round(n/s,1)}))" \
+  "$start" "$end" "$messages" > "$results/mu-index.json"
+
+echo "== search as whole processes"
+python3 "$root/bench/Store/compare_peers.py" search --corpus "$corpus" --store-bench "$bench" \
+  --db "$work/store/mail.db" --notmuch-config "$work/notmuch/config" --muhome "$work/mu" --repeat 3 \
+  > "$results/search-processes.json"
+
+echo "== peers' threading"
+python3 "$root/bench/Store/compare_peers.py" threads --corpus "$corpus" \
+  --notmuch-config "$work/notmuch/config" --muhome "$work/mu" > "$results/peer-threading.json"
+
+python3 - "$results" <<'PY'
+import json, os, sys
+r = sys.argv[1]
+load = lambda n: json.load(open(os.path.join(r, n)))
+s, sp, pt = load("store.json"), load("search-processes.json"), load("peer-threading.json")
+nm, mu = load("notmuch-new.json"), load("mu-index.json")
+print("messages: %d (batches of %d)" % (s["messages"], s["batchSize"]))
+print("store upsertSync: %.0f msg/s headers; %.0f msg/s with bodies" % (s["write"]["upsertSyncPerSecond"], s["write"]["withBodiesPerSecond"]))
+print("notmuch new: %.0f msg/s, mu index: %.0f msg/s (whole import from Maildir, MIME parsing included)" % (nm["perSecond"], mu["perSecond"]))
+print("search in-process (store): median %.2f ms, p99 %.2f ms" % (s["search"]["medianMs"], s["search"]["p99Ms"]))
+for t in ("store", "notmuch", "mu"):
+    print("search whole process %-8s median %.2f ms, p99 %.2f ms, queries with hits %d/50" % (t, sp[t]["medianMs"], sp[t]["p99Ms"], sp[t]["queriesWithHits"]))
+for k, v in s["lists"].items():
+    print("list %-18s median %.2f ms, p99 %.2f ms (%d rows)" % (k, v["medianMs"], v["p99Ms"], v["rows"]))
+th = s["threading"]
+print("threading store:   precision %.4f recall %.4f" % (th["precision"], th["recall"]))
+for t in ("notmuch", "mu"):
+    print("threading %-7s: precision %.4f recall %.4f" % (t, pt[t]["precision"], pt[t]["recall"]))
+PY
