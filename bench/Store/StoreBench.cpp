@@ -8,9 +8,7 @@
 //   store_bench query --db FILE TEXT
 //       One search in a fresh process (for timing whole processes against
 //       other tools); prints the number of hits.
-#include "MailCore/Store/SQLiteMailStore.h"
-
-#include <nlohmann/json.hpp>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -19,9 +17,12 @@
 #include <fstream>
 #include <iostream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "MailCore/Store/SQLiteMailStore.h"
 
 using namespace mailcore;
 using Clock_ = std::chrono::steady_clock;
@@ -30,6 +31,15 @@ namespace {
 
 double msSince(Clock_::time_point start) {
     return std::chrono::duration<double, std::milli>(Clock_::now() - start).count();
+}
+
+// CPU seconds used by this process so far (user + system). On a machine
+// shared with other work, CPU time is steadier than wall time.
+double cpuSeconds() {
+    rusage usage{};
+    ::getrusage(RUSAGE_SELF, &usage);
+    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
+           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
 }
 
 double percentile(std::vector<double> v, double p) {
@@ -61,18 +71,17 @@ Record toRecord(const nlohmann::json& j, const AccountID& account, FolderID fold
     f.accountID = account;
     f.folderID = folder;
     f.uid = IMAPUID(j["uid"].get<std::uint32_t>());
-    f.threading = ThreadingKeys::fromHeaders(j["messageID"].get<std::string>(),
-                                             j["inReplyTo"].get<std::string>(),
-                                             j["references"].get<std::string>(),
-                                             j["subject"].get<std::string>());
+    f.threading = ThreadingKeys::fromHeaders(
+        j["messageID"].get<std::string>(), j["inReplyTo"].get<std::string>(),
+        j["references"].get<std::string>(), j["subject"].get<std::string>());
     f.subject = j["subject"].get<std::string>();
     f.from = addresses(j["from"]);
     f.to = addresses(j["to"]);
     f.cc = addresses(j["cc"]);
     f.date = dateFromSeconds(j["date"].get<double>());
     f.internalDate = f.date;
-    f.flags.system = (j["seen"].get<bool>() ? MessageFlags::seen : 0) |
-                     (j["flagged"].get<bool>() ? MessageFlags::flagged : 0);
+    f.flags.system = (j["seen"].get<bool>() ? std::int64_t{MessageFlags::seen} : 0) |
+                     (j["flagged"].get<bool>() ? std::int64_t{MessageFlags::flagged} : 0);
     f.size = j["size"].get<std::int64_t>();
     f.hasAttachments = j["hasAttachments"].get<bool>();
     f.snippet = j["snippet"].get<std::string>();
@@ -111,7 +120,8 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
     SQLiteMailStore store(StoreLocation::file(dbPath));
     AccountID account("bench");
     store.saveAccount(account, nlohmann::ordered_json::object(), dateFromSeconds(0));
-    FolderID inbox = store.createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
+    FolderID inbox =
+        store.createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
 
     std::vector<Record> records;
     {
@@ -127,15 +137,17 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
     }
 
     // Writes: headers through upsertSync, then the batch's bodies, batch by batch.
-    double upsertMs = 0, bodyMs = 0;
+    double upsertMs = 0, bodyMs = 0, upsertCPU = 0, bodyCPU = 0;
     std::unordered_map<std::int64_t, std::int64_t> truthByMessage;
     for (std::size_t start = 0; start < records.size(); start += batchSize) {
         std::size_t end = std::min(records.size(), start + batchSize);
         std::vector<MessageIndexFields> batch;
         for (std::size_t i = start; i < end; ++i) batch.push_back(records[i].fields);
         auto t0 = Clock_::now();
+        double c0 = cpuSeconds();
         auto ids = store.upsertSync(batch);
         upsertMs += msSince(t0);
+        upsertCPU += cpuSeconds() - c0;
         std::vector<std::pair<MessageID, StoredBody>> bodies;
         for (std::size_t i = start; i < end; ++i) {
             StoredBody b;
@@ -146,8 +158,10 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
             truthByMessage[ids[i - start].value] = records[i].thread;
         }
         t0 = Clock_::now();
+        c0 = cpuSeconds();
         store.saveBodies(bodies);
         bodyMs += msSince(t0);
+        bodyCPU += cpuSeconds() - c0;
     }
     double n = static_cast<double>(records.size());
     nlohmann::json out;
@@ -156,7 +170,11 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
     out["write"] = {{"upsertSyncSeconds", upsertMs / 1000},
                     {"upsertSyncPerSecond", n / (upsertMs / 1000)},
                     {"bodiesSeconds", bodyMs / 1000},
-                    {"withBodiesPerSecond", n / ((upsertMs + bodyMs) / 1000)}};
+                    {"withBodiesPerSecond", n / ((upsertMs + bodyMs) / 1000)},
+                    {"upsertSyncCPUSeconds", upsertCPU},
+                    {"upsertSyncPerCPUSecond", n / upsertCPU},
+                    {"bodiesCPUSeconds", bodyCPU},
+                    {"withBodiesPerCPUSecond", n / (upsertCPU + bodyCPU)}};
     struct stat st {};
     if (::stat(dbPath.c_str(), &st) == 0) out["databaseBytes"] = st.st_size;
 
@@ -180,6 +198,7 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
         }
     }
     std::vector<double> samples;
+    double searchCPU0 = cpuSeconds();
     nlohmann::json perQuery = nlohmann::json::array();
     for (const auto& q : queries) {
         std::vector<double> times;
@@ -192,8 +211,10 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
         samples.insert(samples.end(), times.begin(), times.end());
         perQuery.push_back({{"query", q}, {"hits", hits}, {"medianMs", percentile(times, 0.5)}});
     }
+    double searchCPU = cpuSeconds() - searchCPU0;
     out["search"] = {{"queries", queries.size()},
                      {"repeat", repeat},
+                     {"meanCPUMs", searchCPU * 1000 / static_cast<double>(samples.size())},
                      {"medianMs", percentile(samples, 0.5)},
                      {"p99Ms", percentile(samples, 0.99)},
                      {"perQuery", perQuery}};
@@ -203,8 +224,9 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
         return db.queryOne<PageCursor>(
             "SELECT date, id FROM messages WHERE folder_id = ? ORDER BY date DESC, id DESC LIMIT 1 "
             "OFFSET ?",
-            {inbox, static_cast<std::int64_t>(records.size() / 2)},
-            [](const SQLRow& row) { return PageCursor{row.date(0), row.id<MessageID>(1)}; });
+            {inbox, static_cast<std::int64_t>(records.size() / 2)}, [](const SQLRow& row) {
+                return PageCursor{row.date(0), row.id<MessageID>(1)};
+            });
     });
     nlohmann::json lists = nlohmann::json::object();
     for (bool collapsed : {false, true}) {
@@ -221,8 +243,8 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
                 rows = store.messages(q).rows.size();
                 times.push_back(msSince(t0));
             }
-            std::string key = std::string(collapsed ? "collapsed" : "plain") +
-                              (deep ? "DeepPage" : "FirstPage");
+            std::string key =
+                std::string(collapsed ? "collapsed" : "plain") + (deep ? "DeepPage" : "FirstPage");
             lists[key] = {{"medianMs", percentile(times, 0.5)},
                           {"p99Ms", percentile(times, 0.99)},
                           {"rows", rows}};

@@ -5,6 +5,7 @@ Called by compare.sh after the corpus exists and every index is built:
   compare_peers.py search  --corpus DIR --store-bench BIN --db FILE
                            --notmuch-config FILE --muhome DIR [--repeat N]
   compare_peers.py threads --corpus DIR --notmuch-config FILE --muhome DIR
+  compare_peers.py time --messages N -- COMMAND...
 
 `search` times each of the corpus's 50 queries as whole processes (the store's
 one-shot query mode, `notmuch search`, `mu find`), `repeat` times each, and
@@ -42,10 +43,15 @@ def mu_query(q):
 
 
 def timed(cmd, env=None):
+    """Wall milliseconds, CPU milliseconds (user + system) and output of one process."""
     start = time.perf_counter()
-    out = subprocess.run(cmd, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
+    proc = subprocess.Popen(cmd, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, env=env)
+    out = proc.stdout.read()
+    proc.stdout.close()
+    _, _, usage = os.wait4(proc.pid, 0)
+    proc.returncode = 0
     elapsed = (time.perf_counter() - start) * 1000
-    return elapsed, out.stdout
+    return elapsed, (usage.ru_utime + usage.ru_stime) * 1000, out
 
 
 def search(args):
@@ -58,13 +64,14 @@ def search(args):
     }
     result = {}
     for name, make in tools.items():
-        samples, hits = [], []
+        samples, cpu, hits = [], [], []
         for q in queries:
             cmd, env = make(q)
             subprocess.run(cmd, stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL, env=env)  # warm
             for _ in range(args.repeat):
-                ms, out = timed(cmd, env)
+                ms, cpu_ms, out = timed(cmd, env)
                 samples.append(ms)
+                cpu.append(cpu_ms)
             text = out.decode("utf-8", "replace").strip()
             if name == "store":
                 hits.append(int(text or "0"))
@@ -72,6 +79,8 @@ def search(args):
                 hits.append(len([l for l in text.splitlines() if l.strip()]))
         result[name] = {"medianMs": round(percentile(samples, 0.5), 2),
                         "p99Ms": round(percentile(samples, 0.99), 2),
+                        "cpuMedianMs": round(percentile(cpu, 0.5), 2),
+                        "cpuP99Ms": round(percentile(cpu, 0.99), 2),
                         "queriesWithHits": sum(1 for h in hits if h > 0),
                         "hitsPerQuery": hits}
     print(json.dumps(result, indent=2))
@@ -132,7 +141,22 @@ def threads(args):
     print(json.dumps(result, indent=2))
 
 
+def time_command(args):
+    wall, cpu, _ = timed(args.command)
+    n = args.messages
+    print(json.dumps({"seconds": round(wall / 1000, 2), "cpuSeconds": round(cpu / 1000, 2),
+                      "perSecond": round(n / (wall / 1000), 1), "perCPUSecond": round(n / (cpu / 1000), 1)}))
+
+
 def main():
+    if len(sys.argv) > 1 and sys.argv[1] == "time":
+        # time --messages N -- COMMAND...
+        if len(sys.argv) < 6 or sys.argv[2] != "--messages" or sys.argv[4] != "--":
+            print("usage: compare_peers.py time --messages N -- COMMAND...", file=sys.stderr)
+            return 64
+        args = argparse.Namespace(messages=int(sys.argv[3]), command=sys.argv[5:])
+        time_command(args)
+        return 0
     ap = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
     ap.add_argument("mode", choices=["search", "threads"])
     ap.add_argument("--corpus", required=True)
