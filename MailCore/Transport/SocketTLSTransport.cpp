@@ -446,15 +446,44 @@ std::optional<MailError> SocketTLSTransport::openSocket(Session& session, Deadli
     if (host_.empty() || port_ == 0) {
         return MailError::network(NetworkFailureKind::other, "invalid endpoint");
     }
-    addrinfo hints{};
-    hints.ai_family = AF_UNSPEC;
-    hints.ai_socktype = SOCK_STREAM;
+    // The name is resolved on a helper thread of its own so that a slow
+    // resolver cannot hold the connection past its deadline or a cancel; a
+    // late answer is dropped with the shared state.
+    struct Resolution {
+        std::mutex lock;
+        std::condition_variable done;
+        bool finished = false;
+        addrinfo* addresses = nullptr;
+        ~Resolution() {
+            if (addresses) freeaddrinfo(addresses);
+        }
+    };
+    auto resolution = std::make_shared<Resolution>();
+    std::thread([resolution, host = host_, port = std::to_string(port_)] {
+        addrinfo hints{};
+        hints.ai_family = AF_UNSPEC;
+        hints.ai_socktype = SOCK_STREAM;
+        addrinfo* found = nullptr;
+        if (getaddrinfo(host.c_str(), port.c_str(), &hints, &found) != 0) found = nullptr;
+        std::lock_guard lock(resolution->lock);
+        resolution->addresses = found;
+        resolution->finished = true;
+        resolution->done.notify_all();
+    }).detach();
     addrinfo* addresses = nullptr;
-    if (getaddrinfo(host_.c_str(), std::to_string(port_).c_str(), &hints, &addresses) != 0 ||
-        !addresses) {
-        return MailError::network(NetworkFailureKind::dnsFailure, "host not found");
+    {
+        std::unique_lock lock(resolution->lock);
+        while (!resolution->finished) {
+            if (isClosed()) return connectionClosed();
+            if (SteadyClock::now() >= deadline) {
+                return MailError::network(NetworkFailureKind::timeout, "connect timed out");
+            }
+            resolution->done.wait_for(
+                lock, std::chrono::milliseconds(millisecondsUntil(deadline, 50) + 1));
+        }
+        addresses = resolution->addresses;
     }
-    std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(addresses, &freeaddrinfo);
+    if (!addresses) return MailError::network(NetworkFailureKind::dnsFailure, "host not found");
     std::optional<MailError> last;
     for (const addrinfo* a = addresses; a; a = a->ai_next) {
         const int fd = ::socket(a->ai_family, a->ai_socktype, a->ai_protocol);

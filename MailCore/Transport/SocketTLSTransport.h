@@ -64,9 +64,11 @@ public:
     SocketTLSTransport(const SocketTLSTransport&) = delete;
     SocketTLSTransport& operator=(const SocketTLSTransport&) = delete;
 
-    // Resolution failures give network(dnsFailure, "host not found"); a TCP
-    // connection not made in time network(timeout, "connect timed out");
-    // refused or unreachable addresses their mapErrno failure.
+    // Resolution failures give network(dnsFailure, "host not found"); a name
+    // not resolved and connected in time network(timeout, "connect timed
+    // out"); refused or unreachable addresses their mapErrno failure (the
+    // last address tried decides); a cancel meanwhile network(connectionLost,
+    // "connection closed").
     void connect(double timeoutSeconds) override;
     void startReceive(int maxLength, ReceiveCompletion completion) override;
     void send(const Bytes& bytes) override;
