@@ -93,6 +93,7 @@ endfunction()
 # Adds every immediate subdirectory (recursively) that has a CMakeLists.txt.
 function(kestrune_add_subdirectories)
   file(GLOB_RECURSE lists CONFIGURE_DEPENDS "${CMAKE_CURRENT_SOURCE_DIR}/*/CMakeLists.txt")
+  list(FILTER lists EXCLUDE REGEX "/node_modules/")
   list(SORT lists)
   foreach(l ${lists})
     get_filename_component(d "${l}" DIRECTORY)
