@@ -213,6 +213,9 @@ mailcore::Json listing(const std::vector<MCPToolSpec>& specs) {
     return tools;
 }
 
-mailcore::Json staticListing() { return listing(all()); }
+mailcore::Json staticListing() {
+    static const mailcore::Json tools = listing(all());
+    return tools;
+}
 
 }  // namespace mcpkit::MCPTools
