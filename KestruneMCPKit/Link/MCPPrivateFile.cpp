@@ -54,7 +54,12 @@ std::string temporaryName(const fs::path& path) {
         suffix.push_back(hex[b >> 4]);
         suffix.push_back(hex[b & 0x0F]);
     }
-    return "." + path.filename().string() + ".tmp-" + suffix;
+    // Built by appending: g++ 12 reports a false -Wrestrict on "." + string.
+    std::string name = ".";
+    name += path.filename().string();
+    name += ".tmp-";
+    name += suffix;
+    return name;
 }
 
 }  // namespace

@@ -31,12 +31,11 @@ constexpr int listenBacklog = 16;
 
 void nameThisThread(const char* name) {
     // Linux allows 15 characters; the name is cut there.
-    char shortName[16] = {};
-    std::snprintf(shortName, sizeof shortName, "%s", name);
+    const std::string shortName = std::string(name).substr(0, 15);
 #if defined(__APPLE__)
-    pthread_setname_np(shortName);
+    pthread_setname_np(shortName.c_str());
 #else
-    pthread_setname_np(pthread_self(), shortName);
+    pthread_setname_np(pthread_self(), shortName.c_str());
 #endif
 }
 

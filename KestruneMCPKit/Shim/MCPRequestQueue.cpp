@@ -37,12 +37,12 @@ void MCPRequestQueue::wait() {
 }
 
 void MCPRequestQueue::work() {
-    char name[16] = {};
-    std::snprintf(name, sizeof name, "%s", label_.c_str());
+    // Linux allows 15 characters; the label is cut there.
+    const std::string name = label_.substr(0, 15);
 #if defined(__APPLE__)
-    pthread_setname_np(name);
+    pthread_setname_np(name.c_str());
 #else
-    pthread_setname_np(pthread_self(), name);
+    pthread_setname_np(pthread_self(), name.c_str());
 #endif
     std::unique_lock guard(lock_);
     for (;;) {
