@@ -7,6 +7,7 @@
 //    helper's peak resident memory as a counter.
 // Run: build/release/bench/Link/link_bench --benchmark_repetitions=10
 //      --benchmark_report_aggregates_only=true
+#include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <spawn.h>
@@ -14,11 +15,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
-
 #include <chrono>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 #include <string>
 
