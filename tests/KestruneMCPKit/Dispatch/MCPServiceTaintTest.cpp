@@ -191,17 +191,21 @@ TEST_F(MCPServiceTaintTest, NothingHappensThatThePolicyForbids) {
             const int searchesBefore = backend->searchCount();
             const auto reply = callRaw(tool, args);
             const std::string trace = tool + " restriction " + std::to_string(r);
-            EXPECT_EQ(backend->writeCount(), 0) << trace;
+            // A tainted session may still make a few label writes without asking.
+            const bool labelWrite = tool == "mark_read" || tool == "apply_label";
+            EXPECT_EQ(backend->writeCount(), r == taintedDeclined && labelWrite ? 1 : 0) << trace;
             EXPECT_TRUE(backend->sent().empty()) << trace;
             EXPECT_TRUE(backend->drafts().empty()) << trace;
             if (r == taintedDeclined) {
-                // Reads still work; every write and workflow change was declined.
-                const bool write = tool == "mark_read" || tool == "apply_label" ||
-                                   tool == "create_draft" || tool == "send_message" ||
-                                   tool == "create_workflow" || tool == "update_workflow" ||
-                                   tool == "delete_workflow";
-                if (write && tool != "mark_read" && tool != "apply_label") {
+                // Drafts, sends and workflow changes were shown to the user, who declined.
+                if (tool == "create_workflow" || tool == "update_workflow" ||
+                    tool == "delete_workflow") {
                     EXPECT_TRUE(workflows->calls().empty()) << trace;
+                    EXPECT_EQ(reply["isError"], true) << trace;
+                }
+                if (tool == "create_draft" || tool == "send_message") {
+                    EXPECT_FALSE(confirmer->writes().empty() && confirmer->sends().empty())
+                        << trace;
                 }
                 continue;
             }
