@@ -35,9 +35,12 @@ void addMailSection(MCPConfirmationDisplay& display, const std::vector<MCPMailRe
 
 const char* toString(MCPConfirmOutcome outcome) {
     switch (outcome) {
-        case MCPConfirmOutcome::confirmed: return "confirmed";
-        case MCPConfirmOutcome::declined: return "declined";
-        case MCPConfirmOutcome::timedOut: return "timed_out";
+        case MCPConfirmOutcome::confirmed:
+            return "confirmed";
+        case MCPConfirmOutcome::declined:
+            return "declined";
+        case MCPConfirmOutcome::timedOut:
+            return "timed_out";
     }
     return "declined";
 }
@@ -71,8 +74,7 @@ MCPConfirmationDisplay MCPConfirmationDisplay::write(const MCPWriteRequest& requ
     d.subtitle = MCPDisplayText::line(request.reason, 400);
     d.rows.push_back({"Action", MCPDisplayText::line(request.action, 60)});
     d.detailTitle = "Exactly what it asked for";
-    const auto detail =
-        MCPDisplayText::block(request.action + "\n" + request.arguments, 3000, 60);
+    const auto detail = MCPDisplayText::block(request.action + "\n" + request.arguments, 3000, 60);
     d.detail = detail.text;
     d.detailOmitted = detail.omitted;
     addMailSection(d, request.mailRead, request.mailReadTotal);

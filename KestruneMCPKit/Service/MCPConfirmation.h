@@ -66,7 +66,7 @@ struct MCPConfirmationDisplay {
     std::vector<Row> rows;
     std::string detailTitle;
     std::string detail;
-    int detailOmitted = 0;                  // lines left out of the detail
+    int detailOmitted = 0;                   // lines left out of the detail
     std::optional<std::string> mailHeading;  // present when the session read mail
     std::vector<std::string> mailLines;
     bool isSend = false;

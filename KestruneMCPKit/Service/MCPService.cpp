@@ -149,8 +149,7 @@ Json MCPService::respond(const Json& request) {
     }
 }
 
-Json MCPService::call(const MCPHarnessRecord& harness, const MCPState& state,
-                      const Json& request) {
+Json MCPService::call(const MCPHarnessRecord& harness, const MCPState& state, const Json& request) {
     CallContext ctx;
     ctx.harness = harness;
     ctx.settings = state.settings;

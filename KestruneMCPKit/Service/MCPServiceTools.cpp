@@ -1,12 +1,11 @@
 // The bodies of the eight core tools and the workflow-tool routing.
-#include <pcre2.h>
-
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Service/MCPSanitizer.h"
 #include "KestruneMCPKit/Service/MCPServiceContext.h"
 #include "KestruneMCPKit/Service/MCPTools.h"
+#include "MailCore/AI/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {
@@ -37,8 +36,8 @@ std::optional<std::string> optionalString(const Json& a, const std::string& name
     if (!it->is_string()) throw MCPToolError(quoted(name) + " must be a string.");
     std::string value = it->get<std::string>();
     if (utf8::characterCount(value) > maxCharacters) {
-        throw MCPToolError(quoted(name) + " is too long (at most " +
-                           std::to_string(maxCharacters) + " characters).");
+        throw MCPToolError(quoted(name) + " is too long (at most " + std::to_string(maxCharacters) +
+                           " characters).");
     }
     return value;
 }
@@ -86,23 +85,14 @@ std::optional<std::vector<std::string>> optionalStringList(const Json& a, const 
 }
 
 bool isValidRecipient(const std::string& address) {
-    // Compiled once; the pattern is anchored and has no nested quantifiers,
-    // so its work is linear in the address length.
-    static pcre2_code* const pattern = [] {
-        int error = 0;
-        PCRE2_SIZE offset = 0;
-        return pcre2_compile(
-            reinterpret_cast<PCRE2_SPTR>(
-                R"(^[^\s@<>,;"]{1,64}@[A-Za-z0-9.\-]{1,255}\.[A-Za-z]{2,}$)"),
-            PCRE2_ZERO_TERMINATED, PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error,
-            &offset, nullptr);
-    }();
-    if (!pattern || address.size() > 1024) return false;
-    pcre2_match_data* md = pcre2_match_data_create_from_pattern(pattern, nullptr);
-    const int rc = pcre2_match(pattern, reinterpret_cast<PCRE2_SPTR>(address.data()),
-                               address.size(), 0, PCRE2_ENDANCHORED, md, nullptr);
-    pcre2_match_data_free(md);
-    return rc > 0;
+    // Compiled once; anchored and without nested quantifiers, so its work is
+    // linear in the address length.
+    static const mailcore::PCRE2Pattern pattern(
+        R"(^[^\s@<>,;"]{1,64}@[A-Za-z0-9.\-]{1,255}\.[A-Za-z]{2,}$)");
+    if (address.size() > 1024 || address.find('\n') != std::string::npos) return false;
+    mailcore::PCRE2Pattern::Match match;
+    return pattern.search(address, 0, match, true) == mailcore::PCRE2Pattern::Outcome::matched &&
+           match.start == 0 && match.end == address.size();
 }
 
 }  // namespace args
@@ -136,7 +126,7 @@ MCPMessage MCPService::requireHandle(CallContext& ctx, const std::string& id) {
 void MCPService::confirmIfMailInfluenced(CallContext& ctx, const std::string& reason) {
     const auto snap = taint_.snapshot(ctx.sessionKey);
     if (!snap.mailInfluenced) return;
-    MCPWriteRequest request{ctx.harness.name, ctx.tool,       mailcore::encodeJson(ctx.args),
+    MCPWriteRequest request{ctx.harness.name, ctx.tool,           mailcore::encodeJson(ctx.args),
                             snap.mailRead,    snap.mailReadTotal, reason};
     const auto outcome =
         confirmer_->confirmWrite(request, std::chrono::seconds(ctx.settings.confirmTimeoutSeconds));
@@ -357,7 +347,8 @@ std::string MCPService::createDraft(CallContext& ctx) {
     }
     const std::size_t recipients = draft.to.size() + draft.cc.size();
     ctx.summary = "draft saved, " + std::to_string(recipients) + " recipients";
-    confirmIfMailInfluenced(ctx, "This session has read mail, so saving a draft needs your approval.");
+    confirmIfMailInfluenced(ctx,
+                            "This session has read mail, so saving a draft needs your approval.");
     const std::string draftID = backend_->saveDraft(draft, inReplyTo);
     // The sentence comes first; the id follows so that the agent can pass it
     // to send_message.
@@ -384,14 +375,15 @@ std::string MCPService::sendMessage(CallContext& ctx) {
         message.subject = args::optionalString(ctx.args, "subject", 300).value_or("");
         message.body = args::optionalString(ctx.args, "body", 100000).value_or("");
     }
-    if (message.to.empty()) throw MCPToolError("Give at least one recipient in 'to', or a draft_id.");
+    if (message.to.empty())
+        throw MCPToolError("Give at least one recipient in 'to', or a draft_id.");
     checkRecipients(message.to, message.cc);
     const std::string recipients = std::to_string(message.to.size() + message.cc.size());
 
     const auto snap = taint_.snapshot(ctx.sessionKey);
     MCPSendRequest request{ctx.harness.name, message, snap.mailRead, snap.mailReadTotal};
-    const auto outcome = confirmer_->confirmSend(
-        request, std::chrono::seconds(ctx.settings.confirmTimeoutSeconds));
+    const auto outcome =
+        confirmer_->confirmSend(request, std::chrono::seconds(ctx.settings.confirmTimeoutSeconds));
     if (outcome == MCPConfirmOutcome::declined) {
         ctx.result = MCPResult::declined;
         ctx.summary = recipients + " recipients, confirmation: declined";

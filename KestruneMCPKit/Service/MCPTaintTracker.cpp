@@ -33,10 +33,10 @@ MCPTaintTracker::Session& MCPTaintTracker::touchLocked(const std::string& key, D
     auto it = sessions_.find(key);
     if (it == sessions_.end()) {
         if (sessions_.size() >= maxSessions) {
-            auto oldest = std::min_element(
-                sessions_.begin(), sessions_.end(), [](const auto& a, const auto& b) {
-                    return a.second.lastActivity < b.second.lastActivity;
-                });
+            auto oldest = std::min_element(sessions_.begin(), sessions_.end(),
+                                           [](const auto& a, const auto& b) {
+                                               return a.second.lastActivity < b.second.lastActivity;
+                                           });
             sessions_.erase(oldest);
         }
         it = sessions_.emplace(key, Session{}).first;

@@ -9,6 +9,8 @@
 #include <string>
 #include <vector>
 
+#include <nlohmann/json.hpp>
+
 #include "MailCore/Common/Json.h"
 
 namespace mcpkit {

@@ -49,7 +49,7 @@ public:
     std::vector<FakeSent> sent();
     std::map<std::string, MCPOutgoing> drafts();
     FakeStoredMessage stored(const std::string& id);
-    int writeCount();   // setRead + applyLabel + saveDraft + send calls that went through
+    int writeCount();  // setRead + applyLabel + saveDraft + send calls that went through
     int searchCount();
 
     std::vector<MCPAccount> accounts() override;

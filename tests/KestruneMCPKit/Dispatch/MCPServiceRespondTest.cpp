@@ -12,10 +12,11 @@ using namespace std::chrono_literals;
 class MCPServiceRespondTest : public ServiceFixture {};
 
 TEST_F(MCPServiceRespondTest, MalformedRequestsAreBadRequests) {
-    for (const char* text : {"not json", "[]", "42", R"({"op":"hello"})", R"({"v":1})",
-                             R"({"v":1,"op":7})"}) {
+    for (const char* text :
+         {"not json", "[]", "42", R"({"op":"hello"})", R"({"v":1})", R"({"v":1,"op":7})"}) {
         const Json reply = mailcore::parseJson(service->handleFrame(text));
-        EXPECT_EQ(reply, (Json{{"ok", false}, {"code", "bad_request"}, {"error", "Malformed request."}}))
+        EXPECT_EQ(reply,
+                  (Json{{"ok", false}, {"code", "bad_request"}, {"error", "Malformed request."}}))
             << text;
     }
 }
@@ -61,7 +62,8 @@ TEST_F(MCPServiceRespondTest, HelloBindsTheClientNameAndAnotherNameIsRefused) {
 TEST_F(MCPServiceRespondTest, ToolsListShowsOnlyEnabledPermissions) {
     auto names = [&] {
         std::vector<std::string> out;
-        for (const auto& t : service->respond(request("tools_list"))["tools"]) {
+        const Json reply = service->respond(request("tools_list"));
+        for (const auto& t : reply["tools"]) {
             out.push_back(t["name"]);
         }
         return out;
@@ -72,11 +74,9 @@ TEST_F(MCPServiceRespondTest, ToolsListShowsOnlyEnabledPermissions) {
     EXPECT_EQ(listed.front(), "list_accounts");
     EXPECT_EQ(listed.back(), "preview_workflow");
 
-    settings([](MCPSettings& s) {
-        s.enabledPermissions = {"send_message", "read_message"};
-    });
+    settings([](MCPSettings& s) { s.enabledPermissions = {"send_message", "read_message"}; });
     EXPECT_EQ(names(), (std::vector<std::string>{"read_message", "send_message"}));
-    const auto tool = service->respond(request("tools_list"))["tools"][0];
+    const Json tool = service->respond(request("tools_list"))["tools"][0];
     EXPECT_TRUE(tool["inputSchema"].is_object());
     EXPECT_EQ(tool["title"], "Read a message");
 }
@@ -139,10 +139,10 @@ TEST_F(MCPServiceRespondTest, PipelineChecksToolPermissionAndSizeBeforeRunning) 
 
 TEST_F(MCPServiceRespondTest, BackendFailuresNeverLookLikeEmptyResultsOrLeakTheirText) {
     backend->failing = true;
-    for (const auto& [tool, args] : std::vector<std::pair<std::string, Json>>{
-             {"list_accounts", Json::object()},
-             {"search_messages", {{"query", "x"}}},
-             {"read_message", {{"message_id", "m1"}}}}) {
+    for (const auto& [tool, args] :
+         std::vector<std::pair<std::string, Json>>{{"list_accounts", Json::object()},
+                                                   {"search_messages", {{"query", "x"}}},
+                                                   {"read_message", {{"message_id", "m1"}}}}) {
         const auto a = call(tool, args);
         EXPECT_TRUE(a.isError) << tool;
         EXPECT_EQ(a.text, "The request failed.") << tool;

@@ -150,7 +150,10 @@ TEST_F(MCPServiceTaintTest, NothingHappensThatThePolicyForbids) {
         {"mark_read", {{"message_id", "m1"}}},
         {"apply_label", {{"message_id", "m1"}, {"label", "X"}}},
         {"create_draft",
-         {{"account", "me@example.com"}, {"to", {"b@example.com"}}, {"subject", "s"}, {"body", "b"}}},
+         {{"account", "me@example.com"},
+          {"to", {"b@example.com"}},
+          {"subject", "s"},
+          {"body", "b"}}},
         {"send_message", {{"account", "me@example.com"}, {"to", {"b@example.com"}}}},
         {"create_workflow", {{"spec", Json::object()}}},
         {"update_workflow", {{"id", "W1"}, {"spec", Json::object()}}},
@@ -179,9 +182,7 @@ TEST_F(MCPServiceTaintTest, NothingHappensThatThePolicyForbids) {
                     break;
                 }
                 case accountExcluded:
-                    settings([](MCPSettings& s) {
-                        s.excludedAccounts = {"me@example.com"};
-                    });
+                    settings([](MCPSettings& s) { s.excludedAccounts = {"me@example.com"}; });
                     break;
                 case taintedDeclined:
                     readMail();
@@ -212,16 +213,15 @@ TEST_F(MCPServiceTaintTest, NothingHappensThatThePolicyForbids) {
             if (r == accountExcluded) {
                 // Account-bound tools see nothing of the excluded account.
                 if (tool == "list_accounts") {
-                    EXPECT_EQ(mailcore::parseJson(reply["text"].get<std::string>())["accounts"]
-                                  .size(),
-                              1u);
+                    EXPECT_EQ(
+                        mailcore::parseJson(reply["text"].get<std::string>())["accounts"].size(),
+                        1u);
                 } else if (tool.find("workflow") == std::string::npos) {
                     EXPECT_EQ(reply["isError"], true) << trace << reply.dump();
                     EXPECT_EQ(backend->searchCount(), searchesBefore) << trace;
                 } else {
                     for (const auto& c : workflows->calls()) {
-                        EXPECT_EQ(c.allowedAccounts,
-                                  std::vector<std::string>{"work@example.org"});
+                        EXPECT_EQ(c.allowedAccounts, std::vector<std::string>{"work@example.org"});
                     }
                 }
                 continue;

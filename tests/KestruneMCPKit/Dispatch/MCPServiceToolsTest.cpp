@@ -96,8 +96,8 @@ TEST_F(MCPServiceToolsTest, ReadMessageCutsLongBodiesToTheBudget) {
     FakeStoredMessage big;
     std::string text;
     for (int i = 0; i < 2000; ++i) text += "Sentence number " + std::to_string(i) + ".\n";
-    big.message = {"big", "me@example.com", "a@example.com", {"me@example.com"}, {}, "d", "Long",
-                   text, {}};
+    big.message = {
+        "big", "me@example.com", "a@example.com", {"me@example.com"}, {}, "d", "Long", text, {}};
     backend->addMessage(big);
     settings([](MCPSettings& s) { s.limits.maxBodyCharacters = 500; });
     const auto a = call("read_message", {{"message_id", "big"}});
@@ -143,7 +143,8 @@ TEST_F(MCPServiceToolsTest, DraftArgumentsAreChecked) {
         {{{"to", {"bob@localhost"}}}, "Invalid recipient address."},
         {{{"cc", {"Bob <bob@example.com>"}}}, "Invalid recipient address."},
         {{{"subject", 5}}, "'subject' must be a string."},
-        {{{"account", "stranger@example.com"}}, "Unknown account. Use an address from list_accounts."},
+        {{{"account", "stranger@example.com"}},
+         "Unknown account. Use an address from list_accounts."},
         {{{"in_reply_to", "m4"}}, "The replied-to message belongs to a different account."},
         {{{"in_reply_to", "nope"}}, "Message not found."},
     };

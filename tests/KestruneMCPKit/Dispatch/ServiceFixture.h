@@ -39,8 +39,8 @@ protected:
         backend = FakeMailBackend::withSampleMail();
         confirmer = std::make_shared<ScriptedConfirmer>();
         workflows = std::make_shared<RecordingWorkflows>();
-        service = std::make_unique<MCPService>(policy, audit, backend, confirmer, workflows,
-                                               clock());
+        service =
+            std::make_unique<MCPService>(policy, audit, backend, confirmer, workflows, clock());
     }
 
     void TearDown() override { std::filesystem::remove_all(dir); }
@@ -76,7 +76,8 @@ protected:
         mailcore::Json json;  // text parsed when it is JSON
     };
 
-    ToolAnswer call(const std::string& tool, const mailcore::Json& arguments = mailcore::Json::object(),
+    ToolAnswer call(const std::string& tool,
+                    const mailcore::Json& arguments = mailcore::Json::object(),
                     const std::string& session = "S1") {
         auto reply = callRaw(tool, arguments, token, session);
         EXPECT_EQ(reply["ok"], true) << reply.dump();

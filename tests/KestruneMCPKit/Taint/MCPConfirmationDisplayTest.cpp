@@ -9,11 +9,14 @@ namespace {
 MCPSendRequest sendRequest(int mailReadTotal, int listed) {
     MCPSendRequest r;
     r.harness = "Claude\nDesktop";
-    r.message = {"me@example.com", {"a@example.com", "b@example.com"}, {}, "Lunch\ttomorrow",
+    r.message = {"me@example.com",
+                 {"a@example.com", "b@example.com"},
+                 {},
+                 "Lunch\ttomorrow",
                  "Hi,\nsee you there.\n"};
     for (int i = 0; i < listed; ++i) {
-        r.mailRead.push_back({"id" + std::to_string(i), "Eve <eve@evil.test>", "Urgent " +
-                                                                              std::to_string(i)});
+        r.mailRead.push_back(
+            {"id" + std::to_string(i), "Eve <eve@evil.test>", "Urgent " + std::to_string(i)});
     }
     r.mailReadTotal = mailReadTotal;
     return r;
@@ -59,7 +62,11 @@ TEST(MCPConfirmationDisplayTest, LongBodiesAndTitlesAreBounded) {
 }
 
 TEST(MCPConfirmationDisplayTest, WriteShowsTheReasonAndExactlyWhatWasAskedFor) {
-    MCPWriteRequest w{"Codex", "apply_label", R"({"message_id":"m1","label":"Paid"})", {}, 3,
+    MCPWriteRequest w{"Codex",
+                      "apply_label",
+                      R"({"message_id":"m1","label":"Paid"})",
+                      {},
+                      3,
                       "This session has read mail and is changing many messages. Approve each "
                       "change."};
     w.mailRead = {{"m1", "bank@example.com", "Invoice"}};

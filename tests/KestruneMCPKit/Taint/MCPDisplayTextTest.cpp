@@ -1,6 +1,6 @@
-#include "KestruneMCPKit/Service/MCPDisplayText.h"
-
 #include <gtest/gtest.h>
+
+#include "KestruneMCPKit/Service/MCPDisplayText.h"
 
 namespace mcpkit {
 namespace {
@@ -8,8 +8,7 @@ namespace {
 TEST(MCPDisplayTextTest, LineReplacesBreaksAndControlCharacters) {
     EXPECT_EQ(MCPDisplayText::line("Re: hi\nthere", 100), "Re: hi\u23CEthere");
     EXPECT_EQ(MCPDisplayText::line("a\r\nb\u2028c\u2029d", 100), "a\u23CE\u23CEb\u23CEc\u23CEd");
-    EXPECT_EQ(MCPDisplayText::line("tab\there\x1b[31m\x7f", 100),
-              "tab\u00B7here\u00B7[31m\u00B7");
+    EXPECT_EQ(MCPDisplayText::line("tab\there\x1b[31m\x7f", 100), "tab\u00B7here\u00B7[31m\u00B7");
     EXPECT_EQ(MCPDisplayText::line("caf\u00E9 \U0001F600 end", 6), "caf\u00E9 \U0001F600");
     EXPECT_EQ(MCPDisplayText::line("", 5), "");
     EXPECT_EQ(MCPDisplayText::line("bad \xFF byte", 20), "bad \uFFFD byte");

@@ -1,10 +1,10 @@
-#include "KestruneMCPKit/Service/MCPTaintTracker.h"
-
 #include <gtest/gtest.h>
 
 #include <atomic>
 #include <chrono>
 #include <thread>
+
+#include "KestruneMCPKit/Service/MCPTaintTracker.h"
 
 namespace mcpkit {
 namespace {
