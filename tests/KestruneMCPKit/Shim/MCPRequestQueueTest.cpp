@@ -4,34 +4,9 @@
 #include <condition_variable>
 #include <mutex>
 
-#include "KestruneMCPKit/Shim/MCPCommandLine.h"
 #include "KestruneMCPKit/Shim/MCPRequestQueue.h"
 
 namespace {
-
-TEST(MCPCommandLineTest, NoArgumentsMeansServeVersionPrintsAndTheRestIsUsage) {
-    struct Case {
-        std::vector<std::string> args;
-        std::optional<int> status;
-        std::vector<std::string> out;
-        std::size_t errLines;
-    };
-    const Case cases[] = {
-        {{}, std::nullopt, {}, 0},
-        {{"--version"}, 0, {"kestrune-mcp 0.1.0"}, 0},
-        {{"--bogus"}, 64, {}, 1},
-        {{"--version", "extra"}, 0, {"kestrune-mcp 0.1.0"}, 0},
-    };
-    for (const auto& c : cases) {
-        std::vector<std::string> out, err;
-        auto status = mcpkit::MCPCommandLine::run(
-            c.args, "/usr/bin/kestrune-mcp", [&](const std::string& s) { out.push_back(s); },
-            [&](const std::string& s) { err.push_back(s); });
-        EXPECT_EQ(status, c.status);
-        EXPECT_EQ(out, c.out);
-        EXPECT_EQ(err.size(), c.errLines);
-    }
-}
 
 // Tasks that wait for each other finish only if the queue runs them at the
 // same time; wait() returns only after all of them.
