@@ -268,6 +268,34 @@ TEST(BufferedByteStreamTest, CancellationFailsTheWaitingReadOnly) {
     EXPECT_EQ(bytesToString(h.stream.read(10)), "ok");
 }
 
+// A stop requested for a wait that is over, and a timer of an earlier wait,
+// leave the current wait alone.
+TEST(BufferedByteStreamTest, StaleCancellationsAndTimersDoNothing) {
+    Harness h(0.6);
+    std::stop_source first;
+    {
+        CancellationScope scope(first.get_token());
+        h.transport->queue(toBytes("a"));
+        EXPECT_EQ(bytesToString(h.stream.read(10)), "a");
+    }
+    std::stop_source second;
+    auto reader = std::async(std::launch::async, [&] {
+        CancellationScope scope(second.get_token());
+        std::string out;
+        // Each wait is resumed after more than half the read timeout:
+        // a timer left from the wait before would fire inside this one.
+        for (int i = 0; i < 3; ++i) out += bytesToString(h.stream.read(10));
+        return out;
+    });
+    for (char c : std::string("xyz")) {
+        ASSERT_TRUE(h.transport->waitForReceive());
+        if (c == 'x') first.request_stop();
+        std::this_thread::sleep_for(350ms);
+        ASSERT_TRUE(h.transport->deliver(toBytes(std::string(1, c))));
+    }
+    EXPECT_EQ(reader.get(), "xyz");
+}
+
 TEST(BufferedByteStreamTest, AReadUnderAStoppedTokenFailsAtOnceUnlessBytesAreBuffered) {
     Harness h(10.0);
     std::stop_source source;
