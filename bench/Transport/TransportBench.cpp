@@ -9,10 +9,13 @@
 // BM_ReadLine*: lines per second through StreamReader.readLine over an
 // IMAP-like FETCH response held in memory, straight from a ByteStream and
 // through BufferedByteStream over an in-memory transport.
+#include <arpa/inet.h>
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -68,7 +71,18 @@ public:
         }
         std::ofstream(dir_ + "/bulk.bin", std::ios::binary) << body;
 
-        port_ = static_cast<std::uint16_t>(20000 + (getpid() % 20000));
+        {
+            // A port that is free now on 127.0.0.1.
+            const int probe = ::socket(AF_INET, SOCK_STREAM, 0);
+            sockaddr_in address{};
+            address.sin_family = AF_INET;
+            address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+            socklen_t length = sizeof address;
+            ::bind(probe, reinterpret_cast<sockaddr*>(&address), sizeof address);
+            ::getsockname(probe, reinterpret_cast<sockaddr*>(&address), &length);
+            port_ = ntohs(address.sin_port);
+            ::close(probe);
+        }
         const std::string command =
             "cd '" + dir_ +
             "' && exec openssl s_server -accept 127.0.0.1:" + std::to_string(port_) +
@@ -77,8 +91,8 @@ public:
         if (posix_spawnp(&pid_, "sh", nullptr, nullptr, const_cast<char**>(argv), environ) != 0) {
             throw std::runtime_error("cannot start openssl s_server");
         }
-        for (int i = 0; i < 500 && slurp(dir_ + "/server.log").find("ACCEPT") == std::string::npos;
-             ++i) {
+        for (int i = 0; slurp(dir_ + "/server.log").find("ACCEPT") == std::string::npos; ++i) {
+            if (i == 500) throw std::runtime_error("openssl s_server did not start");
             std::this_thread::sleep_for(std::chrono::milliseconds(10));
         }
     }
