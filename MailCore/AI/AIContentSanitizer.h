@@ -103,7 +103,8 @@ public:
     static std::string dropLongSignature(std::string_view text, int maxLines);
 
     // Private keys, authorization headers, bearer/basic credentials, key/value
-    // secrets, provider token shapes, Luhn-valid card numbers.
+    // secrets, provider token shapes, Luhn-valid card numbers. Invalid UTF-8
+    // is repaired first (U+FFFD), so that no invalid byte shields a secret.
     static std::string redact(std::string_view text);
     // True when the digits of `text` (other characters ignored; at least one
     // digit) pass the Luhn check.

@@ -60,19 +60,19 @@ PCRE2Pattern::PCRE2Pattern(std::string_view pattern, std::uint32_t extraOptions)
     }
     // Without JIT support PCRE2 falls back to its interpreter with the same
     // results, so a JIT failure is not an error.
-    pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);
+    jit_ = pcre2_jit_compile(code, PCRE2_JIT_COMPLETE) == 0;
     code_ = code;
 }
 
 PCRE2Pattern::~PCRE2Pattern() { pcre2_code_free(static_cast<pcre2_code*>(code_)); }
 
 PCRE2Pattern::Outcome PCRE2Pattern::search(std::string_view subject, std::size_t offset,
-                                           Match& match, bool anchored) const {
+                                           Match& match) const {
     if (offset > subject.size()) return Outcome::noMatch;
     ThreadMatchResources& resources = threadResources();
     int rc = pcre2_match(static_cast<const pcre2_code*>(code_),
                          reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), offset,
-                         anchored ? PCRE2_ANCHORED : 0, resources.data, resources.context);
+                         0, resources.data, resources.context);
     if (rc == PCRE2_ERROR_NOMATCH) return Outcome::noMatch;
     if (rc < 0) return Outcome::failed;
     const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(resources.data);

@@ -15,7 +15,10 @@ namespace mailcore {
 class PCRE2Pattern {
 public:
     // Throws std::logic_error when the pattern does not compile: patterns are
-    // constants of this code base, so that is a programming error.
+    // constants of this code base, so that is a programming error. A pattern
+    // meant to be tried at chosen offsets is compiled with PCRE2_ANCHORED:
+    // anchoring at match time would leave the JIT for the interpreter, which
+    // with PCRE2_MATCH_INVALID_UTF checks the whole subject on every call.
     explicit PCRE2Pattern(std::string_view pattern, std::uint32_t extraOptions = 0);
     ~PCRE2Pattern();
     PCRE2Pattern(const PCRE2Pattern&) = delete;
@@ -40,17 +43,21 @@ public:
 
     enum class Outcome { matched, noMatch, failed };
 
-    // The leftmost match at or after `offset` (or exactly at `offset` when
-    // `anchored`). `failed` means the match limit, the JIT stack or another
-    // matching resource ran out: the caller decides how to go on.
-    Outcome search(std::string_view subject, std::size_t offset, Match& match,
-                   bool anchored = false) const;
+    // The leftmost match at or after `offset` (exactly at `offset` for a
+    // pattern compiled with PCRE2_ANCHORED). `failed` means the match limit,
+    // the JIT stack or another matching resource ran out: the caller decides
+    // how to go on.
+    Outcome search(std::string_view subject, std::size_t offset, Match& match) const;
+
+    // Whether the JIT compiled the pattern (else PCRE2's interpreter runs it).
+    bool usesJIT() const { return jit_; }
 
     // True when the pattern matches somewhere in `subject`; false on failure.
     bool contains(std::string_view subject) const;
 
 private:
     void* code_ = nullptr;  // pcre2_code_8
+    bool jit_ = false;
 };
 
 }  // namespace mailcore

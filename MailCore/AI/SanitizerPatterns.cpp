@@ -26,8 +26,11 @@ SanitizerPatterns::SanitizerPatterns()
       authorizationHeader(R"((?im)^(\s*(?:proxy-)?authorization\s*:)[ \t]*.+$)"),
       bearerCredential(R"((?i)\b(bearer|basic)[ \t]+[A-Za-z0-9._~+/=-]{8,})"),
       keyValueSecret(R"((?i)\b((?:api[_-]?key|access[_-]?token|refresh[_-]?token|auth[_-]?token|token|secret|client[_-]?secret|password|passwd|pwd)\s*[:=]\s*)["']?[^\s"',;]{4,}["']?)"),
-      tokenShape(R"(\b(?:sk-[A-Za-z0-9_-]{16,}|gh[pousr]_[A-Za-z0-9]{20,}|xox[abprs]-[A-Za-z0-9-]{10,}|AKIA[0-9A-Z]{16}|AIza[0-9A-Za-z_-]{30,}|eyJ[A-Za-z0-9_-]{8,}\.[A-Za-z0-9_-]{8,}\.[A-Za-z0-9_-]{8,})\b)"),
-      wordBoundary(R"(\b)"),
+      keyValueSecretAt(R"((?i)\b((?:api[_-]?key|access[_-]?token|refresh[_-]?token|auth[_-]?token|token|secret|client[_-]?secret|password|passwd|pwd)\s*[:=]\s*)["']?[^\s"',;]{4,}["']?)", PCRE2_ANCHORED),
+      keyPrefixAt(R"((?i)\b(?:api[_-]?key|access[_-]?token|refresh[_-]?token|auth[_-]?token|token|secret|client[_-]?secret|password|passwd|pwd)\s*[:=]\s*)",
+                  PCRE2_ANCHORED),
+      tokenShapeAt(R"(\b(?:sk-[A-Za-z0-9_-]{16,}|gh[pousr]_[A-Za-z0-9]{20,}|xox[abprs]-[A-Za-z0-9-]{10,}|AKIA[0-9A-Z]{16}|AIza[0-9A-Za-z_-]{30,}|eyJ[A-Za-z0-9_-]{8,}\.[A-Za-z0-9_-]{8,}\.[A-Za-z0-9_-]{8,})\b)", PCRE2_ANCHORED),
+      wordBoundaryAt(R"(\b)", PCRE2_ANCHORED),
       cardNumber(R"((?<![0-9])[0-9](?:[ -]?[0-9]){12,18}(?![0-9]))") {}
 
 const SanitizerPatterns& SanitizerPatterns::shared() {

@@ -28,8 +28,10 @@ struct SanitizerPatterns {
     PCRE2Pattern authorizationHeader;
     PCRE2Pattern bearerCredential;
     PCRE2Pattern keyValueSecret;
-    PCRE2Pattern tokenShape;
-    PCRE2Pattern wordBoundary;
+    PCRE2Pattern keyValueSecretAt;  // the same, anchored
+    PCRE2Pattern keyPrefixAt;       // its key and separator alone, anchored
+    PCRE2Pattern tokenShapeAt;      // anchored
+    PCRE2Pattern wordBoundaryAt;    // anchored
     PCRE2Pattern cardNumber;
 
     static const SanitizerPatterns& shared();

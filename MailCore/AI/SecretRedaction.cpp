@@ -1,6 +1,7 @@
 // Secret redaction: step 8 of AIContentSanitizer.
 #include "MailCore/AI/AIContentSanitizer.h"
 #include "MailCore/AI/SanitizerPatterns.h"
+#include "MailCore/AI/UTF8Text.h"
 
 #include <array>
 #include <vector>
@@ -41,26 +42,44 @@ std::size_t redactKeyAfterFailure(std::string_view text, std::size_t from, std::
 }
 
 // Key/value secrets. When the value is itself a key with its separator
-// ("Password: password: x"), the first key is left alone and the search goes
-// on at the second, so that the real value is the one replaced.
+// ("Password: password: x"), the chain of keys is walked (key prefixes only,
+// so a long chain costs one pass) and the value after its last key is the one
+// replaced; the keys stay.
 std::string redactKeyValues(std::string_view text) {
-    const PCRE2Pattern& pattern = SanitizerPatterns::shared().keyValueSecret;
+    const SanitizerPatterns& patterns = SanitizerPatterns::shared();
     std::string out;
     out.reserve(text.size());
     std::size_t pos = 0;
     std::size_t copied = 0;
     PCRE2Pattern::Match match;
-    PCRE2Pattern::Match inner;
+    PCRE2Pattern::Match prefix;
+    auto valueStart = [&](std::size_t afterSeparator) {
+        if (afterSeparator < text.size() &&
+            (text[afterSeparator] == '"' || text[afterSeparator] == '\'')) {
+            ++afterSeparator;
+        }
+        return afterSeparator;
+    };
     while (pos < text.size() &&
-           pattern.search(text, pos, match) == PCRE2Pattern::Outcome::matched) {
-        std::size_t value = match.groupEnd[1];
-        if (value < text.size() && (text[value] == '"' || text[value] == '\'')) ++value;
+           patterns.keyValueSecret.search(text, pos, match) == PCRE2Pattern::Outcome::matched) {
+        std::size_t value = valueStart(match.groupEnd[1]);
+        if (patterns.keyPrefixAt.search(text, value, prefix) == PCRE2Pattern::Outcome::matched) {
+            std::size_t lastKey = value;
+            std::size_t cursor = valueStart(prefix.end);
+            while (patterns.keyPrefixAt.search(text, cursor, prefix) ==
+                   PCRE2Pattern::Outcome::matched) {
+                lastKey = cursor;
+                cursor = valueStart(prefix.end);
+            }
+            if (patterns.keyValueSecretAt.search(text, lastKey, match) !=
+                PCRE2Pattern::Outcome::matched) {
+                pos = cursor;
+                continue;
+            }
+            value = valueStart(match.groupEnd[1]);
+        }
         if (startsWithPlaceholder(text, value)) {  // an earlier step already replaced it
             pos = match.end;
-            continue;
-        }
-        if (pattern.search(text, value, inner, true) == PCRE2Pattern::Outcome::matched) {
-            pos = value;
             continue;
         }
         out.append(text.substr(copied, match.groupEnd[1] - copied));
@@ -107,13 +126,13 @@ std::string redactTokenShapes(std::string_view text) {
                 break;
             default: continue;
         }
-        auto outcome = patterns.tokenShape.search(text, i, match, true);
+        auto outcome = patterns.tokenShapeAt.search(text, i, match);
         if (outcome == PCRE2Pattern::Outcome::matched) {
             out.append(text.substr(copied, match.start - copied));
             out.append(AIContentSanitizer::tokenRedacted);
             copied = match.end;
             i = match.end - 1;
-        } else if (jwt && patterns.wordBoundary.search(text, i, match, true) ==
+        } else if (jwt && patterns.wordBoundaryAt.search(text, i, match) ==
                               PCRE2Pattern::Outcome::matched) {
             std::size_t runEnd = i + 3;
             while (runEnd < text.size() && isTokenChar(text[runEnd])) ++runEnd;
@@ -129,7 +148,9 @@ std::string redactTokenShapes(std::string_view text) {
 // admits are tried, so that a card number with more digits next to it ("4111
 // 1111 1111 1111 123", a card and its security code) is still found: first
 // the run's prefixes that end before a separator, longest first, then the
-// search resumes after the run's first separator.
+// search resumes after the run's first separator. Luhn sums of all prefixes
+// come from two running sums (one per doubling parity), so each run costs
+// time linear in its length.
 std::string redactCardNumbers(std::string_view text) {
     const PCRE2Pattern& pattern = SanitizerPatterns::shared().cardNumber;
     std::string out;
@@ -137,30 +158,46 @@ std::string redactCardNumbers(std::string_view text) {
     std::size_t pos = 0;
     std::size_t copied = 0;
     PCRE2Pattern::Match match;
-    while (pos < text.size()) {
-        auto outcome = pattern.search(text, pos, match);
-        if (outcome != PCRE2Pattern::Outcome::matched) break;
-        std::string_view run = text.substr(match.start, match.end - match.start);
+    // sums[p][k]: Luhn-weighted sum of the first k digits, doubling the digits
+    // whose index has parity p. cutDigits/cutOffsets: digits before, and the
+    // offset of, each separator.
+    std::array<std::array<int, 21>, 2> sums{};
+    std::array<std::size_t, 20> cutDigits{};
+    std::array<std::size_t, 20> cutOffsets{};
+    while (pos < text.size() &&
+           pattern.search(text, pos, match) == PCRE2Pattern::Outcome::matched) {
+        std::size_t digits = 0;
+        std::size_t cuts = 0;
+        for (std::size_t i = match.start; i < match.end && digits < 20; ++i) {
+            char c = text[i];
+            if (c < '0' || c > '9') {
+                cutDigits[cuts] = digits;
+                cutOffsets[cuts++] = i;
+                continue;
+            }
+            int d = c - '0';
+            int doubled = d * 2 > 9 ? d * 2 - 9 : d * 2;
+            sums[0][digits + 1] = sums[0][digits] + (digits % 2 == 0 ? doubled : d);
+            sums[1][digits + 1] = sums[1][digits] + (digits % 2 == 1 ? doubled : d);
+            ++digits;
+        }
+        // The last digit of a prefix of k digits is never doubled, so the
+        // digits of parity (k % 2) are.
+        auto luhn = [&](std::size_t k) { return sums[k % 2][k] % 10 == 0; };
         std::size_t redactEnd = std::string_view::npos;
-        if (AIContentSanitizer::luhnValid(run)) {
+        if (luhn(digits)) {
             redactEnd = match.end;
         } else {
-            std::vector<std::size_t> cuts;  // offsets of separators within the run
-            for (std::size_t i = 0; i < run.size(); ++i) {
-                if (run[i] == ' ' || run[i] == '-') cuts.push_back(i);
-            }
-            for (auto it = cuts.rbegin(); it != cuts.rend(); ++it) {
-                std::string_view prefix = run.substr(0, *it);
-                std::size_t digits = prefix.size() - static_cast<std::size_t>(it.base() - cuts.begin() - 1);
-                if (digits >= 13 && AIContentSanitizer::luhnValid(prefix)) {
-                    redactEnd = match.start + *it;
+            for (std::size_t c = cuts; c-- > 0;) {
+                if (cutDigits[c] >= 13 && luhn(cutDigits[c])) {
+                    redactEnd = cutOffsets[c];
                     break;
                 }
             }
-            if (redactEnd == std::string_view::npos) {
-                pos = cuts.empty() ? match.end : match.start + cuts.front() + 1;
-                continue;
-            }
+        }
+        if (redactEnd == std::string_view::npos) {
+            pos = cuts == 0 ? match.end : cutOffsets[0] + 1;
+            continue;
         }
         out.append(text.substr(copied, match.start - copied));
         out.append(AIContentSanitizer::numberRedacted);
@@ -190,8 +227,11 @@ bool AIContentSanitizer::luhnValid(std::string_view text) {
 
 std::string AIContentSanitizer::redact(std::string_view input) {
     const SanitizerPatterns& patterns = SanitizerPatterns::shared();
+    // Invalid bytes would stop a pattern midway (PCRE2 matches around them, not
+    // across them), so an unterminated key followed by one would survive.
+    std::string repaired = utf8text::repairedPrefix(input, static_cast<std::int64_t>(input.size()));
     std::string text = replaceAll(
-        patterns.privateKey, input,
+        patterns.privateKey, repaired,
         [](const PCRE2Pattern::Match&) { return Replacement(std::string(privateKeyRedacted)); },
         redactKeyAfterFailure);
 
