@@ -3,12 +3,14 @@
 // is handled on the request queue, answers go to stdout one whole line at a
 // time, and tool calls travel to the Kestrune app over its Unix socket.
 #include <unistd.h>
+#if defined(__APPLE__)
+#include <mach-o/dyld.h>
+#endif
 
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
-#include <iostream>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -18,6 +20,7 @@
 #include "KestruneMCPKit/Link/MCPSocketLink.h"
 #include "KestruneMCPKit/Link/Posix.h"
 #include "KestruneMCPKit/Shim/MCPCommandLine.h"
+#include "KestruneMCPKit/Shim/MCPInputLines.h"
 #include "KestruneMCPKit/Shim/MCPRequestQueue.h"
 #include "KestruneMCPKit/Shim/MCPShim.h"
 
@@ -30,8 +33,15 @@ constexpr double linkTimeoutSeconds = 240;
 std::string selfPath(const char* argv0) {
     namespace fs = std::filesystem;
     std::error_code error;
+#if defined(__APPLE__)
+    char buffer[4096];
+    uint32_t size = sizeof buffer;
+    if (_NSGetExecutablePath(buffer, &size) == 0)
+        return fs::path(buffer).lexically_normal().string();
+#else
     fs::path exe = fs::read_symlink("/proc/self/exe", error);
     if (!error && !exe.empty()) return exe.string();
+#endif
     fs::path given(argv0 ? argv0 : "kestrune-mcp");
     fs::path absolute = fs::absolute(given, error);
     return (error ? given : absolute).lexically_normal().string();
@@ -86,11 +96,14 @@ int main(int argc, char** argv) {
 
     {
         mcpkit::MCPRequestQueue queue("kestrune-mcp.requests");
-        std::string line;
-        while (std::getline(std::cin, line)) {
-            if (line.empty()) continue;
-            queue.submit([&shim, request = std::move(line)] { shim.handle(request); });
-            line.clear();
+        mcpkit::MCPInputLines input(STDIN_FILENO);
+        while (auto line = input.next()) {
+            if (line->oversized) {
+                shim.rejectOversizedLine();
+                continue;
+            }
+            if (line->bytes.empty()) continue;
+            queue.submit([&shim, request = std::move(line->bytes)] { shim.handle(request); });
         }
         queue.wait();
     }

@@ -74,6 +74,8 @@ void MCPShim::handle(std::string_view line) {
     }
 }
 
+void MCPShim::rejectOversizedLine() { reply(nullptr, -32700, "Parse error"); }
+
 void MCPShim::close() {
     try {
         link_->send(base("bye"));

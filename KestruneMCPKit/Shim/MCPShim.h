@@ -42,6 +42,9 @@ public:
     // Handles one input line (without its line feed).
     void handle(std::string_view line);
 
+    // Answers a line too long to be read at all, as one that does not parse.
+    void rejectOversizedLine();
+
     // Tells the application that this conversation ended; ignores the outcome.
     void close();
 

@@ -291,6 +291,8 @@ TEST(HelperProcessTest, ArbitraryBytesOnStdinGetOneErrorLineEachAndNeverACrash) 
     }
     input += std::string(100000, '[') + "\n";  // deeply nested, never closed
     ++expected;
+    input += std::string(17 << 20, 'x') + "\n";  // over the 16 MiB line bound: read past, refused
+    ++expected;
     input += R"({"jsonrpc":"2.0","id":"last","method":"tools/list"})"
              "\n";
     ++expected;
