@@ -5,6 +5,7 @@
 
 #include <nlohmann/json_fwd.hpp>
 
+#include <cstddef>
 #include <string>
 #include <string_view>
 
@@ -16,10 +17,18 @@ using Json = nlohmann::ordered_json;
 // becomes U+FFFD instead of failing; slashes are not escaped.
 std::string encodeJson(const Json& value);
 
-// Parses JSON text; a bare scalar is accepted. Throws JsonParseError.
+// The deepest nesting of arrays and objects that parsing accepts. Deeper
+// text is refused before it is parsed: the library copies nested values
+// recursively while it builds objects, so a 200 KB line of brackets would
+// otherwise overflow the stack.
+inline constexpr std::size_t maxJsonDepth = 256;
+
+// Parses JSON text; a bare scalar is accepted. Throws nlohmann's parse_error
+// (a std::exception), also for nesting deeper than maxJsonDepth.
 Json parseJson(std::string_view text);
 
-// Parses JSON text; returns false (and leaves `out` alone) when it is not JSON.
+// Parses JSON text; returns false (and leaves `out` alone) when it is not JSON
+// or nests deeper than maxJsonDepth.
 bool tryParseJson(std::string_view text, Json& out);
 
 }  // namespace mailcore
