@@ -67,12 +67,12 @@ PCRE2Pattern::PCRE2Pattern(std::string_view pattern, std::uint32_t extraOptions)
 PCRE2Pattern::~PCRE2Pattern() { pcre2_code_free(static_cast<pcre2_code*>(code_)); }
 
 PCRE2Pattern::Outcome PCRE2Pattern::search(std::string_view subject, std::size_t offset,
-                                           Match& match) const {
+                                           Match& match, bool anchored) const {
     if (offset > subject.size()) return Outcome::noMatch;
     ThreadMatchResources& resources = threadResources();
     int rc = pcre2_match(static_cast<const pcre2_code*>(code_),
                          reinterpret_cast<PCRE2_SPTR>(subject.data()), subject.size(), offset,
-                         0, resources.data, resources.context);
+                         anchored ? PCRE2_ANCHORED : 0, resources.data, resources.context);
     if (rc == PCRE2_ERROR_NOMATCH) return Outcome::noMatch;
     if (rc < 0) return Outcome::failed;
     const PCRE2_SIZE* ovector = pcre2_get_ovector_pointer(resources.data);

@@ -44,10 +44,14 @@ public:
     enum class Outcome { matched, noMatch, failed };
 
     // The leftmost match at or after `offset` (exactly at `offset` for a
-    // pattern compiled with PCRE2_ANCHORED). `failed` means the match limit,
-    // the JIT stack or another matching resource ran out: the caller decides
-    // how to go on.
-    Outcome search(std::string_view subject, std::size_t offset, Match& match) const;
+    // pattern compiled with PCRE2_ANCHORED, or when `anchored`). `failed`
+    // means the match limit, the JIT stack or another matching resource ran
+    // out: the caller decides how to go on. `anchored` runs PCRE2's
+    // interpreter, which reads the whole subject on every call: fine for a
+    // short subject, but repeated searches in long text want a pattern
+    // compiled with PCRE2_ANCHORED instead.
+    Outcome search(std::string_view subject, std::size_t offset, Match& match,
+                   bool anchored = false) const;
 
     // Whether the JIT compiled the pattern (else PCRE2's interpreter runs it).
     bool usesJIT() const { return jit_; }

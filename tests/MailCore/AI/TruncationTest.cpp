@@ -104,7 +104,9 @@ TEST(TruncationTest, NeverExceedsTheBudgetNorSplitsACharacter) {
             ASSERT_LE(characters(result.text), static_cast<std::size_t>(limit));
             ASSERT_TRUE(validUTF8(result.text));
             ASSERT_EQ(result.truncated, static_cast<std::int64_t>(length) > limit);
-            if (!result.truncated) ASSERT_EQ(result.text, text);
+            if (!result.truncated) {
+                ASSERT_EQ(result.text, text);
+            }
         }
     }
 }
