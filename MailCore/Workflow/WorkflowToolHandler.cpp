@@ -48,7 +48,8 @@ std::string invalidText(const std::vector<std::string>& problems) {
 }
 
 WorkflowToolAnswer invalid(const std::vector<std::string>& problems) {
-    return failure(invalidText(problems), fmt::format("not valid: {} problems", problems.size()));
+    return failure(invalidText(problems), fmt::format("not valid: {} problem{}", problems.size(),
+                                                      problems.size() == 1 ? "" : "s"));
 }
 
 WorkflowToolAnswer notFound(const std::string& id) {
@@ -259,7 +260,7 @@ WorkflowToolAnswer WorkflowToolHandler::list(const WorkflowCaller& caller) const
     answer["workflows"] = std::move(list);
     answer["count"] = workflows.size();
     answer["maximum"] = limits_.maxWorkflowsPerHarness;
-    return success(answer, fmt::format("{} workflows", workflows.size()));
+    return success(answer, fmt::format("{} workflow{}", workflows.size(), workflows.size() == 1 ? "" : "s"));
 }
 
 WorkflowToolAnswer WorkflowToolHandler::preview(const WorkflowCaller& caller,
@@ -361,7 +362,8 @@ WorkflowToolAnswer WorkflowToolHandler::preview(const WorkflowCaller& caller,
     answer["notes"] = std::move(notes);
     const std::string summary =
         problems.empty() ? fmt::format("preview, {} matched", matched.value_or(0))
-                         : fmt::format("preview, {} problems", problems.size());
+                         : fmt::format("preview, {} problem{}", problems.size(),
+                                       problems.size() == 1 ? "" : "s");
     return success(answer, summary);
 }
 

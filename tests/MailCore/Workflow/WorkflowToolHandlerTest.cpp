@@ -289,7 +289,7 @@ TEST_F(WorkflowToolHandlerTest, ListShowsTheCallersWorkflowsWithTheirFields) {
     EXPECT_EQ(w["created_at"], 1795255200);
     EXPECT_EQ(result["count"], 1);
     EXPECT_EQ(result["maximum"], 25);
-    EXPECT_EQ(answer.summary, "1 workflows");
+    EXPECT_EQ(answer.summary, "1 workflow");
 }
 
 TEST_F(WorkflowToolHandlerTest, PreviewMatchesRecentMailWithoutSaving) {
@@ -366,7 +366,7 @@ TEST_F(WorkflowToolHandlerTest, PreviewOfAnInvalidSpecListsProblems) {
               parseJson(R"(["A new_message workflow needs at least one condition; workflows cannot act on all incoming mail."])"));
     EXPECT_EQ(result["matched_count"], nullptr);
     EXPECT_TRUE(source.requestedAccounts.empty());
-    EXPECT_EQ(answer.summary, "preview, 1 problems");
+    EXPECT_EQ(answer.summary, "preview, 1 problem");
 }
 
 TEST_F(WorkflowToolHandlerTest, PreviewWithoutSearchPermissionShowsNoSample) {
