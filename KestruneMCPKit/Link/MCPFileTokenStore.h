@@ -5,6 +5,10 @@
 // temporary file that replaces the target, then sets mode 0600; a failed save
 // is silent. Thread-safe; the read-change-save of set and remove is atomic
 // with respect to other callers in this process.
+//
+// The decoded map is cached together with the file's stamp (inode, size,
+// modification time); a read whose stamp matches uses the cache, so a
+// lookup costs one stat() while the file is unchanged.
 #pragma once
 
 #include <filesystem>
@@ -13,6 +17,7 @@
 #include <optional>
 #include <string>
 
+#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Link/MCPTokenStore.h"
 
 namespace mcpkit {
@@ -33,6 +38,8 @@ private:
 
     const std::filesystem::path url_;
     std::mutex lock_;
+    mutable std::optional<MCPPrivateFile::Stamp> cachedStamp_;  // guarded by lock_
+    mutable std::map<std::string, std::string> cachedMap_;      // guarded by lock_
 };
 
 }  // namespace mcpkit

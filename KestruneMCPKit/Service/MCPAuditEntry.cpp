@@ -1,8 +1,7 @@
 #include "KestruneMCPKit/Service/MCPAuditEntry.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 namespace mcpkit {
 
@@ -51,7 +50,8 @@ std::optional<MCPAuditEntry> auditEntryFromJson(const Json& json) {
         return std::nullopt;
     }
     const double seconds = time->get<double>();
-    if (!std::isfinite(seconds) || std::fabs(seconds) > 1e11) return std::nullopt;
+    // Beyond about ±292 years the clock cannot represent the date.
+    if (!std::isfinite(seconds) || std::fabs(seconds) > 8e9) return std::nullopt;
     auto resultValue = mcpResultFromRawValue(*result);
     if (!resultValue) return std::nullopt;
 

@@ -8,7 +8,6 @@
 #pragma once
 
 #include <nlohmann/json_fwd.hpp>
-
 #include <optional>
 #include <string>
 #include <string_view>

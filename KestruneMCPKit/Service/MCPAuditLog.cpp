@@ -1,9 +1,8 @@
 #include "KestruneMCPKit/Service/MCPAuditLog.h"
 
-#include <nlohmann/json.hpp>
-
 #include <algorithm>
 #include <ctime>
+#include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Service/MCPRedactor.h"
@@ -117,8 +116,7 @@ void MCPAuditLog::notify() {
 
 MCPAuditEntry MCPAuditLog::record(std::string_view harness, std::string_view tool,
                                   std::string_view account, MCPResult result,
-                                  std::string_view summary,
-                                  std::optional<bool> mailInfluenced) {
+                                  std::string_view summary, std::optional<bool> mailInfluenced) {
     MCPAuditEntry entry;
     entry.harness = MCPRedactor::scrub(harness, harnessLimit);
     entry.tool = MCPRedactor::scrub(tool, toolLimit);
@@ -196,8 +194,8 @@ void MCPAuditLog::clear() {
 }
 
 std::string MCPAuditLog::timeString(mailcore::Date date) {
-    const std::time_t seconds = std::chrono::system_clock::to_time_t(
-        std::chrono::floor<std::chrono::seconds>(date));
+    const std::time_t seconds =
+        std::chrono::system_clock::to_time_t(std::chrono::floor<std::chrono::seconds>(date));
     std::tm parts{};
     gmtime_r(&seconds, &parts);
     char buffer[32];
@@ -228,7 +226,8 @@ std::string csvField(std::string_view value) {
 
 std::string MCPAuditLog::exportEntries(const MCPAuditFilter& filter, ExportFormat format) const {
     std::string out;
-    if (format == ExportFormat::csv) out = "time,harness,tool,account,result,summary,mail_influenced\r\n";
+    if (format == ExportFormat::csv)
+        out = "time,harness,tool,account,result,summary,mail_influenced\r\n";
     std::lock_guard guard(lock_);
     for (std::size_t i = 0; i < items_.size(); ++i) {
         const auto& e = items_[i];
@@ -239,9 +238,9 @@ std::string MCPAuditLog::exportEntries(const MCPAuditFilter& filter, ExportForma
             continue;
         }
         out += timeString(e.time);
-        for (std::string_view field : {std::string_view(e.harness), std::string_view(e.tool),
-                                       std::string_view(e.account), mcpkit::rawValue(e.result),
-                                       std::string_view(e.summary)}) {
+        for (std::string_view field :
+             {std::string_view(e.harness), std::string_view(e.tool), std::string_view(e.account),
+              mcpkit::rawValue(e.result), std::string_view(e.summary)}) {
             out.push_back(',');
             out += csvField(field);
         }

@@ -56,8 +56,8 @@ public:
     // Stores a new entry: time from the clock, a fresh id, `harness` and `tool`
     // scrubbed to 60 characters, `account` cut to 120 characters, `summary`
     // scrubbed to 200. Never throws because of the file.
-    MCPAuditEntry record(std::string_view harness, std::string_view tool,
-                         std::string_view account, MCPResult result, std::string_view summary,
+    MCPAuditEntry record(std::string_view harness, std::string_view tool, std::string_view account,
+                         MCPResult result, std::string_view summary,
                          std::optional<bool> mailInfluenced);
 
     std::vector<MCPAuditEntry> entries() const;
@@ -99,12 +99,12 @@ private:
     const mailcore::Clock clock_;
 
     mutable std::mutex lock_;
-    std::deque<MCPAuditEntry> items_;              // guarded by lock_
-    std::deque<std::string> lines_;                // guarded by lock_; the line of items_[i]
-    bool needsLineBreak_ = false;                  // guarded by lock_; file lacks a final LF
-    std::function<void()> onChange_;               // guarded by lock_
-    std::optional<std::string> lastWriteError_;    // guarded by lock_
-    std::size_t skippedLines_ = 0;                 // guarded by lock_
+    std::deque<MCPAuditEntry> items_;            // guarded by lock_
+    std::deque<std::string> lines_;              // guarded by lock_; the line of items_[i]
+    bool needsLineBreak_ = false;                // guarded by lock_; file lacks a final LF
+    std::function<void()> onChange_;             // guarded by lock_
+    std::optional<std::string> lastWriteError_;  // guarded by lock_
+    std::size_t skippedLines_ = 0;               // guarded by lock_
 };
 
 }  // namespace mcpkit

@@ -140,8 +140,7 @@ void MCPPolicyStore::touch(const std::string& harnessID, mailcore::Date at) {
     });
 }
 
-bool MCPPolicyStore::bindClientName(const std::string& clientName,
-                                    const std::string& harnessID) {
+bool MCPPolicyStore::bindClientName(const std::string& clientName, const std::string& harnessID) {
     bool bound = false;
     mutate([&](MCPState& state) {
         auto* record = state.harness(harnessID);

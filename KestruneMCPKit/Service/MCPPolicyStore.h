@@ -96,12 +96,12 @@ private:
     const mailcore::Clock clock_;
 
     mutable std::mutex lock_;
-    MCPState state_;                                        // guarded by lock_
-    std::optional<MCPPrivateFile::Stamp> lastModified_;     // guarded by lock_
-    bool loadedOnce_ = false;                               // guarded by lock_
-    std::function<void()> onChange_;                        // guarded by lock_
-    std::optional<std::string> lastLoadError_;              // guarded by lock_
-    std::optional<std::string> lastSaveError_;              // guarded by lock_
+    MCPState state_;                                     // guarded by lock_
+    std::optional<MCPPrivateFile::Stamp> lastModified_;  // guarded by lock_
+    bool loadedOnce_ = false;                            // guarded by lock_
+    std::function<void()> onChange_;                     // guarded by lock_
+    std::optional<std::string> lastLoadError_;           // guarded by lock_
+    std::optional<std::string> lastSaveError_;           // guarded by lock_
 };
 
 }  // namespace mcpkit

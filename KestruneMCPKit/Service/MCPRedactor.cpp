@@ -38,10 +38,9 @@ public:
         for (std::size_t i = 0; i < kReplacements.size(); ++i) {
             int error = 0;
             PCRE2_SIZE offset = 0;
-            codes_[i] = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(kReplacements[i].pattern),
-                                      PCRE2_ZERO_TERMINATED,
-                                      PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error,
-                                      &offset, nullptr);
+            codes_[i] = pcre2_compile(
+                reinterpret_cast<PCRE2_SPTR>(kReplacements[i].pattern), PCRE2_ZERO_TERMINATED,
+                PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error, &offset, nullptr);
             if (!codes_[i]) throw std::logic_error("redactor pattern does not compile");
             pcre2_jit_compile(codes_[i], PCRE2_JIT_COMPLETE);  // interpreter if unavailable
         }
@@ -57,8 +56,8 @@ public:
     std::optional<std::string> replaceAll(std::size_t i, const std::string& text) const {
         const auto* subject = reinterpret_cast<PCRE2_SPTR>(text.data());
         const auto* replacement = reinterpret_cast<PCRE2_SPTR>(kReplacements[i].replacement);
-        const std::uint32_t options = PCRE2_SUBSTITUTE_GLOBAL |
-                                      PCRE2_SUBSTITUTE_OVERFLOW_LENGTH | PCRE2_NO_UTF_CHECK;
+        const std::uint32_t options =
+            PCRE2_SUBSTITUTE_GLOBAL | PCRE2_SUBSTITUTE_OVERFLOW_LENGTH | PCRE2_NO_UTF_CHECK;
         std::string out(text.size() + 64, '\0');
         for (int attempt = 0; attempt < 2; ++attempt) {
             PCRE2_SIZE outLength = out.size();
@@ -86,8 +85,8 @@ const CompiledPatterns& patterns() {
 }
 
 bool dropped(char32_t c) {
-    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) return true;  // control characters
-    if (c == 0x2028 || c == 0x2029) return true;             // line, paragraph separators
+    if (c < 0x20 || (c >= 0x7F && c <= 0x9F)) return true;       // control characters
+    if (c == 0x2028 || c == 0x2029) return true;                 // line, paragraph separators
     if (c == 0x200E || c == 0x200F || c == 0x061C) return true;  // directional marks
     if (c >= 0x202A && c <= 0x202E) return true;                 // embeddings, overrides
     if (c >= 0x2066 && c <= 0x2069) return true;                 // isolates
@@ -117,18 +116,26 @@ void appendScalar(std::string& out, char32_t c) {
     }
 }
 
-std::string validUTF8(std::string_view text) {
+// Malformed bytes become U+FFFD, and the characters that the final filter
+// drops (other than CR, LF and tab, which the last replacement turns into a
+// space) are dropped already here: otherwise a control character inside a
+// token would hide it from the expressions and the filter would rebuild it.
+std::string prepared(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     std::size_t pos = 0;
-    while (pos < text.size()) appendScalar(out, nextScalar(text, pos));
+    while (pos < text.size()) {
+        char32_t c = nextScalar(text, pos);
+        if (dropped(c) && c != '\r' && c != '\n' && c != '\t') continue;
+        appendScalar(out, c);
+    }
     return out;
 }
 
 }  // namespace
 
 std::string scrub(std::string_view text, std::size_t limit) {
-    std::string current = validUTF8(text);
+    std::string current = prepared(text);
     for (std::size_t i = 0; i < kReplacements.size(); ++i) {
         auto replaced = patterns().replaceAll(i, current);
         if (!replaced) {

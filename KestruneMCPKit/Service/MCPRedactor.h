@@ -8,8 +8,10 @@
 //   6. [\r\n\t]+                                           -> " "
 // then drops control characters (C0, DEL, C1), the line and paragraph
 // separators and the bidirectional formatting characters, and cuts the result
-// to `limit` characters followed by "..." when it is longer. Malformed UTF-8
-// becomes U+FFFD first. If a replacement cannot complete (a match limit on a
+// to `limit` characters followed by "..." when it is longer. Before the
+// replacements, malformed UTF-8 becomes U+FFFD and the dropped characters
+// other than CR, LF and tab are removed, so that a control character inside
+// a token cannot hide it from the expressions. If a replacement cannot complete (a match limit on a
 // hostile input), the whole text becomes "[redacted]": the redactor fails
 // closed. Thread-safe; the expressions are compiled once.
 #pragma once

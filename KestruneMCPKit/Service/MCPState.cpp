@@ -1,8 +1,7 @@
 #include "KestruneMCPKit/Service/MCPState.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 namespace mcpkit {
 
@@ -50,7 +49,8 @@ std::optional<std::vector<std::string>> texts(const Json& object, const char* ke
 std::optional<mailcore::Date> dateValue(const Json& value) {
     if (!value.is_number()) return std::nullopt;
     double seconds = value.get<double>();
-    if (!std::isfinite(seconds) || std::fabs(seconds) > 1e11) return std::nullopt;
+    // Beyond about ±292 years the clock cannot represent the date.
+    if (!std::isfinite(seconds) || std::fabs(seconds) > 8e9) return std::nullopt;
     return mailcore::dateFromSeconds(std::floor(seconds));
 }
 
@@ -101,8 +101,7 @@ Json toJson(const MCPSettings& settings) {
     json["excludedAccounts"] = textArray(settings.excludedAccounts);
     json["limits"] = toJson(settings.limits);
     json["logSearchText"] = settings.logSearchText;
-    json["retentionDays"] =
-        settings.retentionDays ? Json(*settings.retentionDays) : Json(nullptr);
+    json["retentionDays"] = settings.retentionDays ? Json(*settings.retentionDays) : Json(nullptr);
     json["confirmTimeoutSeconds"] = settings.confirmTimeoutSeconds;
     return json;
 }
@@ -131,8 +130,8 @@ Json toJson(const MCPState& state) {
 MCPLimits limitsFromJson(const Json& json) {
     MCPLimits limits;
     if (!json.is_object()) return limits;
-    limits.requestsPerMinute = integerOr(json, "requestsPerMinute", requestsPerMinuteRange,
-                                         limits.requestsPerMinute);
+    limits.requestsPerMinute =
+        integerOr(json, "requestsPerMinute", requestsPerMinuteRange, limits.requestsPerMinute);
     limits.maxSearchLimit =
         integerOr(json, "maxSearchLimit", maxSearchLimitRange, limits.maxSearchLimit);
     limits.maxBodyCharacters =

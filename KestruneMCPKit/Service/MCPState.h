@@ -10,9 +10,8 @@
 // not allowed.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <cstdint>
+#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <set>
 #include <string>

@@ -1,14 +1,12 @@
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
 #include <nlohmann/json.hpp>
-
 #include <set>
 #include <thread>
 
 #include "KestruneMCPKit/Link/MCPToken.h"
+#include "KestruneMCPKit/Service/MCPAuditLog.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/UTF8.h"
 #include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
@@ -86,8 +84,8 @@ TEST_F(MCPAuditLogTest, RecordAppendsOneLineAndReloads) {
     mailcore::Json json = mailcore::parseJson(fileLines[0]);
     std::vector<std::string> keys;
     for (const auto& [key, value] : json.items()) keys.push_back(key);
-    EXPECT_EQ(keys, (std::vector<std::string>{"id", "time", "harness", "tool", "account",
-                                              "result", "summary", "mailInfluenced"}));
+    EXPECT_EQ(keys, (std::vector<std::string>{"id", "time", "harness", "tool", "account", "result",
+                                              "summary", "mailInfluenced"}));
     EXPECT_EQ(mailcore::parseJson(fileLines[1])["result"], "declined");
     EXPECT_FALSE(mailcore::parseJson(fileLines[1]).contains("mailInfluenced"));
 
@@ -96,9 +94,12 @@ TEST_F(MCPAuditLogTest, RecordAppendsOneLineAndReloads) {
 
 TEST_F(MCPAuditLogTest, EveryResultRoundTripsByItsRawValue) {
     const std::pair<MCPResult, const char*> results[] = {
-        {MCPResult::ok, "ok"},           {MCPResult::error, "error"},
-        {MCPResult::denied, "denied"},   {MCPResult::refused, "refused"},
-        {MCPResult::rateLimited, "rate_limited"}, {MCPResult::declined, "declined"},
+        {MCPResult::ok, "ok"},
+        {MCPResult::error, "error"},
+        {MCPResult::denied, "denied"},
+        {MCPResult::refused, "refused"},
+        {MCPResult::rateLimited, "rate_limited"},
+        {MCPResult::declined, "declined"},
         {MCPResult::timedOut, "timed_out"},
     };
     auto log = open();
@@ -116,8 +117,8 @@ TEST_F(MCPAuditLogTest, FieldsAreScrubbedAndCut) {
     const std::string longAccount = std::string(130, 'a') + "@example.com";
     std::string words;
     for (int i = 0; i < 35; ++i) words += "hi ";
-    auto entry = log->record(words + "kmt_abcdefghij", "tool\nname",
-                             longAccount, MCPResult::ok, std::string(300, 'x') + " tail", true);
+    auto entry = log->record(words + "kmt_abcdefghij", "tool\nname", longAccount, MCPResult::ok,
+                             std::string(300, 'x') + " tail", true);
     EXPECT_EQ(entry.harness, words.substr(0, 60) + "...");
     EXPECT_EQ(entry.tool, "tool name");
     EXPECT_EQ(entry.account, std::string(120, 'a'));  // cut, not scrubbed, no ellipsis
@@ -184,16 +185,21 @@ TEST_F(MCPAuditLogTest, UnreadableLinesAreSkippedAndATornLastLineIsNotJoined) {
     auto b = recordOne(*log, "Cursor");
     std::string text = readText(url_);
     auto fileLines = lines(text);
-    const std::string damaged = "not json\n" + fileLines[0] + "\n\n[1,2]\n" +
-                                R"({"id":"x","time":"soon","harness":"h","tool":"t","account":"a","result":"ok","summary":""})" +
-                                "\n" +
-                                R"({"id":"y","time":1,"harness":"h","tool":"t","account":"a","result":"maybe","summary":""})" +
-                                "\n" + fileLines[1] + "\r\n" + fileLines[0].substr(0, 30);
+    const std::string damaged =
+        "not json\n" + fileLines[0] + "\n\n[1,2]\n" +
+        R"({"id":"x","time":"soon","harness":"h","tool":"t","account":"a","result":"ok","summary":""})" +
+        "\n" +
+        R"({"id":"y","time":1,"harness":"h","tool":"t","account":"a","result":"maybe","summary":""})" +
+        "\n" + fileLines[1] + "\r\n" + fileLines[0].substr(0, 30);
     writeText(url_, damaged);
 
     auto reloaded = open();
     EXPECT_EQ(reloaded->entries(), (std::vector<MCPAuditEntry>{a, b}));
     EXPECT_EQ(reloaded->skippedLinesAtLoad(), 5u);
+    EXPECT_EQ(
+        MCPAuditLog::decode(
+            R"({"id":"x","time":1e300,"harness":"h","tool":"t","account":"a","result":"ok","summary":""})"),
+        std::nullopt);
     auto c = recordOne(*reloaded, "Zed");
     EXPECT_EQ(open()->entries(), (std::vector<MCPAuditEntry>{a, b, c}));
 }
@@ -236,8 +242,8 @@ TEST_F(MCPAuditLogTest, PruneDropsEntriesOlderThanTheRetentionAndRewrites) {
     for (int ageDays : {100, 91, 90, 89, 0}) {
         FakeClock at(mailcore::secondsSince1970(clock_.now()) - ageDays * 86400.0);
         MCPAuditLog writer(url_, at.clock());
-        recorded.push_back(writer.record("h", std::to_string(ageDays), "none", MCPResult::ok,
-                                         "", std::nullopt));
+        recorded.push_back(
+            writer.record("h", std::to_string(ageDays), "none", MCPResult::ok, "", std::nullopt));
     }
     log = open();
     int changes = 0;
@@ -380,8 +386,8 @@ TEST_F(MCPAuditLogTest, NoSecretReachesTheFile) {
                         addresses[0] + " key " + github,
                     true);
         log->record("Cursor", "search_messages", "none", MCPResult::ok,
-                    "query \"" + openai + "\" to " + addresses[1] + "\nslack " + slack +
-                        "\tblob " + longSecret + " and " + secrets[3] + secrets[4],
+                    "query \"" + openai + "\" to " + addresses[1] + "\nslack " + slack + "\tblob " +
+                        longSecret + " and " + secrets[3] + secrets[4],
                     false);
         log->record("Zed", "read_message", "none", MCPResult::ok,
                     "BEARER " + bearer.substr(0, 12) + " " + secrets[4], std::nullopt);

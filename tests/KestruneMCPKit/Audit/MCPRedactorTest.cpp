@@ -1,8 +1,7 @@
-#include "KestruneMCPKit/Service/MCPRedactor.h"
-
 #include <gtest/gtest.h>
 
 #include "KestruneMCPKit/Link/MCPToken.h"
+#include "KestruneMCPKit/Service/MCPRedactor.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {
@@ -53,8 +52,19 @@ TEST(MCPRedactorTest, DropsControlAndDirectionCharacters) {
                            "e\xE2\x80\xA8"    // U+2028 line separator
                            "f\xE2\x81\xA6g";  // U+2066 left-to-right isolate
     EXPECT_EQ(scrub(in, 200), "ab cdefg");
-    EXPECT_EQ(scrub("caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC", 200), "caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC");
-    EXPECT_EQ(scrub("a\xff" "b\xC3", 200), "a\xEF\xBF\xBD" "b\xEF\xBF\xBD");
+    EXPECT_EQ(scrub("caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC", 200),
+              "caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC");
+    EXPECT_EQ(scrub("a\xff"
+                    "b\xC3",
+                    200),
+              "a\xEF\xBF\xBD"
+              "b\xEF\xBF\xBD");
+    // A control character inside a secret does not hide it.
+    EXPECT_EQ(scrub(std::string("kmt_abc\x01"
+                                "defgh"),
+                    200),
+              "[token]");
+    EXPECT_EQ(scrub(std::string("ghp_abc") + '\0' + "defghijklm", 200), "[secret]");
 }
 
 TEST(MCPRedactorTest, CutsToTheLimitInCharactersWithAnEllipsis) {

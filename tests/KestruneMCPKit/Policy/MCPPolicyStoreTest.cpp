@@ -1,16 +1,14 @@
-#include "KestruneMCPKit/Service/MCPPolicyStore.h"
-
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 #include <atomic>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "KestruneMCPKit/Link/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Link/MCPToken.h"
+#include "KestruneMCPKit/Service/MCPPolicyStore.h"
 #include "MailCore/Common/Json.h"
 #include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
 
@@ -238,8 +236,8 @@ TEST_F(MCPPolicyStoreTest, OnChangeRunsOutsideTheLockOnlyForRealChanges) {
 }
 
 TEST_F(MCPPolicyStoreTest, AFailedSaveKeepsTheChangeAndReportsIt) {
-    auto store = std::make_unique<MCPPolicyStore>(dir_ / "gone" / "state.json", tokens_,
-                                                  clock_.clock());
+    auto store =
+        std::make_unique<MCPPolicyStore>(dir_ / "gone" / "state.json", tokens_, clock_.clock());
     store->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
     EXPECT_TRUE(store->snapshot().settings.masterEnabled);
     EXPECT_TRUE(store->lastSaveError());

@@ -1,9 +1,8 @@
-#include "KestruneMCPKit/Service/MCPRateLimiter.h"
-
 #include <gtest/gtest.h>
 
 #include <thread>
 
+#include "KestruneMCPKit/Service/MCPRateLimiter.h"
 #include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
 
 namespace mcpkit {

@@ -1,9 +1,8 @@
-#include "KestruneMCPKit/Service/MCPState.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
+#include "KestruneMCPKit/Service/MCPState.h"
 #include "MailCore/Common/Json.h"
 
 namespace mcpkit {
@@ -12,16 +11,14 @@ namespace {
 using mailcore::Json;
 using mailcore::parseJson;
 
-MCPSettings decodeSettings(const std::string& text) {
-    return settingsFromJson(parseJson(text));
-}
+MCPSettings decodeSettings(const std::string& text) { return settingsFromJson(parseJson(text)); }
 
 TEST(MCPStateTest, DefaultsAllowEverythingButSendingAndStayOff) {
     MCPSettings s;
     EXPECT_FALSE(s.masterEnabled);
     EXPECT_EQ(MCPTools::permissionIDs().size(), 9u);
-    std::set<std::string> expected = {"list_accounts", "list_folders", "search_messages",
-                                      "read_message",  "mark_read",    "create_draft",
+    std::set<std::string> expected = {"list_accounts", "list_folders",    "search_messages",
+                                      "read_message",  "mark_read",       "create_draft",
                                       "apply_label",   "manage_workflows"};
     EXPECT_EQ(s.enabledPermissions, expected);
     EXPECT_TRUE(s.excludedAccounts.empty());
@@ -131,10 +128,8 @@ TEST(MCPStateTest, DamagedSettingsFailClosed) {
         {R"({"retentionDays":-5})", [](auto& s) { return s.retentionDays == 90; }},
         {R"({"retentionDays":"forever"})", [](auto& s) { return s.retentionDays == 90; }},
         {R"({"retentionDays":7})", [](auto& s) { return s.retentionDays == 7; }},
-        {R"({"confirmTimeoutSeconds":0})",
-         [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
-        {R"({"confirmTimeoutSeconds":-1})",
-         [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
+        {R"({"confirmTimeoutSeconds":0})", [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
+        {R"({"confirmTimeoutSeconds":-1})", [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
     };
     for (const auto& row : rows) {
         EXPECT_TRUE(row.holds(decodeSettings(row.json))) << row.json;
@@ -158,7 +153,7 @@ TEST(MCPStateTest, DamagedHarnessRecordsAreDroppedOrBlocked) {
         {"id":"b","allowed":"yes","createdAt":"yesterday","lastSeen":"now","clientHints":"b"},
         {"id":"c","allowed":true,"boundClientName":42},
         {"id":"d","allowed":true,"boundClientName":null,"clientHints":["d",3],"createdAt":1767225600.75},
-        {"id":"e"}
+        {"id":"e","createdAt":1e300,"lastSeen":-9e18}
     ]})"));
     std::vector<std::string> ids;
     for (const auto& h : state.harnesses) ids.push_back(h.id);
@@ -173,7 +168,9 @@ TEST(MCPStateTest, DamagedHarnessRecordsAreDroppedOrBlocked) {
     EXPECT_EQ(state.harnesses[2].boundClientName, std::nullopt);
     EXPECT_EQ(state.harnesses[2].clientHints, std::vector<std::string>{"d"});
     EXPECT_EQ(state.harnesses[2].createdAt, mailcore::dateFromSeconds(1767225600));
-    EXPECT_FALSE(state.harnesses[3].allowed);  // "allowed" missing: not allowed
+    EXPECT_FALSE(state.harnesses[3].allowed);                   // "allowed" missing: not allowed
+    EXPECT_EQ(state.harnesses[3].createdAt, mailcore::Date{});  // out of the clock's range
+    EXPECT_EQ(state.harnesses[3].lastSeen, std::nullopt);
 
     EXPECT_TRUE(stateFromJson(parseJson(R"({"harnesses":{"a":{}}})")).harnesses.empty());
 }

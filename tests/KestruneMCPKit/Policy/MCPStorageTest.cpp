@@ -1,9 +1,8 @@
-#include "KestruneMCPKit/Service/MCPStorage.h"
-
 #include <gtest/gtest.h>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketError.h"
+#include "KestruneMCPKit/Service/MCPStorage.h"
 #include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
 
 namespace mcpkit {
@@ -28,8 +27,7 @@ TEST(MCPStorageTest, OpensThePrivateDataDirectoryAndItsFiles) {
     EXPECT_EQ(fileMode(storage.base / "tokens.json"), 0600u);
     EXPECT_NE(readText(storage.base / "tokens.json").find("kmt_zed_token_value"),
               std::string::npos);
-    EXPECT_EQ(readText(storage.base / "state.json").find("kmt_zed_token_value"),
-              std::string::npos);
+    EXPECT_EQ(readText(storage.base / "state.json").find("kmt_zed_token_value"), std::string::npos);
 
     // Opening again finds the same harness through the same token store.
     MCPStorage again = MCPStorage::open(dir / "data", std::nullopt, dir / "home");

@@ -1,14 +1,12 @@
-#include "KestruneMCPKit/Link/MCPTokenStore.h"
-
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <thread>
 #include <vector>
 
 #include "KestruneMCPKit/Link/MCPFileTokenStore.h"
+#include "KestruneMCPKit/Link/MCPTokenStore.h"
 #include "MailCore/Common/Json.h"
 #include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
 
@@ -75,8 +73,14 @@ protected:
 };
 
 TEST_F(FileTokenStoreTest, BadFilesReadAsEmptyAndTheNextSetWritesAnObject) {
-    const char* contents[] = {"", "[]", "[\"kmt_x\"]", "garbage {", "null", "42",
-                              R"({"claude":7})", R"({"claude":"kmt_a","cursor":null})",
+    const char* contents[] = {"",
+                              "[]",
+                              "[\"kmt_x\"]",
+                              "garbage {",
+                              "null",
+                              "42",
+                              R"({"claude":7})",
+                              R"({"claude":"kmt_a","cursor":null})",
                               "\xff\xfe\x00"};
     for (const char* content : contents) {
         writeText(url_, content);
@@ -130,6 +134,20 @@ TEST_F(FileTokenStoreTest, AReaderNeverSeesAHalfWrittenFile) {
     done = true;
     reader.join();
     EXPECT_EQ(badReads.load(), 0);
+}
+
+TEST_F(FileTokenStoreTest, EditsByAnotherProgramAreSeenByTheSameStore) {
+    MCPFileTokenStore store(url_);
+    store.set("kmt_first", "claude");
+    EXPECT_EQ(store.token("claude"), "kmt_first");
+    writeText(url_, R"({"claude":"kmt_second_value"})");  // in place, same inode
+    EXPECT_EQ(store.token("claude"), "kmt_second_value");
+    writeText(url_, "garbage");
+    EXPECT_EQ(store.token("claude"), std::nullopt);
+    std::filesystem::remove(url_);
+    EXPECT_EQ(store.token("claude"), std::nullopt);
+    MCPFileTokenStore(url_).set("kmt_third", "claude");  // another instance, atomic replace
+    EXPECT_EQ(store.token("claude"), "kmt_third");
 }
 
 TEST_F(FileTokenStoreTest, AFailedSaveIsSilent) {

@@ -1,8 +1,8 @@
-#include "KestruneMCPKit/Link/MCPToken.h"
-
 #include <gtest/gtest.h>
 
 #include <set>
+
+#include "KestruneMCPKit/Link/MCPToken.h"
 
 namespace mcpkit {
 namespace {
