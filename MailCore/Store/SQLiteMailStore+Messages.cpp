@@ -109,8 +109,14 @@ void SQLiteMailStore::mergeThreads(SQLiteDatabase& db, const std::set<std::int64
     }
 }
 
+void SQLiteMailStore::setSubjectFallbackForRepliesOnly(bool on) {
+    std::lock_guard<std::recursive_mutex> guard(lock_);
+    subjectFallbackForRepliesOnly_ = on;
+}
+
 ThreadID SQLiteMailStore::assignThread(SQLiteDatabase& db, const MessageIndexFields& f,
-                                       const std::vector<std::string>& participants) {
+                                       const std::vector<std::string>& participants,
+                                       bool subjectFallbackForRepliesOnly) {
     std::set<std::int64_t> candidates;
     auto collect = [&](const std::string& sql, const std::string& key) {
         db.forEachRow(sql, {f.accountID, key}, [&](const SQLRow& row) {
@@ -141,7 +147,8 @@ ThreadID SQLiteMailStore::assignThread(SQLiteDatabase& db, const MessageIndexFie
     // message has two or more, so that an address found on nearly every
     // message (the mailbox owner's) cannot bridge unrelated conversations.
     const std::string& subject = f.threading.normalizedSubject;
-    if (!subject.empty() && !participants.empty()) {
+    bool allowed = !subjectFallbackForRepliesOnly || ThreadingKeys::hasReplyPrefix(f.subject);
+    if (allowed && !subject.empty() && !participants.empty()) {
         std::size_t n = std::min(participants.size(), maxParticipantsInQuery);
         std::vector<SQLValue> values{f.accountID, subject};
         for (std::size_t i = 0; i < n; ++i) values.emplace_back(participants[i]);
@@ -187,7 +194,7 @@ std::vector<MessageID> SQLiteMailStore::upsertSync(const std::vector<MessageInde
             std::string keywords = StorageCodec::encodeString(f.flags.keywords);
             MessageID id;
             if (!stored) {
-                ThreadID thread = assignThread(db, f, participants);
+                ThreadID thread = assignThread(db, f, participants, subjectFallbackForRepliesOnly_);
                 db.run(
                     "INSERT INTO messages(account_id, folder_id, thread_id, uid, message_id_key, "
                     "message_id_value, in_reply_to, refs,\n    norm_subject, subject, from_json, "

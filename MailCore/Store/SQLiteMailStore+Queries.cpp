@@ -61,10 +61,13 @@ MessagePage SQLiteMailStore::messages(const MessageQuery& q) {
     }
     sql += "\nFROM messages m\nWHERE " + listConditions("m", q, values);
     if (q.cursor) {
-        sql += " AND (m.date < ? OR (m.date = ? AND m.id < ?))";
+        // The trailing bound repeats the page condition in a form the date
+        // index can seek to, so a deep page costs what a first page costs.
+        sql += " AND (m.date < ? OR (m.date = ? AND m.id < ?)) AND m.date <= ?";
         values.emplace_back(q.cursor->date);
         values.emplace_back(q.cursor->date);
         values.emplace_back(q.cursor->id);
+        values.emplace_back(q.cursor->date);
     }
     if (q.collapseThreads) {
         sql += "\n  AND NOT EXISTS (SELECT 1 FROM messages n WHERE n.thread_id = m.thread_id AND " +

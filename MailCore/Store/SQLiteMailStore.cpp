@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <filesystem>
 #include <map>
 #include <nlohmann/json.hpp>
@@ -115,7 +116,18 @@ SQLiteMailStore::SQLiteMailStore(const StoreLocation& location, Date now) {
     }
     db->execute("PRAGMA foreign_keys = ON");
     if (!readOnly) {
-        db->execute("PRAGMA journal_mode = WAL");
+        try {
+            db->execute("PRAGMA journal_mode = WAL");
+        } catch (const MailError& e) {
+            // Another process holding the file: say so in plain words.
+            int code = 0;
+            std::sscanf(e.detail().c_str(), "sqlite %d", &code);
+            if ((code & 0xff) == 5 || (code & 0xff) == 6) {
+                throw storageError(e.detail() + " (database locked or busy)",
+                                   StorageFailureKind::ioError);
+            }
+            throw;
+        }
         db->execute("PRAGMA synchronous = NORMAL");
         if (location.filePath) restrictPermissions(path);
         StorageMigrator().migrate(*db, std::nullopt, now);

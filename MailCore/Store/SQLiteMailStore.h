@@ -57,6 +57,12 @@ public:
     SQLiteMailStore& operator=(const SQLiteMailStore&) = delete;
 
     bool isReadOnly() const { return readOnly_; }
+
+    // When set, only a message whose subject carries a reply or forward
+    // prefix ("Re:", "AW:", ...) may join a thread by subject; a message
+    // without one and without known references starts a new thread even if
+    // the same people used the same subject before. Off by default.
+    void setSubjectFallbackForRepliesOnly(bool on);
     std::int64_t schemaVersion();
     std::vector<AppliedMigration> appliedMigrations();
     // Closes the connection; later operations fail with "store is closed".
@@ -171,7 +177,8 @@ protected:
     static void deleteThreadIfEmpty(SQLiteDatabase& db, ThreadID thread);
     static void cleanUpAccountThreads(SQLiteDatabase& db, const AccountID& account);
     static ThreadID assignThread(SQLiteDatabase& db, const MessageIndexFields& fields,
-                                 const std::vector<std::string>& participants);
+                                 const std::vector<std::string>& participants,
+                                 bool subjectFallbackForRepliesOnly = false);
     static void mergeThreads(SQLiteDatabase& db, const std::set<std::int64_t>& absorbed,
                              ThreadID into, const AccountID& account);
 
@@ -181,7 +188,8 @@ private:
     std::recursive_mutex lock_;
     std::unique_ptr<SQLiteDatabase> db_;
     bool readOnly_ = false;
-    int writeDepth_ = 0;  // guarded by lock_
+    int writeDepth_ = 0;                          // guarded by lock_
+    bool subjectFallbackForRepliesOnly_ = false;  // guarded by lock_
 };
 
 template <class Body>

@@ -156,6 +156,18 @@ std::string ThreadingKeys::normalizeSubject(std::string_view subject) {
     return collapseSpaces(s);
 }
 
+bool ThreadingKeys::hasReplyPrefix(std::string_view subject) {
+    std::string s = collapseSpaces(lowerSubject(subject));
+    while (!s.empty() && s.front() == '[') {
+        auto close = s.find(']');
+        if (close == std::string::npos) break;
+        std::size_t cut = close + 1;
+        if (cut < s.size() && s[cut] == ' ') ++cut;
+        s.erase(0, cut);
+    }
+    return replyPrefixLength(s) > 0;
+}
+
 std::vector<std::string> ThreadingKeys::referenceKeys() const {
     std::vector<std::string> keys;
     auto add = [&](const InternetMessageID& id) {

@@ -52,6 +52,10 @@ struct ThreadingKeys {
     // trailing "(fwd)". The result may be empty.
     static std::string normalizeSubject(std::string_view subject);
 
+    // True when the subject, after any list tags, starts with one of the
+    // reply or forward prefixes ("Re: [team] x" and "[team] AW: x" do).
+    static bool hasReplyPrefix(std::string_view subject);
+
     // The normalised keys of inReplyTo then references, without repeats.
     std::vector<std::string> referenceKeys() const;
 

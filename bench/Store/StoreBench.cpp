@@ -1,6 +1,7 @@
 // Store benchmark over a generated corpus (bench/corpus). Modes:
 //
 //   store_bench run --corpus DIR --db FILE [--batch N] [--repeat N]
+//                   [--subject-fallback all|replies]
 //       Files every record of DIR/records.jsonl through upsertSync in
 //       batches of N (default 500) with their bodies, then measures
 //       threading accuracy against the recorded conversations, the queries
@@ -112,12 +113,13 @@ nlohmann::json pairwiseScores(const std::vector<std::pair<std::int64_t, std::int
             {"trueThreads", truth.size()}};
 }
 
-int runAll(const std::string& corpus, const std::string& dbPath, std::size_t batchSize,
-           int repeat) {
+int runAll(const std::string& corpus, const std::string& dbPath, std::size_t batchSize, int repeat,
+           bool repliesOnly) {
     std::remove(dbPath.c_str());
     std::remove((dbPath + "-wal").c_str());
     std::remove((dbPath + "-shm").c_str());
     SQLiteMailStore store(StoreLocation::file(dbPath));
+    store.setSubjectFallbackForRepliesOnly(repliesOnly);
     AccountID account("bench");
     store.saveAccount(account, nlohmann::ordered_json::object(), dateFromSeconds(0));
     FolderID inbox =
@@ -167,6 +169,7 @@ int runAll(const std::string& corpus, const std::string& dbPath, std::size_t bat
     nlohmann::json out;
     out["messages"] = records.size();
     out["batchSize"] = batchSize;
+    out["subjectFallback"] = repliesOnly ? "replies" : "all";
     out["write"] = {{"upsertSyncSeconds", upsertMs / 1000},
                     {"upsertSyncPerSecond", n / (upsertMs / 1000)},
                     {"bodiesSeconds", bodyMs / 1000},
@@ -281,7 +284,9 @@ int main(int argc, char** argv) {
         if (mode == "run" && options.count("--corpus") && options.count("--db")) {
             std::size_t batch = options.count("--batch") ? std::stoul(options["--batch"]) : 500;
             int repeat = options.count("--repeat") ? std::stoi(options["--repeat"]) : 5;
-            return runAll(options["--corpus"], options["--db"], batch, repeat);
+            bool repliesOnly =
+                options.count("--subject-fallback") && options["--subject-fallback"] == "replies";
+            return runAll(options["--corpus"], options["--db"], batch, repeat, repliesOnly);
         }
         if (mode == "query" && options.count("--db") && rest.size() == 1) {
             return oneQuery(options["--db"], rest[0]);
@@ -291,6 +296,7 @@ int main(int argc, char** argv) {
         return 1;
     }
     std::cerr << "usage: store_bench run --corpus DIR --db FILE [--batch N] [--repeat N]\n"
+                 "                       [--subject-fallback all|replies]\n"
                  "       store_bench query --db FILE TEXT\n";
     return 64;
 }

@@ -165,6 +165,23 @@ TEST_F(ThreadingStoreTest, OneCommonAddressDoesNotBridgeConversations) {
     EXPECT_EQ(threadOf(note), threadOf(fromAnn));
 }
 
+TEST_F(ThreadingStoreTest, RepliesOnlySubjectFallbackKeepsNewConversationsApart) {
+    EXPECT_TRUE(ThreadingKeys::hasReplyPrefix("[team] AW: x"));
+    EXPECT_TRUE(ThreadingKeys::hasReplyPrefix("Re[2]: x"));
+    EXPECT_FALSE(ThreadingKeys::hasReplyPrefix("Release notes"));
+    EXPECT_FALSE(ThreadingKeys::hasReplyPrefix("[team] Lunch"));
+
+    auto first = put(1, "<a@x>", "", "", "Lunch", "ann@x", "me@x");
+    auto sameByDefault = put(2, "<b@x>", "", "", "Lunch", "me@x", "ann@x");
+    EXPECT_EQ(threadOf(sameByDefault), threadOf(first));  // the default joins them
+
+    store->setSubjectFallbackForRepliesOnly(true);
+    auto newConversation = put(3, "<c@x>", "", "", "Lunch", "ann@x", "me@x");
+    EXPECT_NE(threadOf(newConversation), threadOf(first));
+    auto headerlessReply = put(4, "", "", "", "Re: Lunch", "me@x", "ann@x");
+    EXPECT_EQ(threadOf(headerlessReply), threadOf(newConversation));  // the newest thread
+}
+
 TEST_F(ThreadingStoreTest, InvalidMessageIDThreadsByReferenceOnly) {
     auto root = put(1, "<root@x>", "", "", "Topic");
     auto bad = put(2, "<not valid>", "<root@x>", "", "Other topic", "z@x", "y@x");
