@@ -30,6 +30,7 @@
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Store/MessageRecords.h"
+#include "MailCore/Store/OutboxRecords.h"
 #include "MailCore/Store/SQLiteDatabase.h"
 #include "MailCore/Store/StoreTypes.h"
 
@@ -163,6 +164,62 @@ public:
     // The messages of a thread, oldest first, at most 500.
     std::vector<MessageListRow> threadMessages(ThreadID thread);
     std::vector<SearchHit> search(const SearchQuery& query);
+
+    // ---- Outbox and drafts (SQLiteMailStore+Outbox.cpp, +Drafts.cpp) ----
+    // Queues an operation (state queued, no attempts, `notBefore` defaulting
+    // to `now`) and returns the item. A flag change folds into the message's
+    // queued setFlags and a draft save replaces the draft's queued save; the
+    // item returned is then that one. Fails with "account not found", or
+    // "message has a pending delete" for work on a message being deleted.
+    OutboxItem enqueue(const AccountID& account, const OutboxOperation& operation, Date now,
+                       std::optional<Date> notBefore = std::nullopt);
+    OutboxItem enqueueFlags(const AccountID& account, const OutboxMessageRef& message,
+                            const FlagChange& change, Date now);
+    bool hasPendingDelete(const AccountID& account, MessageID message);
+    std::vector<DecodedOutboxRow> queuedItems(const AccountID& account, MessageID message);
+    std::optional<DecodedOutboxRow> pendingSend(const AccountID& account, const DraftID& draft);
+    std::optional<DecodedOutboxRow> queuedDraftSave(const AccountID& account, const DraftID& draft);
+    void rewriteOutboxPayload(const OutboxItemID& id, const OutboxOperation& operation);
+    // Queued items whose time has come and that no older item on the same
+    // message or draft still waits for; earliest `notBefore` first.
+    std::vector<DecodedOutboxRow> dueItems(Date now, const std::optional<AccountID>& account,
+                                           int limit);
+    // The conditional claim: false when another worker took the item.
+    bool markInFlight(const OutboxItemID& id);
+    // dueItems and markInFlight in one transaction: the first due item this
+    // caller managed to claim (state inFlight, attempt counted), if any.
+    std::optional<DecodedOutboxRow> claimNextDue(Date now, const std::optional<AccountID>& account,
+                                                 int scanLimit = 16);
+    void complete(const OutboxItemID& id);
+    // `counts`: whether the failed attempt counts against the attempt limit;
+    // when it does not, the claim's increment is taken back.
+    void retryLater(const OutboxItemID& id, Date notBefore, const MailError& error, bool counts);
+    void failPermanently(const OutboxItemID& id, const MailError& error, bool counts);
+    // Puts an in-flight item back untouched; false when it was not in flight.
+    bool release(const OutboxItemID& id, Date notBefore);
+    // Records a stage on an in-flight item; false when it was not in flight.
+    bool recordProgress(const OutboxItemID& id, const MailError& progress);
+    // The user's retry of a failed item; false when the item is not failed.
+    // Fails with "outbox item not found".
+    bool retryFailed(const OutboxItemID& id, Date now);
+    void reschedule(const OutboxItemID& id, Date notBefore);
+    // Fails with "item is in flight" or "outbox item not found".
+    void cancel(const OutboxItemID& id);
+    // Launch recovery: every in-flight item is queued again, attempt count
+    // unchanged; in-flight sends are marked "the message may have been sent"
+    // first. Returns the recovered items as they now are.
+    std::vector<DecodedOutboxRow> recoverInFlight();
+    std::optional<DecodedOutboxRow> outboxItem(const OutboxItemID& id);
+    // By creation, then insertion order.
+    std::vector<DecodedOutboxRow> outboxItems(const std::optional<AccountID>& account);
+    std::vector<DecodedOutboxRow> outboxItemsTargeting(FolderID folder);
+    // Removes a queued send and saves `draft` in one transaction (a held send
+    // kept as a draft). Fails with "item is in flight", "outbox item not found".
+    void convertSendToDraft(const OutboxItemID& id, const DraftRecord& draft);
+    void saveDraft(const DraftRecord& draft);
+    std::optional<DraftRecord> draft(const DraftID& id);
+    std::vector<DraftRecord> drafts(const std::optional<AccountID>& account);  // newest first
+    void deleteDraft(const DraftID& id);
 
 protected:
     // Helpers for operations running inside `write` (the caller holds the lock).
