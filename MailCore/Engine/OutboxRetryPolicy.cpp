@@ -26,7 +26,8 @@ UnitRandom systemUnitRandom() {
 }
 
 Date addSeconds(Date date, double seconds) {
-    return date + std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(seconds));
+    return date +
+           std::chrono::duration_cast<Date::duration>(std::chrono::duration<double>(seconds));
 }
 
 OutboxRetryPolicy::OutboxRetryPolicy(EngineTuning tuning, UnitRandom random)
@@ -43,8 +44,8 @@ double OutboxRetryPolicy::retryDelay(std::int64_t countedAttempts) const {
     return delay;
 }
 
-OutboxDecision OutboxRetryPolicy::retry(const OutboxItem& item, const MailError& error,
-                                        bool counts, double delay, Date now) const {
+OutboxDecision OutboxRetryPolicy::retry(const OutboxItem& item, const MailError& error, bool counts,
+                                        double delay, Date now) const {
     OutboxDecision d;
     d.error = error;
     d.counts = counts;

@@ -13,9 +13,7 @@ void realSleep(double seconds) {
     if (seconds > 0) std::this_thread::sleep_for(std::chrono::duration<double>(seconds));
 }
 
-bool isSend(const OutboxItem& item) {
-    return item.operation.kind() == OutboxOperation::Kind::send;
-}
+bool isSend(const OutboxItem& item) { return item.operation.kind() == OutboxOperation::Kind::send; }
 
 }  // namespace
 
@@ -49,7 +47,8 @@ LaunchRecovery OutboxWorker::recoverAtLaunch() {
         draft.id = send.draftID.value_or(DraftID(makeUUID()));
         draft.accountID = item.accountID;
         draft.message = send.message;
-        if (auto existing = store_.draft(draft.id)) draft.sourceMessageID = existing->sourceMessageID;
+        if (auto existing = store_.draft(draft.id))
+            draft.sourceMessageID = existing->sourceMessageID;
         draft.updatedAt = clock_();
         store_.convertSendToDraft(item.id, draft);
         ++report.keptAsDrafts;
@@ -244,9 +243,8 @@ void OutboxWorker::kickOutbox(const AccountID&) {
 
 bool OutboxWorker::drainOutbox(const AccountID& account, double maxWait) {
     using Steady = std::chrono::steady_clock;
-    auto deadline =
-        Steady::now() + std::chrono::duration_cast<Steady::duration>(
-                            std::chrono::duration<double>(std::max(0.0, maxWait)));
+    auto deadline = Steady::now() + std::chrono::duration_cast<Steady::duration>(
+                                        std::chrono::duration<double>(std::max(0.0, maxWait)));
     kickOutbox(account);
     while (true) {
         bool ran = Steady::now() < deadline && runOnce(account);

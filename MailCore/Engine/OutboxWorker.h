@@ -122,12 +122,12 @@ private:
     std::atomic<bool> heldSendsSettled_{false};
 
     std::mutex lock_;
-    std::condition_variable wake_;                // kicks and stop
-    std::condition_variable idle_;                // an item finished
-    bool stopping_ = false;                       // guarded by lock_
-    std::uint64_t kicks_ = 0;                     // guarded by lock_
-    std::map<AccountID, int> running_;            // guarded by lock_
-    std::vector<std::thread> threads_;            // guarded by lock_
+    std::condition_variable wake_;      // kicks and stop
+    std::condition_variable idle_;      // an item finished
+    bool stopping_ = false;             // guarded by lock_
+    std::uint64_t kicks_ = 0;           // guarded by lock_
+    std::map<AccountID, int> running_;  // guarded by lock_
+    std::vector<std::thread> threads_;  // guarded by lock_
 };
 
 }  // namespace mailcore

@@ -11,7 +11,8 @@ DraftRecord draftFrom(const SQLRow& row) {
     DraftRecord d;
     d.id = DraftID(row.text(0));
     d.accountID = AccountID(row.text(1));
-    d.message = OutgoingMessage::fromJson(StorageCodec::decodeBytes(row.blob(2), "OutgoingMessage"));
+    d.message =
+        OutgoingMessage::fromJson(StorageCodec::decodeBytes(row.blob(2), "OutgoingMessage"));
     d.sourceMessageID = row.optionalID<MessageID>(3);
     d.updatedAt = row.date(4);
     return d;
@@ -38,7 +39,8 @@ void SQLiteMailStore::saveDraft(const DraftRecord& draft) {
 std::optional<DraftRecord> SQLiteMailStore::draft(const DraftID& id) {
     return read([&](SQLiteDatabase& db) {
         return db.queryOne<DraftRecord>(
-            "SELECT id, account_id, payload, source_message_id, updated_at FROM drafts WHERE id = ?",
+            "SELECT id, account_id, payload, source_message_id, updated_at FROM drafts WHERE id = "
+            "?",
             {id}, draftFrom);
     });
 }

@@ -143,8 +143,7 @@ OutboxItem SQLiteMailStore::enqueue(const AccountID& account, const OutboxOperat
                     if (it->item.operation.kind() != Kind::setFlags) continue;
                     OutboxItem item = it->item;
                     item.operation = OutboxOperation::setFlags(
-                        item.operation.message(),
-                        item.operation.flags().folded(operation.flags()));
+                        item.operation.message(), item.operation.flags().folded(operation.flags()));
                     rewritePayload(db, item.id, item.operation);
                     return item;
                 }
@@ -248,8 +247,7 @@ void SQLiteMailStore::retryLater(const OutboxItemID& id, Date notBefore, const M
     });
 }
 
-void SQLiteMailStore::failPermanently(const OutboxItemID& id, const MailError& error,
-                                      bool counts) {
+void SQLiteMailStore::failPermanently(const OutboxItemID& id, const MailError& error, bool counts) {
     write([&](SQLiteDatabase& db) {
         db.run(
             "UPDATE outbox SET state = 'failed', last_error = ?,\n    attempt_count = CASE WHEN "
