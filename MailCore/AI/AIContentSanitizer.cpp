@@ -38,10 +38,10 @@ std::string joinLines(const std::vector<std::string_view>& lines) {
 }
 
 // Quote depth of a line: the '>' characters of its leading run of '>',
-// spaces and tabs ("> > text" is two levels deep). 0 unless the line starts
-// with '>'.
+// spaces and tabs ("> > text" is two levels deep, "  >> text" too: indented
+// quotes count, so trimming the text later cannot turn text into a quote).
+// 0 unless the first character other than a space or tab is '>'.
 int quoteLevel(std::string_view line) {
-    if (line.empty() || line[0] != '>') return 0;
     int level = 0;
     for (char c : line) {
         if (c == '>') {

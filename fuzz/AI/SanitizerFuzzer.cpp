@@ -1,8 +1,8 @@
 // The sanitizer on arbitrary bytes, read as HTML, as plain text and detected:
 // it never crashes, its result is valid UTF-8 within the budget (drawn from
 // the first bytes), marked truncated exactly when cut, and a result that was
-// not cut comes out of a second plain-text pass with every secret placeholder
-// it had (placeholders are never undone).
+// not cut comes out of a second plain-text pass (signatures kept) with every
+// secret placeholder it had (placeholders are never undone).
 #include "MailCore/AI/AIContentSanitizer.h"
 
 #include <cstdint>
@@ -78,8 +78,13 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     if (result.truncated != (characters(whole.text) > static_cast<std::size_t>(budget))) std::abort();
     if (!result.truncated && result.text != whole.text) std::abort();
 
+    // A second pass may find an earlier signature separator once the last
+    // signature is gone, so it keeps signatures: everything else it does
+    // must leave the secret placeholders in place.
+    auto keepSignatures = unlimited;
+    keepSignatures.maxSignatureLines = 1 << 30;
     mailcore::SanitizedText again =
-        AIContentSanitizer::sanitize(whole.text, unlimited, AIContentFormat::plainText);
+        AIContentSanitizer::sanitize(whole.text, keepSignatures, AIContentFormat::plainText);
     for (std::string_view placeholder :
          {AIContentSanitizer::privateKeyRedacted, AIContentSanitizer::tokenRedacted,
           AIContentSanitizer::numberRedacted}) {

@@ -27,7 +27,8 @@ TEST(QuotesAndSignaturesTest, DeepQuotesCollapseToOnePlaceholderPerRun) {
         {"a\n> x\n>> y", 0, "a\n[quoted text removed]"},
         {"a\n> x\n>> y", -3, "a\n[quoted text removed]"},
         {"a\n> x\n>> y\n>>> z", 2, "a\n> x\n>> y\n[quoted text removed]"},
-        {" > not a quote\n>>> deep", 1, " > not a quote\n[quoted text removed]"},
+        {"  > indented\n \t>> deep", 1, "  > indented\n[quoted text removed]"},
+        {"a > b\n>>> deep", 1, "a > b\n[quoted text removed]"},
         {"no quotes at all", 1, "no quotes at all"},
         {"", 1, ""},
     };
@@ -53,6 +54,7 @@ TEST(QuotesAndSignaturesTest, OnlyLongSignaturesAreDropped) {
         {"Hi\n-- \n1\n2\n3\n> quoted\n> more", 2, "Hi\n[signature removed]\n> quoted\n> more"},
         {"Hi\n---\n1\n2\n3", 1, "Hi\n---\n1\n2\n3"},                          // not a separator
         {"Hi\n -- \n1\n2\n3", 1, "Hi\n -- \n1\n2\n3"},
+        {"Hi\n-- \n1\n2\n  > quoted", 1, "Hi\n[signature removed]\n  > quoted"},
         {"x -- y\n1\n2", 0, "x -- y\n1\n2"},
     };
     for (const auto& c : cases) {
