@@ -61,6 +61,11 @@ python3 "$root/bench/Store/compare_peers.py" time --messages "$messages" -- \
 mu_pid=$!
 wait "$store_pid" "$notmuch_pid" "$mu_pid"
 
+echo "== store again, subject threading for replies only"
+mkdir -p "$work/store-replies"
+"$bench" run --corpus "$corpus" --db "$work/store-replies/mail.db" --batch 500 --repeat 5 \
+  --subject-fallback replies > "$results/store-replies.json"
+
 echo "== search as whole processes"
 python3 "$root/bench/Store/compare_peers.py" search --corpus "$corpus" --store-bench "$bench" \
   --db "$work/store/mail.db" --notmuch-config "$work/notmuch/config" --muhome "$work/mu" --repeat 3 \
@@ -92,6 +97,8 @@ for k, v in s["lists"].items():
     print("list %-18s median %.2f ms, p99 %.2f ms (%d rows)" % (k, v["medianMs"], v["p99Ms"], v["rows"]))
 th = s["threading"]
 print("threading store:   precision %.4f recall %.4f" % (th["precision"], th["recall"]))
+tr = load("store-replies.json")["threading"]
+print("threading store, subject fallback for replies only: precision %.4f recall %.4f" % (tr["precision"], tr["recall"]))
 for t in ("notmuch", "mu"):
     print("threading %-7s: precision %.4f recall %.4f" % (t, pt[t]["precision"], pt[t]["recall"]))
 PY
