@@ -44,7 +44,7 @@ bool isValidMessageID(const std::string& id) {
 }
 
 void addMailboxes(GMimeMessage* message, GMimeAddressType type,
-                  const std::vector<MIMEAddress>& addresses) {
+                  const std::vector<MailAddress>& addresses) {
     InternetAddressList* list = g_mime_message_get_addresses(message, type);  // borrowed
     for (const auto& a : addresses) {
         checkHeaderText(a.name);

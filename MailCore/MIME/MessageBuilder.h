@@ -12,7 +12,7 @@
 #pragma once
 
 #include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/MIMEAddress.h"
+#include "MailCore/MIME/AddressFormat.h"
 
 #include <optional>
 #include <string>
@@ -29,11 +29,11 @@ struct OutgoingAttachment {
 };
 
 struct ComposedMessage {
-    MIMEAddress from;
-    std::vector<MIMEAddress> to;
-    std::vector<MIMEAddress> cc;
-    std::vector<MIMEAddress> bcc;
-    std::vector<MIMEAddress> replyTo;
+    MailAddress from;
+    std::vector<MailAddress> to;
+    std::vector<MailAddress> cc;
+    std::vector<MailAddress> bcc;
+    std::vector<MailAddress> replyTo;
     std::string subject;
     Date date;
     // Without angle brackets; empty means a new one is made from a random

@@ -3,6 +3,7 @@
 #include "MailCore/Common/MailError.h"
 #include "MailCore/MIME/GMimeSupport.h"
 #include "MailCore/MIME/MIMEText.h"
+#include "MailCore/Store/ThreadingKeys.h"
 
 #include <algorithm>
 #include <array>
@@ -162,7 +163,7 @@ std::string safeFilename(std::string name, const std::string& mimeType) {
     return cutUTF8(clean, 255);
 }
 
-void collectAddresses(InternetAddressList* list, std::vector<MIMEAddress>& out, std::size_t max,
+void collectAddresses(InternetAddressList* list, std::vector<MailAddress>& out, std::size_t max,
                       int depth = 0) {
     if (list == nullptr || depth > 3) return;
     const int count = internet_address_list_length(list);
@@ -173,7 +174,7 @@ void collectAddresses(InternetAddressList* list, std::vector<MIMEAddress>& out, 
             collectAddresses(internet_address_group_get_members(INTERNET_ADDRESS_GROUP(address)),
                              out, max, depth + 1);
         } else if (INTERNET_ADDRESS_IS_MAILBOX(address)) {
-            MIMEAddress entry;
+            MailAddress entry;
             entry.name = headerText(internet_address_get_name(address), 500);
             entry.email = headerText(
                 internet_address_mailbox_get_addr(INTERNET_ADDRESS_MAILBOX(address)), 500);
@@ -185,27 +186,21 @@ void collectAddresses(InternetAddressList* list, std::vector<MIMEAddress>& out, 
     }
 }
 
+// Message identifiers of an In-Reply-To or References value, by the same
+// rules the store's threading uses; invalid ones are dropped.
 std::vector<std::string> parseIdentifiers(const char* value, std::size_t max) {
-    std::vector<std::string> ids;
-    if (value == nullptr) return ids;
-    GMimeReferences* refs = g_mime_references_parse(mimeParserOptions(), value);
-    if (refs == nullptr) return ids;
-    const int count = g_mime_references_length(refs);
     std::vector<std::string> all;
-    for (int i = 0; i < count; ++i) {
-        std::string id = headerText(g_mime_references_get_message_id(refs, i), 998);
-        if (!id.empty()) all.push_back(std::move(id));
-    }
-    g_mime_references_free(refs);
+    if (value == nullptr) return all;
+    const std::string text = headerText(value, 64 * 1024);
+    for (const auto& id : ThreadingKeys::parseIDList(text)) all.push_back(id.value());
     // Keep the first identifier (the thread's root) and the newest ones.
     if (all.size() > max && max > 1) {
-        ids.push_back(all.front());
-        ids.insert(ids.end(), all.end() - static_cast<std::ptrdiff_t>(max - 1), all.end());
-    } else {
-        ids = std::move(all);
-        if (ids.size() > max) ids.resize(max);
+        std::vector<std::string> kept{all.front()};
+        kept.insert(kept.end(), all.end() - static_cast<std::ptrdiff_t>(max - 1), all.end());
+        return kept;
     }
-    return ids;
+    if (all.size() > max) all.resize(max);
+    return all;
 }
 
 // --- content decoding ---
@@ -485,8 +480,8 @@ private:
         auto line = [&](const char* label, const std::string& value) {
             if (!value.empty()) header.text += std::string(label) + ": " + value + "\n";
         };
-        std::vector<MIMEAddress> from;
-        std::vector<MIMEAddress> to;
+        std::vector<MailAddress> from;
+        std::vector<MailAddress> to;
         collectAddresses(g_mime_message_get_from(inner), from, 20);
         collectAddresses(g_mime_message_get_to(inner), to, 20);
         line("From", displayForm(from));

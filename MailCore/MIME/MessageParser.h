@@ -13,7 +13,7 @@
 #pragma once
 
 #include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/MIMEAddress.h"
+#include "MailCore/MIME/AddressFormat.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -70,11 +70,11 @@ struct ParsedPart {
 
 struct ParsedMessage {
     std::string subject;
-    std::vector<MIMEAddress> from;
-    std::vector<MIMEAddress> to;
-    std::vector<MIMEAddress> cc;
-    std::vector<MIMEAddress> bcc;
-    std::vector<MIMEAddress> replyTo;
+    std::vector<MailAddress> from;
+    std::vector<MailAddress> to;
+    std::vector<MailAddress> cc;
+    std::vector<MailAddress> bcc;
+    std::vector<MailAddress> replyTo;
     // The Date header; absent when missing, unreadable or outside 1900-2199.
     std::optional<Date> date;
     // Identifiers without angle brackets, as written.

@@ -3,13 +3,32 @@
 // store's records. Checks the invariants every caller relies on: text is
 // valid UTF-8, limits hold, part ids are never empty.
 #include "MailCore/MIME/MIMEText.h"
+#include "MailCore/MIME/MessageIngestor.h"
 #include "MailCore/MIME/MessageParser.h"
+#include "MailCore/Common/Json.h"
+
+#include <nlohmann/json.hpp>
 
 #include <cstdint>
 #include <cstdlib>
+#include <memory>
 #include <string_view>
 
 namespace {
+
+// An in-memory store that every input is filed into; replaced every 50
+// inputs so that its size (and the time per input) stays small.
+struct IndexTarget {
+    mailcore::SQLiteMailStore store{mailcore::StoreLocation::inMemory()};
+    mailcore::AccountID account{"fuzz"};
+    mailcore::FolderID folder;
+    std::uint32_t nextUID = 1;
+
+    IndexTarget() {
+        store.saveAccount(account, mailcore::Json::object(), mailcore::dateFromSeconds(0));
+        folder = store.createFolder(account, mailcore::FolderListing{"INBOX", "/", mailcore::FolderRole::inbox, {}});
+    }
+};
 
 void check(bool condition) {
     if (!condition) std::abort();
@@ -44,5 +63,19 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (const auto* list : {&m.from, &m.to, &m.cc, &m.bcc, &m.replyTo}) {
         for (const auto& address : *list) check(isValidUTF8(address.name) && isValidUTF8(address.email));
     }
+
+    // Index: map to the store's records and file them.
+    static std::unique_ptr<IndexTarget> current;
+    static int filed = 0;
+    if (!current || ++filed % 50 == 0) current = std::make_unique<IndexTarget>();
+    IndexTarget& target = *current;
+    IncomingMessage incoming{target.folder, IMAPUID(target.nextUID++), {}, std::nullopt, std::nullopt};
+    PreparedMessage prepared = prepareMessage(m, target.account, incoming, dateFromSeconds(0));
+    check(prepared.attachments.size() == m.attachments.size());
+    std::vector<PreparedMessage> batch;
+    batch.push_back(std::move(prepared));
+    MessageIngestor ingestor(target.store);
+    const auto ids = ingestor.file(std::move(batch));
+    check(ids.size() == 1 && target.store.message(ids[0]).has_value());
     return 0;
 }

@@ -53,7 +53,7 @@ TEST(MessageBuilder, RoundTripGivesBackTheSameFields) {
     EXPECT_EQ(built.messageID, "note.42@example.com");
 
     const ParsedMessage out = MessageParser().parse(built.data);
-    EXPECT_EQ(out.from, std::vector<MIMEAddress>{in.from});
+    EXPECT_EQ(out.from, std::vector<MailAddress>{in.from});
     EXPECT_EQ(out.to, in.to);
     EXPECT_EQ(out.cc, in.cc);
     EXPECT_TRUE(out.bcc.empty());  // never handed to SMTP

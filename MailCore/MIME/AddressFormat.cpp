@@ -1,14 +1,14 @@
-#include "MailCore/MIME/MIMEAddress.h"
+#include "MailCore/MIME/AddressFormat.h"
 
 namespace mailcore {
 
-std::string displayForm(const MIMEAddress& address) {
+std::string displayForm(const MailAddress& address) {
     if (address.name.empty()) return address.email;
     if (address.email.empty()) return address.name;
     return address.name + " <" + address.email + ">";
 }
 
-std::string displayForm(const std::vector<MIMEAddress>& addresses) {
+std::string displayForm(const std::vector<MailAddress>& addresses) {
     std::string out;
     for (const auto& a : addresses) {
         if (!out.empty()) out += ", ";

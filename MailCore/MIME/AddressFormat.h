@@ -1,0 +1,18 @@
+// Display forms of mail addresses, for the forwarded-message header block
+// and for people reading them; headers are written by MessageBuilder.
+#pragma once
+
+#include "MailCore/Store/StoreTypes.h"
+
+#include <string>
+#include <vector>
+
+namespace mailcore {
+
+// "Name <email>", or the bare address when there is no name.
+std::string displayForm(const MailAddress& address);
+
+// The display forms joined by ", ".
+std::string displayForm(const std::vector<MailAddress>& addresses);
+
+}  // namespace mailcore
