@@ -1,11 +1,11 @@
 #include "MailCore/AI/AIContentSanitizer.h"
 
-#include "MailCore/AI/SanitizerPatterns.h"
-#include "MailCore/AI/UTF8Text.h"
-
 #include <algorithm>
 #include <cmath>
 #include <vector>
+
+#include "MailCore/AI/SanitizerPatterns.h"
+#include "MailCore/AI/UTF8Text.h"
 
 namespace mailcore {
 namespace {
@@ -87,12 +87,10 @@ ParsedAddress parseAddress(std::string_view address) {
     std::size_t fragmentStart = address.find('#', authorityEnd);
     if (fragmentStart == std::string_view::npos) fragmentStart = address.size();
     std::size_t queryStart = address.find('?', authorityEnd);
-    if (queryStart == std::string_view::npos || queryStart > fragmentStart) queryStart = fragmentStart;
-    ParsedAddress parsed{authority,
-                         address.substr(authorityEnd, queryStart - authorityEnd),
-                         std::string_view(),
-                         address.substr(fragmentStart),
-                         authorityEnd};
+    if (queryStart == std::string_view::npos || queryStart > fragmentStart)
+        queryStart = fragmentStart;
+    ParsedAddress parsed{authority, address.substr(authorityEnd, queryStart - authorityEnd),
+                         std::string_view(), address.substr(fragmentStart), authorityEnd};
     if (queryStart < fragmentStart) {
         parsed.query = address.substr(queryStart + 1, fragmentStart - queryStart - 1);
     }
@@ -111,8 +109,8 @@ std::size_t extendOverPlaceholders(std::string_view text, std::size_t start, std
         std::size_t bracket = text.rfind('[', end == 0 ? 0 : end - 1);
         if (bracket == std::string_view::npos || bracket < start) return end;
         bool extended = false;
-        for (std::string_view p : {AIContentSanitizer::binaryDataRemoved,
-                                   AIContentSanitizer::embeddedDataRemoved}) {
+        for (std::string_view p :
+             {AIContentSanitizer::binaryDataRemoved, AIContentSanitizer::embeddedDataRemoved}) {
             if (text.compare(bracket, p.size(), p) == 0 && bracket + p.size() > end) {
                 end = bracket + p.size();
                 while (end < text.size() && isAddressChar(text[end])) ++end;
@@ -132,10 +130,14 @@ bool isBase64TailLine(std::string_view line) {
     if (line.size() < 4 || line.size() >= 60) return false;
     bool upper = false, lowerCase = false, other = false;
     for (char c : line) {
-        if (c >= 'A' && c <= 'Z') upper = true;
-        else if (c >= 'a' && c <= 'z') lowerCase = true;
-        else if ((c >= '0' && c <= '9') || c == '+' || c == '/' || c == '=') other = true;
-        else return false;
+        if (c >= 'A' && c <= 'Z')
+            upper = true;
+        else if (c >= 'a' && c <= 'z')
+            lowerCase = true;
+        else if ((c >= '0' && c <= '9') || c == '+' || c == '/' || c == '=')
+            other = true;
+        else
+            return false;
     }
     return line.back() == '=' || (line.size() >= 8 && upper && lowerCase && other);
 }

@@ -1,12 +1,12 @@
 // HTML to plain text: the HTML steps of AIContentSanitizer.
-#include "MailCore/AI/AIContentSanitizer.h"
-#include "MailCore/AI/SanitizerPatterns.h"
-#include "MailCore/AI/UTF8Text.h"
-
 #include <algorithm>
 #include <array>
 #include <cstring>
 #include <unordered_map>
+
+#include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/AI/SanitizerPatterns.h"
+#include "MailCore/AI/UTF8Text.h"
 
 namespace mailcore {
 namespace {
@@ -32,8 +32,16 @@ struct BlockElement {
 };
 
 constexpr std::array<BlockElement, 10> blockElements{{
-    {"script", true}, {"style", true}, {"head", false}, {"title", true}, {"template", false},
-    {"noscript", true}, {"svg", false}, {"iframe", true}, {"object", false}, {"embed", false},
+    {"script", true},
+    {"style", true},
+    {"head", false},
+    {"title", true},
+    {"template", false},
+    {"noscript", true},
+    {"svg", false},
+    {"iframe", true},
+    {"object", false},
+    {"embed", false},
 }};
 
 // Finds closing tags "</name ...>" case-insensitively. Remembers the last
@@ -137,45 +145,46 @@ std::string tidyLines(std::string_view text) {
 
 const std::unordered_map<std::string_view, char32_t>& namedEntities() {
     static const std::unordered_map<std::string_view, char32_t> table{
-        {"amp", '&'}, {"lt", '<'}, {"gt", '>'}, {"quot", '"'}, {"apos", '\''},
-        {"nbsp", ' '}, {"ensp", ' '}, {"emsp", ' '}, {"thinsp", ' '},
-        {"zwnj", 0x200C}, {"zwj", 0x200D}, {"lrm", 0x200E}, {"rlm", 0x200F}, {"shy", 0x00AD},
-        {"copy", 0x00A9}, {"reg", 0x00AE}, {"trade", 0x2122}, {"hellip", 0x2026},
-        {"mdash", 0x2014}, {"ndash", 0x2013}, {"minus", 0x2212}, {"lsquo", 0x2018},
-        {"rsquo", 0x2019}, {"sbquo", 0x201A}, {"ldquo", 0x201C}, {"rdquo", 0x201D},
-        {"bdquo", 0x201E}, {"laquo", 0x00AB}, {"raquo", 0x00BB}, {"lsaquo", 0x2039},
-        {"rsaquo", 0x203A}, {"bull", 0x2022}, {"middot", 0x00B7}, {"dagger", 0x2020},
-        {"Dagger", 0x2021}, {"permil", 0x2030}, {"prime", 0x2032}, {"euro", 0x20AC},
-        {"pound", 0x00A3}, {"yen", 0x00A5}, {"cent", 0x00A2}, {"curren", 0x00A4},
-        {"sect", 0x00A7}, {"para", 0x00B6}, {"deg", 0x00B0}, {"plusmn", 0x00B1},
-        {"times", 0x00D7}, {"divide", 0x00F7}, {"frac12", 0x00BD}, {"frac14", 0x00BC},
-        {"frac34", 0x00BE}, {"sup1", 0x00B9}, {"sup2", 0x00B2}, {"sup3", 0x00B3},
-        {"micro", 0x00B5}, {"iexcl", 0x00A1}, {"iquest", 0x00BF}, {"ordf", 0x00AA},
-        {"ordm", 0x00BA}, {"not", 0x00AC}, {"macr", 0x00AF}, {"acute", 0x00B4},
-        {"cedil", 0x00B8}, {"uml", 0x00A8}, {"brvbar", 0x00A6}, {"larr", 0x2190},
-        {"uarr", 0x2191}, {"rarr", 0x2192}, {"darr", 0x2193}, {"harr", 0x2194},
-        {"hearts", 0x2665}, {"check", 0x2713}, {"star", 0x2606}, {"infin", 0x221E},
-        {"ne", 0x2260}, {"le", 0x2264}, {"ge", 0x2265}, {"asymp", 0x2248},
-        {"Agrave", 0x00C0}, {"Aacute", 0x00C1}, {"Acirc", 0x00C2}, {"Atilde", 0x00C3},
-        {"Auml", 0x00C4}, {"Aring", 0x00C5}, {"AElig", 0x00C6}, {"Ccedil", 0x00C7},
-        {"Egrave", 0x00C8}, {"Eacute", 0x00C9}, {"Ecirc", 0x00CA}, {"Euml", 0x00CB},
-        {"Igrave", 0x00CC}, {"Iacute", 0x00CD}, {"Icirc", 0x00CE}, {"Iuml", 0x00CF},
-        {"ETH", 0x00D0}, {"Ntilde", 0x00D1}, {"Ograve", 0x00D2}, {"Oacute", 0x00D3},
-        {"Ocirc", 0x00D4}, {"Otilde", 0x00D5}, {"Ouml", 0x00D6}, {"Oslash", 0x00D8},
-        {"Ugrave", 0x00D9}, {"Uacute", 0x00DA}, {"Ucirc", 0x00DB}, {"Uuml", 0x00DC},
-        {"Yacute", 0x00DD}, {"THORN", 0x00DE}, {"szlig", 0x00DF}, {"agrave", 0x00E0},
-        {"aacute", 0x00E1}, {"acirc", 0x00E2}, {"atilde", 0x00E3}, {"auml", 0x00E4},
-        {"aring", 0x00E5}, {"aelig", 0x00E6}, {"ccedil", 0x00E7}, {"egrave", 0x00E8},
-        {"eacute", 0x00E9}, {"ecirc", 0x00EA}, {"euml", 0x00EB}, {"igrave", 0x00EC},
-        {"iacute", 0x00ED}, {"icirc", 0x00EE}, {"iuml", 0x00EF}, {"eth", 0x00F0},
-        {"ntilde", 0x00F1}, {"ograve", 0x00F2}, {"oacute", 0x00F3}, {"ocirc", 0x00F4},
-        {"otilde", 0x00F5}, {"ouml", 0x00F6}, {"oslash", 0x00F8}, {"ugrave", 0x00F9},
-        {"uacute", 0x00FA}, {"ucirc", 0x00FB}, {"uuml", 0x00FC}, {"yacute", 0x00FD},
-        {"thorn", 0x00FE}, {"yuml", 0x00FF}, {"OElig", 0x0152}, {"oelig", 0x0153},
-        {"Scaron", 0x0160}, {"scaron", 0x0161}, {"Yuml", 0x0178}, {"fnof", 0x0192},
-        {"circ", 0x02C6}, {"tilde", 0x02DC}, {"alpha", 0x03B1}, {"beta", 0x03B2},
-        {"gamma", 0x03B3}, {"delta", 0x03B4}, {"pi", 0x03C0}, {"mu", 0x03BC},
-        {"Omega", 0x03A9}, {"omega", 0x03C9}, {"sum", 0x2211}, {"loz", 0x25CA},
+        {"amp", '&'},       {"lt", '<'},        {"gt", '>'},        {"quot", '"'},
+        {"apos", '\''},     {"nbsp", ' '},      {"ensp", ' '},      {"emsp", ' '},
+        {"thinsp", ' '},    {"zwnj", 0x200C},   {"zwj", 0x200D},    {"lrm", 0x200E},
+        {"rlm", 0x200F},    {"shy", 0x00AD},    {"copy", 0x00A9},   {"reg", 0x00AE},
+        {"trade", 0x2122},  {"hellip", 0x2026}, {"mdash", 0x2014},  {"ndash", 0x2013},
+        {"minus", 0x2212},  {"lsquo", 0x2018},  {"rsquo", 0x2019},  {"sbquo", 0x201A},
+        {"ldquo", 0x201C},  {"rdquo", 0x201D},  {"bdquo", 0x201E},  {"laquo", 0x00AB},
+        {"raquo", 0x00BB},  {"lsaquo", 0x2039}, {"rsaquo", 0x203A}, {"bull", 0x2022},
+        {"middot", 0x00B7}, {"dagger", 0x2020}, {"Dagger", 0x2021}, {"permil", 0x2030},
+        {"prime", 0x2032},  {"euro", 0x20AC},   {"pound", 0x00A3},  {"yen", 0x00A5},
+        {"cent", 0x00A2},   {"curren", 0x00A4}, {"sect", 0x00A7},   {"para", 0x00B6},
+        {"deg", 0x00B0},    {"plusmn", 0x00B1}, {"times", 0x00D7},  {"divide", 0x00F7},
+        {"frac12", 0x00BD}, {"frac14", 0x00BC}, {"frac34", 0x00BE}, {"sup1", 0x00B9},
+        {"sup2", 0x00B2},   {"sup3", 0x00B3},   {"micro", 0x00B5},  {"iexcl", 0x00A1},
+        {"iquest", 0x00BF}, {"ordf", 0x00AA},   {"ordm", 0x00BA},   {"not", 0x00AC},
+        {"macr", 0x00AF},   {"acute", 0x00B4},  {"cedil", 0x00B8},  {"uml", 0x00A8},
+        {"brvbar", 0x00A6}, {"larr", 0x2190},   {"uarr", 0x2191},   {"rarr", 0x2192},
+        {"darr", 0x2193},   {"harr", 0x2194},   {"hearts", 0x2665}, {"check", 0x2713},
+        {"star", 0x2606},   {"infin", 0x221E},  {"ne", 0x2260},     {"le", 0x2264},
+        {"ge", 0x2265},     {"asymp", 0x2248},  {"Agrave", 0x00C0}, {"Aacute", 0x00C1},
+        {"Acirc", 0x00C2},  {"Atilde", 0x00C3}, {"Auml", 0x00C4},   {"Aring", 0x00C5},
+        {"AElig", 0x00C6},  {"Ccedil", 0x00C7}, {"Egrave", 0x00C8}, {"Eacute", 0x00C9},
+        {"Ecirc", 0x00CA},  {"Euml", 0x00CB},   {"Igrave", 0x00CC}, {"Iacute", 0x00CD},
+        {"Icirc", 0x00CE},  {"Iuml", 0x00CF},   {"ETH", 0x00D0},    {"Ntilde", 0x00D1},
+        {"Ograve", 0x00D2}, {"Oacute", 0x00D3}, {"Ocirc", 0x00D4},  {"Otilde", 0x00D5},
+        {"Ouml", 0x00D6},   {"Oslash", 0x00D8}, {"Ugrave", 0x00D9}, {"Uacute", 0x00DA},
+        {"Ucirc", 0x00DB},  {"Uuml", 0x00DC},   {"Yacute", 0x00DD}, {"THORN", 0x00DE},
+        {"szlig", 0x00DF},  {"agrave", 0x00E0}, {"aacute", 0x00E1}, {"acirc", 0x00E2},
+        {"atilde", 0x00E3}, {"auml", 0x00E4},   {"aring", 0x00E5},  {"aelig", 0x00E6},
+        {"ccedil", 0x00E7}, {"egrave", 0x00E8}, {"eacute", 0x00E9}, {"ecirc", 0x00EA},
+        {"euml", 0x00EB},   {"igrave", 0x00EC}, {"iacute", 0x00ED}, {"icirc", 0x00EE},
+        {"iuml", 0x00EF},   {"eth", 0x00F0},    {"ntilde", 0x00F1}, {"ograve", 0x00F2},
+        {"oacute", 0x00F3}, {"ocirc", 0x00F4},  {"otilde", 0x00F5}, {"ouml", 0x00F6},
+        {"oslash", 0x00F8}, {"ugrave", 0x00F9}, {"uacute", 0x00FA}, {"ucirc", 0x00FB},
+        {"uuml", 0x00FC},   {"yacute", 0x00FD}, {"thorn", 0x00FE},  {"yuml", 0x00FF},
+        {"OElig", 0x0152},  {"oelig", 0x0153},  {"Scaron", 0x0160}, {"scaron", 0x0161},
+        {"Yuml", 0x0178},   {"fnof", 0x0192},   {"circ", 0x02C6},   {"tilde", 0x02DC},
+        {"alpha", 0x03B1},  {"beta", 0x03B2},   {"gamma", 0x03B3},  {"delta", 0x03B4},
+        {"pi", 0x03C0},     {"mu", 0x03BC},     {"Omega", 0x03A9},  {"omega", 0x03C9},
+        {"sum", 0x2211},    {"loz", 0x25CA},
     };
     return table;
 }
@@ -278,7 +287,7 @@ std::string AIContentSanitizer::decodeEntities(std::string_view text) {
             bool overflow = false;
             while (i < text.size()) {
                 char c = text[i];
-                int d = (c >= '0' && c <= '9') ? c - '0'
+                int d = (c >= '0' && c <= '9')          ? c - '0'
                         : (hex && c >= 'a' && c <= 'f') ? c - 'a' + 10
                         : (hex && c >= 'A' && c <= 'F') ? c - 'A' + 10
                                                         : -1;
@@ -299,8 +308,8 @@ std::string AIContentSanitizer::decodeEntities(std::string_view text) {
             auto found = named.find(name);
             bool terminated = i < text.size() && text[i] == ';';
             // Without ';' only the five that old mailers leave bare are read.
-            bool bareAllowed = name == "amp" || name == "lt" || name == "gt" || name == "quot" ||
-                               name == "nbsp";
+            bool bareAllowed =
+                name == "amp" || name == "lt" || name == "gt" || name == "quot" || name == "nbsp";
             if (found != named.end() && (terminated || bareAllowed)) {
                 utf8text::append(decoded, found->second);
                 end = terminated ? i + 1 : i;

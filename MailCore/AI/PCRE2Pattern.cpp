@@ -48,10 +48,9 @@ PCRE2Pattern::PCRE2Pattern(std::string_view pattern, std::uint32_t extraOptions)
     pcre2_set_newline(context.get(), PCRE2_NEWLINE_ANYCRLF);
     int error = 0;
     PCRE2_SIZE errorOffset = 0;
-    pcre2_code* code = pcre2_compile(
-        reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
-        PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF | extraOptions, &error, &errorOffset,
-        context.get());
+    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern.data()), pattern.size(),
+                                     PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF | extraOptions,
+                                     &error, &errorOffset, context.get());
     if (!code) {
         PCRE2_UCHAR message[256];
         pcre2_get_error_message(error, message, sizeof message);

@@ -4,12 +4,12 @@
 // SecretRedaction.cpp), and every match attempt has PCRE2Pattern::matchLimit.
 #pragma once
 
-#include "MailCore/AI/PCRE2Pattern.h"
-
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+
+#include "MailCore/AI/PCRE2Pattern.h"
 
 namespace mailcore {
 

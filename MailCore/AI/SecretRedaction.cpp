@@ -1,20 +1,20 @@
 // Secret redaction: step 8 of AIContentSanitizer.
+#include <array>
+#include <vector>
+
 #include "MailCore/AI/AIContentSanitizer.h"
 #include "MailCore/AI/SanitizerPatterns.h"
 #include "MailCore/AI/UTF8Text.h"
-
-#include <array>
-#include <vector>
 
 namespace mailcore {
 namespace {
 
 bool startsWithPlaceholder(std::string_view text, std::size_t pos) {
     static constexpr std::array<std::string_view, 8> placeholders{
-        AIContentSanitizer::tokenRedacted,      AIContentSanitizer::privateKeyRedacted,
-        AIContentSanitizer::numberRedacted,     AIContentSanitizer::binaryDataRemoved,
+        AIContentSanitizer::tokenRedacted,       AIContentSanitizer::privateKeyRedacted,
+        AIContentSanitizer::numberRedacted,      AIContentSanitizer::binaryDataRemoved,
         AIContentSanitizer::embeddedDataRemoved, AIContentSanitizer::trackingLinkRemoved,
-        AIContentSanitizer::quotedTextRemoved,  AIContentSanitizer::signatureRemoved};
+        AIContentSanitizer::quotedTextRemoved,   AIContentSanitizer::signatureRemoved};
     for (std::string_view p : placeholders) {
         if (text.compare(pos, p.size(), p) == 0) return true;
     }
@@ -27,7 +27,7 @@ bool startsWithPlaceholder(std::string_view text, std::size_t pos) {
 std::size_t redactKeyAfterFailure(std::string_view text, std::size_t from, std::string& out) {
     std::size_t marker = text.find("PRIVATE KEY-----", from);
     std::size_t begin = marker == std::string_view::npos ? std::string_view::npos
-                                                        : text.rfind("-----BEGIN ", marker);
+                                                         : text.rfind("-----BEGIN ", marker);
     if (begin == std::string_view::npos || begin < from) {
         out.append(text.substr(from));
         return text.size();
@@ -116,15 +116,24 @@ std::string redactTokenShapes(std::string_view text) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         bool jwt = false;
         switch (text[i]) {
-            case 's': if (!has(i, "sk-")) continue; break;
-            case 'g': if (!(has(i, "gh") && oneOf(i + 2, "pousr") && oneOf(i + 3, "_"))) continue; break;
-            case 'x': if (!(has(i, "xox") && oneOf(i + 3, "abprs") && oneOf(i + 4, "-"))) continue; break;
-            case 'A': if (!has(i, "AKIA") && !has(i, "AIza")) continue; break;
+            case 's':
+                if (!has(i, "sk-")) continue;
+                break;
+            case 'g':
+                if (!(has(i, "gh") && oneOf(i + 2, "pousr") && oneOf(i + 3, "_"))) continue;
+                break;
+            case 'x':
+                if (!(has(i, "xox") && oneOf(i + 3, "abprs") && oneOf(i + 4, "-"))) continue;
+                break;
+            case 'A':
+                if (!has(i, "AKIA") && !has(i, "AIza")) continue;
+                break;
             case 'e':
                 if (!has(i, "eyJ") || i < skipJWTUntil) continue;
                 jwt = true;
                 break;
-            default: continue;
+            default:
+                continue;
         }
         auto outcome = patterns.tokenShapeAt.search(text, i, match);
         if (outcome == PCRE2Pattern::Outcome::matched) {

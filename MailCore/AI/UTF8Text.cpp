@@ -94,7 +94,9 @@ char32_t decodeAt(std::string_view text, std::size_t pos, std::size_t& next) {
         next = pos + 1;
         return length == 1 ? static_cast<unsigned char>(text[pos]) : 0xFFFD;
     }
-    auto byte = [&](std::size_t i) { return static_cast<char32_t>(static_cast<unsigned char>(text[i])); };
+    auto byte = [&](std::size_t i) {
+        return static_cast<char32_t>(static_cast<unsigned char>(text[i]));
+    };
     char32_t value = byte(pos) & (length == 2 ? 0x1F : length == 3 ? 0x0F : 0x07);
     for (std::size_t i = 1; i < length; ++i) value = (value << 6) | (byte(pos + i) & 0x3F);
     next = pos + length;

@@ -9,8 +9,8 @@
 namespace mailcore {
 namespace {
 
-constexpr std::array<std::string_view, 12> monthNames{
-    "Jan", "Feb", "Mar", "Apr", "May", "Jun", "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
+constexpr std::array<std::string_view, 12> monthNames{"Jan", "Feb", "Mar", "Apr", "May", "Jun",
+                                                      "Jul", "Aug", "Sep", "Oct", "Nov", "Dec"};
 
 std::int64_t floorDiv(std::int64_t a, std::int64_t b) {
     std::int64_t q = a / b;
@@ -37,7 +37,7 @@ Parts split(Date date) {
 IMAPDate::CivilDate IMAPDate::civilFromDays(std::int64_t days) {
     std::int64_t shifted = days + 719468;  // days from 0000-03-01 to 1970-01-01
     std::int64_t era = floorDiv(shifted, 146097);
-    std::int64_t dayOfEra = shifted - era * 146097;                                // [0, 146096]
+    std::int64_t dayOfEra = shifted - era * 146097;  // [0, 146096]
     std::int64_t yearOfEra =
         (dayOfEra - dayOfEra / 1460 + dayOfEra / 36524 - dayOfEra / 146096) / 365;  // [0, 399]
     std::int64_t dayOfYear = dayOfEra - (365 * yearOfEra + yearOfEra / 4 - yearOfEra / 100);
@@ -67,8 +67,7 @@ std::string IMAPDate::appendDateTime(Date date) {
 
 std::string IMAPDate::searchDate(Date date) {
     Parts p = split(date);
-    return fmt::format("{}-{}-{:04d}", p.civil.day, monthNames[p.civil.month - 1],
-                       p.civil.year);
+    return fmt::format("{}-{}-{:04d}", p.civil.day, monthNames[p.civil.month - 1], p.civil.year);
 }
 
 }  // namespace mailcore

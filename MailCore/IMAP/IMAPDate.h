@@ -3,10 +3,10 @@
 // Stateless.
 #pragma once
 
-#include "MailCore/Common/Clock.h"
-
 #include <cstdint>
 #include <string>
+
+#include "MailCore/Common/Clock.h"
 
 namespace mailcore {
 

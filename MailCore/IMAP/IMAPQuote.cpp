@@ -22,7 +22,8 @@ std::optional<std::string> IMAPQuote::quoted(std::string_view text) {
 
 std::string IMAPQuote::mailbox(std::string_view name) {
     auto invalid = [] {
-        return MailError::protocolViolation(ProtocolIssueKind::invalidInput, "invalid mailbox name");
+        return MailError::protocolViolation(ProtocolIssueKind::invalidInput,
+                                            "invalid mailbox name");
     };
     if (name.empty()) throw invalid();
     for (char c : name) {

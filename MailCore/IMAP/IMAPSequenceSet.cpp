@@ -1,9 +1,9 @@
 #include "MailCore/IMAP/IMAPSequenceSet.h"
 
-#include "MailCore/Common/MailError.h"
-
 #include <algorithm>
 #include <limits>
+
+#include "MailCore/Common/MailError.h"
 
 namespace mailcore {
 namespace {
@@ -52,7 +52,8 @@ std::vector<std::uint32_t> IMAPSequenceSet::expand(std::string_view text, std::u
             throw MailError::protocolViolation(ProtocolIssueKind::responseTooLarge,
                                                "sequence set too large");
         }
-        for (std::uint64_t n = low; n <= high; ++n) numbers.push_back(static_cast<std::uint32_t>(n));
+        for (std::uint64_t n = low; n <= high; ++n)
+            numbers.push_back(static_cast<std::uint32_t>(n));
     }
     return numbers;
 }

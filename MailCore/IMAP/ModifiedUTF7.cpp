@@ -1,9 +1,9 @@
 #include "MailCore/IMAP/ModifiedUTF7.h"
 
-#include "MailCore/IMAP/UTF8Scalars.h"
-
 #include <cstdint>
 #include <vector>
+
+#include "MailCore/IMAP/UTF8Scalars.h"
 
 namespace mailcore {
 namespace {

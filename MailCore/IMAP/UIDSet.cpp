@@ -1,10 +1,10 @@
 #include "MailCore/IMAP/UIDSet.h"
 
-#include "MailCore/Common/MailError.h"
-
 #include <algorithm>
 #include <limits>
 #include <nlohmann/json.hpp>
+
+#include "MailCore/Common/MailError.h"
 
 namespace mailcore {
 
@@ -71,8 +71,8 @@ std::vector<UIDSet> UIDSet::chunked(std::int64_t limit) const {
         std::uint64_t upper = std::max(range.lower, *range.upper);
         while (lower <= upper) {
             std::uint64_t take = std::min(cap - count, upper - lower + 1);
-            current.ranges.push_back(UIDRange{static_cast<IMAPUID>(lower),
-                                              static_cast<IMAPUID>(lower + take - 1)});
+            current.ranges.push_back(
+                UIDRange{static_cast<IMAPUID>(lower), static_cast<IMAPUID>(lower + take - 1)});
             count += take;
             lower += take;
             if (count == cap) close();
@@ -112,7 +112,8 @@ UIDSet UIDSet::fromJson(const Json& json) {
     for (const Json& item : json["ranges"]) {
         if (!item.is_object() || !item.contains("lower")) throw fail();
         UIDRange range{uidValue(item["lower"]), std::nullopt};
-        if (item.contains("upper") && !item["upper"].is_null()) range.upper = uidValue(item["upper"]);
+        if (item.contains("upper") && !item["upper"].is_null())
+            range.upper = uidValue(item["upper"]);
         set.ranges.push_back(range);
     }
     return set;

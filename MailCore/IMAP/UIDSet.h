@@ -3,14 +3,14 @@
 // values; safe to copy between threads.
 #pragma once
 
-#include "MailCore/Common/Json.h"
-
 #include <cstdint>
 #include <initializer_list>
 #include <iterator>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "MailCore/Common/Json.h"
 
 namespace mailcore {
 

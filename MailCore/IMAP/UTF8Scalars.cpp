@@ -68,7 +68,8 @@ std::string repaired(std::string_view text) {
     while (pos < text.size()) {
         std::size_t start = pos;
         char32_t scalar = next(text, pos);
-        if (scalar == 0xFFFD && pos - start == 1 && static_cast<unsigned char>(text[start]) >= 0x80) {
+        if (scalar == 0xFFFD && pos - start == 1 &&
+            static_cast<unsigned char>(text[start]) >= 0x80) {
             append(out, 0xFFFD);
         } else {
             out.append(text.substr(start, pos - start));

@@ -3,12 +3,12 @@
 // the first bytes), marked truncated exactly when cut, and a result that was
 // not cut comes out of a second plain-text pass (signatures kept) with every
 // secret placeholder it had (placeholders are never undone).
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace {
 
@@ -19,10 +19,14 @@ bool isValidUTF8(std::string_view s) {
         int extra = 0;
         std::uint32_t v = c;
         if (c >= 0x80) {
-            if (c >= 0xC2 && c <= 0xDF) extra = 1, v = c & 0x1F;
-            else if (c >= 0xE0 && c <= 0xEF) extra = 2, v = c & 0x0F;
-            else if (c >= 0xF0 && c <= 0xF4) extra = 3, v = c & 0x07;
-            else return false;
+            if (c >= 0xC2 && c <= 0xDF)
+                extra = 1, v = c & 0x1F;
+            else if (c >= 0xE0 && c <= 0xEF)
+                extra = 2, v = c & 0x0F;
+            else if (c >= 0xF0 && c <= 0xF4)
+                extra = 3, v = c & 0x07;
+            else
+                return false;
         }
         if (extra > 0 && i + extra >= s.size()) return false;
         for (int k = 1; k <= extra; ++k) {
@@ -75,7 +79,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     unlimited.maxCharacters = 1 << 30;
     mailcore::SanitizedText whole = AIContentSanitizer::sanitize(input, unlimited, format);
     if (whole.truncated) std::abort();
-    if (result.truncated != (characters(whole.text) > static_cast<std::size_t>(budget))) std::abort();
+    if (result.truncated != (characters(whole.text) > static_cast<std::size_t>(budget)))
+        std::abort();
     if (!result.truncated && result.text != whole.text) std::abort();
 
     // A second pass may find an earlier signature separator once the last
@@ -88,7 +93,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     for (std::string_view placeholder :
          {AIContentSanitizer::privateKeyRedacted, AIContentSanitizer::tokenRedacted,
           AIContentSanitizer::numberRedacted}) {
-        if (occurrences(again.text, placeholder) < occurrences(whole.text, placeholder)) std::abort();
+        if (occurrences(again.text, placeholder) < occurrences(whole.text, placeholder))
+            std::abort();
     }
     return 0;
 }

@@ -2,14 +2,14 @@
 // UTF-8; the decoded text, encoded again, decodes to itself whenever it holds
 // no NUL, CR or LF (which a shifted run may not carry); mailbox() either
 // throws the one documented error or returns a quoted string.
-#include "MailCore/Common/MailError.h"
-#include "MailCore/IMAP/IMAPQuote.h"
-#include "MailCore/IMAP/ModifiedUTF7.h"
-
 #include <cstdint>
 #include <cstdlib>
 #include <string>
 #include <string_view>
+
+#include "MailCore/Common/MailError.h"
+#include "MailCore/IMAP/IMAPQuote.h"
+#include "MailCore/IMAP/ModifiedUTF7.h"
 
 namespace {
 
@@ -20,10 +20,14 @@ bool isValidUTF8(std::string_view s) {
         int extra = 0;
         std::uint32_t v = c;
         if (c >= 0x80) {
-            if (c >= 0xC2 && c <= 0xDF) extra = 1, v = c & 0x1F;
-            else if (c >= 0xE0 && c <= 0xEF) extra = 2, v = c & 0x0F;
-            else if (c >= 0xF0 && c <= 0xF4) extra = 3, v = c & 0x07;
-            else return false;
+            if (c >= 0xC2 && c <= 0xDF)
+                extra = 1, v = c & 0x1F;
+            else if (c >= 0xE0 && c <= 0xEF)
+                extra = 2, v = c & 0x0F;
+            else if (c >= 0xF0 && c <= 0xF4)
+                extra = 3, v = c & 0x07;
+            else
+                return false;
         }
         if (i + extra >= s.size() && extra > 0) return false;
         for (int k = 1; k <= extra; ++k) {

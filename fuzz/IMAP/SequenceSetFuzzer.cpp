@@ -2,15 +2,15 @@
 // documented errors or yields at most maxCount numbers; the numbers, turned
 // into a UID set and written out, expand again to the same distinct values,
 // and chunking that set preserves every UID.
-#include "MailCore/Common/MailError.h"
-#include "MailCore/IMAP/IMAPSequenceSet.h"
-#include "MailCore/IMAP/UIDSet.h"
-
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string_view>
 #include <vector>
+
+#include "MailCore/Common/MailError.h"
+#include "MailCore/IMAP/IMAPSequenceSet.h"
+#include "MailCore/IMAP/UIDSet.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     if (size == 0) return 0;
@@ -30,7 +30,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     mailcore::UIDSet set = mailcore::UIDSet::fromUIDs(numbers);
     std::sort(numbers.begin(), numbers.end());
     numbers.erase(std::unique(numbers.begin(), numbers.end()), numbers.end());
-    if (mailcore::IMAPSequenceSet::expand(set.imapString(), numbers.size()) != numbers) std::abort();
+    if (mailcore::IMAPSequenceSet::expand(set.imapString(), numbers.size()) != numbers)
+        std::abort();
 
     std::vector<std::uint32_t> rejoined;
     for (const auto& chunk : set.chunked(size % 7)) {

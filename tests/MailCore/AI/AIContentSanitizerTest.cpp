@@ -1,8 +1,8 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -131,18 +131,20 @@ TEST(AIContentSanitizerTest, FormatCanBeForced) {
 
 TEST(AIContentSanitizerTest, PlainTextWithAngleBracketsIsNotHTML) {
     const char* const plain[] = {
-        "From: Joe <joe@example.com>",
-        "Mail <a.b@example.com> and <b.smith@example.org>",
-        "if (a < b && c > d) return;",
-        "<https://example.com/path>",
+        "From: Joe <joe@example.com>", "Mail <a.b@example.com> and <b.smith@example.org>",
+        "if (a < b && c > d) return;", "<https://example.com/path>",
         "I <3 this <<<< >>>>",
     };
     for (const char* text : plain) {
         EXPECT_FALSE(S::looksLikeHTML(text)) << text;
         EXPECT_EQ(clean(text).text, text);
     }
-    const char* const html[] = {"<p>x</p>", "<!DOCTYPE html><x>", "<div class=\"a\">",
-                                "<BR>", "<a href=\"https://example.com\">x</a>", "text<br/>more"};
+    const char* const html[] = {"<p>x</p>",
+                                "<!DOCTYPE html><x>",
+                                "<div class=\"a\">",
+                                "<BR>",
+                                "<a href=\"https://example.com\">x</a>",
+                                "text<br/>more"};
     for (const char* text : html) EXPECT_TRUE(S::looksLikeHTML(text)) << text;
 }
 

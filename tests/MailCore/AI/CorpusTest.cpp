@@ -2,9 +2,6 @@
 // deep-quoted replies, mails holding keys, tokens and card numbers, a large
 // base64 blob. corpus/manifest.json lists per mail what must survive and what
 // must not.
-#include "MailCore/AI/AIContentSanitizer.h"
-#include "MailCore/Common/Json.h"
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -14,6 +11,9 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 #include <vector>
+
+#include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/Common/Json.h"
 
 namespace mailcore {
 namespace {
@@ -46,7 +46,8 @@ TEST(CorpusTest, NoSecretOrTrackerSurvivesAndTheTextDoes) {
         const std::string mail = readFile(corpusDirectory() / file);
         ASSERT_FALSE(mail.empty()) << file;
         const std::int64_t budget = entry.value("maxCharacters", std::int64_t{100000});
-        SanitizedText result = AIContentSanitizer::sanitize(mail, AIContentSanitizerOptions::standard(budget));
+        SanitizedText result =
+            AIContentSanitizer::sanitize(mail, AIContentSanitizerOptions::standard(budget));
         SCOPED_TRACE(file + ":\n" + result.text);
         EXPECT_FALSE(result.truncated);
         EXPECT_LE(static_cast<std::int64_t>(characters(result.text)), budget);
@@ -59,10 +60,11 @@ TEST(CorpusTest, NoSecretOrTrackerSurvivesAndTheTextDoes) {
                 << "survived: " << needle.get<std::string>();
         }
         // Cleaning clean text changes nothing.
-        EXPECT_EQ(AIContentSanitizer::sanitize(result.text, AIContentSanitizerOptions::standard(budget),
-                                               AIContentFormat::plainText)
-                      .text,
-                  result.text);
+        EXPECT_EQ(
+            AIContentSanitizer::sanitize(result.text, AIContentSanitizerOptions::standard(budget),
+                                         AIContentFormat::plainText)
+                .text,
+            result.text);
     }
 }
 
@@ -75,10 +77,10 @@ TEST(CorpusTest, WholeCorpusInOneMailIsCutToBudgetWithoutLeaks) {
     std::sort(files.begin(), files.end());
     std::string all;
     for (const auto& file : files) all += readFile(file) + "\n\n";
-    const std::int64_t full = static_cast<std::int64_t>(characters(
-        AIContentSanitizer::sanitize(all, AIContentSanitizerOptions::standard(1'000'000),
-                                     AIContentFormat::plainText)
-            .text));
+    const std::int64_t full = static_cast<std::int64_t>(
+        characters(AIContentSanitizer::sanitize(all, AIContentSanitizerOptions::standard(1'000'000),
+                                                AIContentFormat::plainText)
+                       .text));
     ASSERT_GT(full, 1000);
     for (std::int64_t budget : {full / 10, full / 3, full - 1}) {
         SanitizedText result = AIContentSanitizer::sanitize(

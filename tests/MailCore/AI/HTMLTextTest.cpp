@@ -1,8 +1,8 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -21,19 +21,20 @@ TEST(HTMLTextTest, BlockElementsGoWithTheirContent) {
         {"a<style>.x{}</style><title>T</title><template><p>t</p></template>b", "ab"},
         {"a<noscript>enable js</noscript><svg><text>chart</text></svg>b", "ab"},
         {"a<iframe src=x>inner</iframe><object data=x>fallback</object>b", "ab"},
-        {"a<embed src=\"x.swf\">b", "ab"},         // void element: the tag alone
+        {"a<embed src=\"x.swf\">b", "ab"},  // void element: the tag alone
         {"a<embed src=\"x.swf\"/>b", "ab"},
         {"a<svg/>b", "ab"},
         {"<head><meta charset=utf-8><title>x</title></head>body", "body"},
         {"a<!-- comment <p>hidden</p> -->b", "ab"},
         {"a<!--[if mso]><table>MSO only</table><![endif]-->b", "ab"},
-        {"a<script>never closed", "a"},            // raw text runs to the end
+        {"a<script>never closed", "a"},  // raw text runs to the end
         {"a<style>never closed", "a"},
-        {"a<head>open head<p>b", "aopen head<p>b"},   // others lose only their tag
+        {"a<head>open head<p>b", "aopen head<p>b"},  // others lose only their tag
         {"a<svg>open svg", "aopen svg"},
         {"a<!-- unclosed comment", "a"},
-        {"a<script", "a"},                         // an unfinished tag hides the rest
-        {"<header>kept</header><scripts>kept</scripts>", "<header>kept</header><scripts>kept</scripts>"},
+        {"a<script", "a"},  // an unfinished tag hides the rest
+        {"<header>kept</header><scripts>kept</scripts>",
+         "<header>kept</header><scripts>kept</scripts>"},
     };
     for (const auto& c : cases) EXPECT_EQ(S::removeBlockElements(c.input), c.output) << c.input;
 }
@@ -57,7 +58,7 @@ TEST(HTMLTextTest, TrackingPixelsLineBreaksAndTags) {
         {"a<img src=t.gif height='0' />b", "ab"},
         {"a<img style=\"display:none\" src=x>b", "ab"},
         {"a<img src=\"logo.png\" width=\"200\" alt=\"Logo\">b", "ab"},  // ordinary image: a tag
-        {"one<br>two<br/>three<BR>four", "one\ntwo\nthreefour"},  // <BR>: a tag, not a break
+        {"one<br>two<br/>three<BR>four", "one\ntwo\nthreefour"},        // <BR>: a tag, not a break
         {"<p>one</p><p>two</p><div>three</div>", "one\ntwo\nthree"},
         {"<ul><li>x</li><li>y</li></ul>", "x\ny"},
         {"<h1>Title</h1>text<hr>more", "Title\ntext\nmore"},
@@ -79,11 +80,12 @@ TEST(HTMLTextTest, EntitiesAreDecoded) {
         {"&#65;&#x42;&#X43;&#100", "ABCd"},
         {"&#128512; &#x1F600;", "😀 😀"},
         {"&#150; &#146;", "– ’"},  // windows-1252 meanings
-        {"&#0; &#xD800; &#x110000; &#99999999999;", "\xEF\xBF\xBD \xEF\xBF\xBD \xEF\xBF\xBD \xEF\xBF\xBD"},
+        {"&#0; &#xD800; &#x110000; &#99999999999;",
+         "\xEF\xBF\xBD \xEF\xBF\xBD \xEF\xBF\xBD \xEF\xBF\xBD"},
         {"bell&#7;less &#9;tab", "bellless \ttab"},
         {"&amp &lt; &nbsp;", "& <  "},
         {"&unknown; &copy &;", "&unknown; &copy &;"},  // unknown or unterminated: kept
-        {"&amp;lt;", "&lt;"},                           // decoded once only
+        {"&amp;lt;", "&lt;"},                          // decoded once only
         {"AT&T", "AT&T"},
     };
     for (const auto& c : cases) EXPECT_EQ(S::decodeEntities(c.input), c.output) << c.input;

@@ -1,8 +1,8 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -17,7 +17,8 @@ struct Case {
 TEST(LinksAndDataTest, EmbeddedAndBinaryData) {
     const std::string line(76, 'Q');
     const Case cases[] = {
-        {"img data:image/png;base64,iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk end",
+        {"img data:image/png;base64,iVBORw0KGgoAAAANSUhEUgAAAAEAAAABCAYAAAAfFcSJAAAADUlEQVR42mNk "
+         "end",
          "img [embedded data removed] end"},
         {"short data:image/png;base64,iVBORw0K end", "short data:image/png;base64,iVBORw0K end"},
         {"blob " + line + " end", "blob [binary data removed] end"},
@@ -38,25 +39,43 @@ TEST(LinksAndDataTest, EmbeddedAndBinaryData) {
 
 TEST(LinksAndDataTest, TrackingHostsAndPaths) {
     const char* const tracking[] = {
-        "https://click.example.com/x",           "http://clicks.shop.example/abc",
-        "https://track.example.com",             "https://trk.example.com/y",
-        "https://links.example.com/a",           "https://link.example.com/a",
-        "https://email.example.com/a",           "https://e.example.com/a",
-        "https://go.example.com/a",              "https://r.example.com/a",
-        "https://t.example.com/a",               "https://u12345.ct.sendgrid.net/ls/click?upn=x",
-        "https://url9412.example.com/a",         "https://elink.example.com/a",
-        "https://elink42.example.com/a",         "https://tracking3.example.com/a",
-        "https://mandrillapp.com/track/click/1", "https://sendgrid.net/wf/click?upn=1",
-        "https://example.us5.list-manage.com/track/click?u=1", "https://x.hubspotlinks.com/a",
-        "https://x.rs6.net/tn.jsp?f=1",          "https://x.rs12.net/a",
-        "https://clicks.mlsend.com/tl/c/x",      "https://links.iterable.com/a",
-        "https://trk.klclick.com/ls/click?x",    "HTTPS://CLICK.EXAMPLE.COM/X",
+        "https://click.example.com/x",
+        "http://clicks.shop.example/abc",
+        "https://track.example.com",
+        "https://trk.example.com/y",
+        "https://links.example.com/a",
+        "https://link.example.com/a",
+        "https://email.example.com/a",
+        "https://e.example.com/a",
+        "https://go.example.com/a",
+        "https://r.example.com/a",
+        "https://t.example.com/a",
+        "https://u12345.ct.sendgrid.net/ls/click?upn=x",
+        "https://url9412.example.com/a",
+        "https://elink.example.com/a",
+        "https://elink42.example.com/a",
+        "https://tracking3.example.com/a",
+        "https://mandrillapp.com/track/click/1",
+        "https://sendgrid.net/wf/click?upn=1",
+        "https://example.us5.list-manage.com/track/click?u=1",
+        "https://x.hubspotlinks.com/a",
+        "https://x.rs6.net/tn.jsp?f=1",
+        "https://x.rs12.net/a",
+        "https://clicks.mlsend.com/tl/c/x",
+        "https://links.iterable.com/a",
+        "https://trk.klclick.com/ls/click?x",
+        "HTTPS://CLICK.EXAMPLE.COM/X",
         "https://user:pw@click.example.com:8443/x",
-        "https://example.com/track/abc",         "https://example.com/click?x=1",
-        "https://example.com/a/open",            "https://example.com/pixel/1.gif",
-        "https://example.com/beacon",            "https://example.com/redirect?to=x",
-        "https://example.com/wf/click?upn=1",    "https://example.com/e/c/abc",
-        "https://example.com/ls/click?x",        "https://example.com/CLICKS/",
+        "https://example.com/track/abc",
+        "https://example.com/click?x=1",
+        "https://example.com/a/open",
+        "https://example.com/pixel/1.gif",
+        "https://example.com/beacon",
+        "https://example.com/redirect?to=x",
+        "https://example.com/wf/click?upn=1",
+        "https://example.com/e/c/abc",
+        "https://example.com/ls/click?x",
+        "https://example.com/CLICKS/",
     };
     for (const char* address : tracking) {
         EXPECT_EQ(S::cleanLinks(std::string("see ") + address + " now"),
@@ -64,11 +83,14 @@ TEST(LinksAndDataTest, TrackingHostsAndPaths) {
             << address;
     }
     const char* const ordinary[] = {
-        "https://example.com/",           "https://example.com/clicker",
-        "https://example.com/opening/x",  "https://email-example.com/x",
-        "https://goals.example.com/x",    "https://example.com/list-manage",
+        "https://example.com/",
+        "https://example.com/clicker",
+        "https://example.com/opening/x",
+        "https://email-example.com/x",
+        "https://goals.example.com/x",
+        "https://example.com/list-manage",
         "https://docs.example.com/a?page=2&lang=en#top",
-        "https://example.com/p?utm_source", // no '=': not a parameter value
+        "https://example.com/p?utm_source",  // no '=': not a parameter value
     };
     for (const char* address : ordinary) {
         EXPECT_EQ(S::cleanLinks(std::string("see ") + address + " now"),
@@ -83,7 +105,8 @@ TEST(LinksAndDataTest, TrackingParametersAreDroppedFromOtherAddresses) {
         {"https://shop.example.com/p/42?id=7&utm_campaign=x#reviews",
          "https://shop.example.com/p/42?id=7#reviews"},
         // Only tracking parameters: the bare address remains.
-        {"https://shop.example.com/p/42?utm_source=news&fbclid=abc", "https://shop.example.com/p/42"},
+        {"https://shop.example.com/p/42?utm_source=news&fbclid=abc",
+         "https://shop.example.com/p/42"},
         {"https://shop.example.com/?gclid=1#top", "https://shop.example.com/#top"},
         {"https://shop.example.com?mc_eid=1&mc_cid=2", "https://shop.example.com"},
         {"https://x.example/?SID=1&sidebar=2&cid=3&ref_id=4&refid=5&trk=6",
@@ -99,7 +122,8 @@ TEST(LinksAndDataTest, AddressBoundariesFollowTheAddressPattern) {
     EXPECT_EQ(S::cleanLinks("[https://click.example.com/a]"), "[[tracking link removed]]");
     EXPECT_EQ(S::cleanLinks("xhttps://click.example.com/a"), "xhttps://click.example.com/a");
     // A placeholder that step 4 put inside an address stays inside it.
-    std::string broken = "https://click.example.com/" + std::string(AIContentSanitizer::binaryDataRemoved) + "/x y";
+    std::string broken =
+        "https://click.example.com/" + std::string(AIContentSanitizer::binaryDataRemoved) + "/x y";
     EXPECT_EQ(S::cleanLinks(broken), "[tracking link removed] y");
 }
 

@@ -1,8 +1,8 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -20,7 +20,7 @@ TEST(QuotesAndSignaturesTest, DeepQuotesCollapseToOnePlaceholderPerRun) {
         {"reply\n> one\n>> two\n>>> three\n> one again", 1,
          "reply\n> one\n[quoted text removed]\n> one again"},
         {"> > two\n> >> three\n>  > two", 1, "[quoted text removed]"},
-        {"a\n>> x\n\n>> y\nb", 1, "a\n[quoted text removed]\nb"},  // blank line inside the run
+        {"a\n>> x\n\n>> y\nb", 1, "a\n[quoted text removed]\nb"},   // blank line inside the run
         {"a\n>> x\n>\n>> y\nb", 1, "a\n[quoted text removed]\nb"},  // empty quote line too
         {"a\n>> x\n\nb", 1, "a\n[quoted text removed]\n\nb"},
         {"a\n>> x\n> kept\n>> y", 1, "a\n[quoted text removed]\n> kept\n[quoted text removed]"},
@@ -40,10 +40,10 @@ TEST(QuotesAndSignaturesTest, DeepQuotesCollapseToOnePlaceholderPerRun) {
 TEST(QuotesAndSignaturesTest, OnlyLongSignaturesAreDropped) {
     const std::string six = "Jane Doe\nEngineer\nACME\n+1 555 0100\nacme.example\nBerlin";
     const Case cases[] = {
-        {"Thanks\n-- \n" + six, 6, "Thanks\n-- \n" + six},                  // six lines stay
+        {"Thanks\n-- \n" + six, 6, "Thanks\n-- \n" + six},  // six lines stay
         {"Thanks\n-- \n" + six + "\nTwitter", 6, "Thanks\n[signature removed]"},
         {"Thanks\n--\n" + six + "\n\n\nTwitter\n\n", 6, "Thanks\n[signature removed]"},
-        {"Thanks\n-- \na\n\n\nb", 1, "Thanks\n[signature removed]"},         // blank lines not counted
+        {"Thanks\n-- \na\n\n\nb", 1, "Thanks\n[signature removed]"},  // blank lines not counted
         {"Thanks\n-- \na\n\n\n", 1, "Thanks\n-- \na\n\n\n"},
         {"Thanks\n-- \na", 0, "Thanks\n[signature removed]"},
         {"Thanks\n-- \na", -1, "Thanks\n[signature removed]"},
@@ -52,7 +52,7 @@ TEST(QuotesAndSignaturesTest, OnlyLongSignaturesAreDropped) {
          "Hi\n-- \nfirst\n---- forwarded ----\nbody\n[signature removed]"},
         // The signature ends at the quoted history below it.
         {"Hi\n-- \n1\n2\n3\n> quoted\n> more", 2, "Hi\n[signature removed]\n> quoted\n> more"},
-        {"Hi\n---\n1\n2\n3", 1, "Hi\n---\n1\n2\n3"},                          // not a separator
+        {"Hi\n---\n1\n2\n3", 1, "Hi\n---\n1\n2\n3"},  // not a separator
         {"Hi\n -- \n1\n2\n3", 1, "Hi\n -- \n1\n2\n3"},
         {"Hi\n-- \n1\n2\n  > quoted", 1, "Hi\n[signature removed]\n  > quoted"},
         {"x -- y\n1\n2", 0, "x -- y\n1\n2"},

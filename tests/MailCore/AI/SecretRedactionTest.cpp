@@ -1,8 +1,8 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -55,7 +55,8 @@ TEST(SecretRedactionTest, HeadersCredentialsAndKeyValues) {
         {"the token is in the safe", "the token is in the safe"},
         {"secret: Bearer ABCDEFGH12345678", "secret: [token redacted] [token redacted]"},
         // A key whose value is another key: the real value is replaced.
-        {"Temporary password: password: Xk9#mQ2v!", "Temporary password: password: [token redacted]"},
+        {"Temporary password: password: Xk9#mQ2v!",
+         "Temporary password: password: [token redacted]"},
         {"token=secret=abcdef", "token=secret=[token redacted]"},
     };
     for (const auto& c : cases) EXPECT_EQ(S::redact(c.input), c.output) << c.input;
@@ -81,8 +82,7 @@ TEST(SecretRedactionTest, TokenShapes) {
         {"x-eyJabcdefgh.abcdefgh.abcdefgh", "x-[token redacted]"},
         // A failed JWT start does not hide a later one after a word boundary.
         {"xeyJabcdefgh-eyJabcdefgh.abcdefgh.abcdefgh", "xeyJabcdefgh-[token redacted]"},
-        {"eyJ-eyJ-eyJabcdefghi sk-abcdefghijklmnop1234",
-         "eyJ-eyJ-eyJabcdefghi [token redacted]"},
+        {"eyJ-eyJ-eyJabcdefghi sk-abcdefghijklmnop1234", "eyJ-eyJ-eyJabcdefghi [token redacted]"},
     };
     for (const auto& c : cases) EXPECT_EQ(S::redact(c.input), c.output) << c.input;
 }
@@ -95,8 +95,8 @@ TEST(SecretRedactionTest, CardNumbersNeedTheLuhnCheck) {
         {"Amex 3782 822463 10005.", "Amex [number redacted]."},
         {"1234 5678 9012 3456", "1234 5678 9012 3456"},
         {"Call +49 30 1234 5678 now", "Call +49 30 1234 5678 now"},
-        {"4111  1111 1111 1111", "4111  1111 1111 1111"},      // double space: two short runs
-        {"14111111111111111111", "14111111111111111111"},      // 20 digits: no run
+        {"4111  1111 1111 1111", "4111  1111 1111 1111"},  // double space: two short runs
+        {"14111111111111111111", "14111111111111111111"},  // 20 digits: no run
         {"ref 4111 1111 1111 1111 cvv 123", "ref [number redacted] cvv 123"},
         // A card with more digits beside it is still found.
         {"4111 1111 1111 1111 123", "[number redacted] 123"},

@@ -1,9 +1,9 @@
-#include "MailCore/AI/AIContentSanitizer.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
+
+#include "MailCore/AI/AIContentSanitizer.h"
 
 namespace mailcore {
 namespace {
@@ -20,7 +20,11 @@ bool validUTF8(std::string_view s) {
     std::size_t i = 0;
     while (i < s.size()) {
         auto c = static_cast<unsigned char>(s[i]);
-        std::size_t n = c < 0x80 ? 1 : (c >> 5) == 6 ? 2 : (c >> 4) == 14 ? 3 : (c >> 3) == 30 ? 4 : 0;
+        std::size_t n = c < 0x80         ? 1
+                        : (c >> 5) == 6  ? 2
+                        : (c >> 4) == 14 ? 3
+                        : (c >> 3) == 30 ? 4
+                                         : 0;
         if (n == 0 || i + n > s.size()) return false;
         for (std::size_t k = 1; k < n; ++k) {
             if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
@@ -65,9 +69,9 @@ TEST(TruncationTest, HeadFractionIsHonouredAndClamped) {
         std::size_t head;
     };
     const std::size_t available = 100 - characters(S::truncationMarker);
-    const Case cases[] = {{0.7, available * 7 / 10}, {0.0, 0}, {1.0, available},
-                          {-2.0, 0},                 {5.0, available},
-                          {std::nan(""), available * 7 / 10}};
+    const Case cases[] = {{0.7, available * 7 / 10}, {0.0, 0},
+                          {1.0, available},          {-2.0, 0},
+                          {5.0, available},          {std::nan(""), available * 7 / 10}};
     for (const auto& c : cases) {
         SanitizedText result = S::truncateHeadTail(text, 100, c.fraction);
         std::size_t marker = result.text.find(S::truncationMarker);

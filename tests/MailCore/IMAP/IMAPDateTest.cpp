@@ -1,8 +1,8 @@
-#include "MailCore/IMAP/IMAPDate.h"
-
 #include <gtest/gtest.h>
 
 #include <chrono>
+
+#include "MailCore/IMAP/IMAPDate.h"
 
 namespace mailcore {
 namespace {
@@ -51,14 +51,9 @@ TEST(IMAPDateTest, CivilConversionKnownPoints) {
         IMAPDate::CivilDate civil;
     };
     const Case cases[] = {
-        {0, {1970, 1, 1}},
-        {-1, {1969, 12, 31}},
-        {11016, {2000, 2, 29}},
-        {-719468, {0, 3, 1}},
-        {-719469, {0, 2, 29}},  // year 0 is a leap year
-        {-719528, {0, 1, 1}},
-        {-719529, {-1, 12, 31}},
-        {2932896, {9999, 12, 31}},
+        {0, {1970, 1, 1}},        {-1, {1969, 12, 31}},    {11016, {2000, 2, 29}},
+        {-719468, {0, 3, 1}},     {-719469, {0, 2, 29}},  // year 0 is a leap year
+        {-719528, {0, 1, 1}},     {-719529, {-1, 12, 31}}, {2932896, {9999, 12, 31}},
         {2932897, {10000, 1, 1}},
     };
     for (const auto& c : cases) {
@@ -76,13 +71,14 @@ TEST(IMAPDateTest, CivilConversionIsConsecutiveAndInvertibleOverFarSpans) {
         static const int lengths[] = {31, 28, 31, 30, 31, 30, 31, 31, 30, 31, 30, 31};
         return m == 2 && isLeap(y) ? 29 : lengths[m - 1];
     };
-    for (std::int64_t start : {std::int64_t{-1'000'000}, std::int64_t{-150'000}, std::int64_t{400'000},
-                               std::int64_t{3'000'000'000}}) {
+    for (std::int64_t start : {std::int64_t{-1'000'000}, std::int64_t{-150'000},
+                               std::int64_t{400'000}, std::int64_t{3'000'000'000}}) {
         IMAPDate::CivilDate previous = IMAPDate::civilFromDays(start);
         for (std::int64_t d = start + 1; d < start + 300'000; ++d) {
             IMAPDate::CivilDate civil = IMAPDate::civilFromDays(d);
             if (previous.day < monthLength(previous.year, previous.month)) {
-                ASSERT_EQ(civil, (IMAPDate::CivilDate{previous.year, previous.month, previous.day + 1}));
+                ASSERT_EQ(civil,
+                          (IMAPDate::CivilDate{previous.year, previous.month, previous.day + 1}));
             } else if (previous.month < 12) {
                 ASSERT_EQ(civil, (IMAPDate::CivilDate{previous.year, previous.month + 1, 1}));
             } else {

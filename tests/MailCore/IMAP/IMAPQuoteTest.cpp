@@ -1,8 +1,7 @@
-#include "MailCore/IMAP/IMAPQuote.h"
+#include <gtest/gtest.h>
 
 #include "MailCore/Common/MailError.h"
-
-#include <gtest/gtest.h>
+#include "MailCore/IMAP/IMAPQuote.h"
 
 namespace mailcore {
 namespace {
@@ -34,7 +33,7 @@ TEST(IMAPQuoteTest, MailboxIsEncodedThenQuoted) {
 }
 
 TEST(IMAPQuoteTest, MailboxRejectsEmptyNamesAndControlCharacters) {
-    const std::string invalid[] = {"", "tab\tname", "new\nline", std::string("nul\0", 4),
+    const std::string invalid[] = {"",        "tab\tname", "new\nline", std::string("nul\0", 4),
                                    "del\x7f", "esc\x1b"};
     for (const auto& name : invalid) {
         try {

@@ -1,8 +1,7 @@
-#include "MailCore/IMAP/IMAPSequenceSet.h"
+#include <gtest/gtest.h>
 
 #include "MailCore/Common/MailError.h"
-
-#include <gtest/gtest.h>
+#include "MailCore/IMAP/IMAPSequenceSet.h"
 
 namespace mailcore {
 namespace {
@@ -20,7 +19,7 @@ TEST(IMAPSequenceSetTest, ExpandsRangesInWrittenOrder) {
         {"3:1", 3, {1, 2, 3}},
         {"7,1:2,7", 10, {7, 1, 2, 7}},  // duplicates kept
         {"", 0, {}},
-        {",,5,,", 1, {5}},              // empty pieces skipped
+        {",,5,,", 1, {5}},  // empty pieces skipped
         {"0", 1, {0}},
         {"4294967295", 1, {4294967295u}},
         {"4294967294:4294967295", 2, {4294967294u, 4294967295u}},
@@ -34,9 +33,21 @@ TEST(IMAPSequenceSetTest, ExpandsRangesInWrittenOrder) {
 TEST(IMAPSequenceSetTest, RejectsMalformedText) {
     const MailError bad =
         MailError::protocolViolation(ProtocolIssueKind::malformedResponse, "bad sequence set");
-    const char* const malformed[] = {"1:*", "*",    "1:2:3", ":5",   "5:",  "a",
-                                     "1,x", "-1",   "+1",    "1 :2", " 1",  "4294967296",
-                                     "1:99999999999999999999", "1;2", "1.5"};
+    const char* const malformed[] = {"1:*",
+                                     "*",
+                                     "1:2:3",
+                                     ":5",
+                                     "5:",
+                                     "a",
+                                     "1,x",
+                                     "-1",
+                                     "+1",
+                                     "1 :2",
+                                     " 1",
+                                     "4294967296",
+                                     "1:99999999999999999999",
+                                     "1;2",
+                                     "1.5"};
     for (const char* text : malformed) {
         try {
             IMAPSequenceSet::expand(text, 1000);

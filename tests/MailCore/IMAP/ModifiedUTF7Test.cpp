@@ -1,9 +1,9 @@
-#include "MailCore/IMAP/ModifiedUTF7.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <string>
+
+#include "MailCore/IMAP/ModifiedUTF7.h"
 
 namespace mailcore {
 namespace {
@@ -25,8 +25,8 @@ TEST(ModifiedUTF7Test, EncodesAndDecodesKnownNames) {
         {"~peter/mail/台北/日本語", "~peter/mail/&U,BTFw-/&ZeVnLIqe-"},
         {"Ideas 😀", "Ideas &2D3eAA-"},
         {"日本語😀", "&ZeVnLIqe2D3eAA-"},  // one run across planes
-        {"é-é", "&AOk--&AOk-"},             // a hyphen right after a run
-        {"a\tb", "a&AAk-b"},                // controls go into a run too
+        {"é-é", "&AOk--&AOk-"},           // a hyphen right after a run
+        {"a\tb", "a&AAk-b"},              // controls go into a run too
         {"\x7f", "&AH8-"},
     };
     for (const auto& c : cases) {
@@ -43,26 +43,27 @@ TEST(ModifiedUTF7Test, InvalidUTF8IsEncodedAsReplacementCharacter) {
     EXPECT_EQ(ModifiedUTF7::encode("a\xff"
                                    "b"),
               "a&,,0-b");
-    EXPECT_EQ(ModifiedUTF7::decode("a&,,0-b"), "a\xEF\xBF\xBD"
-                                               "b");
+    EXPECT_EQ(ModifiedUTF7::decode("a&,,0-b"),
+              "a\xEF\xBF\xBD"
+              "b");
 }
 
 TEST(ModifiedUTF7Test, MalformedSequencesPassThroughUnchanged) {
     const char* const unchanged[] = {
-        "Trailing &",            // no closing hyphen
-        "Half &ZeVnLIqe",        // letters without a closing hyphen
-        "Bang &AG!-",            // character outside the alphabet
-        "Slash &U/BTFw-",        // '/' belongs to standard base64 only
-        "Pad &AOk=-",            // '=' is never accepted
-        "Odd &AOkA-",            // three bytes: odd count
-        "Odd &AA-",              // one byte
-        "Lone high &2D0-",       // unpaired high surrogate
-        "Lone low &3gA-",        // unpaired low surrogate
-        "Reversed &3gDYPQ-",     // low then high
-        "Newline &AAo-",         // line feed
-        "Return &AA0-",          // carriage return
-        "Nul &AAA-",             // NUL
-        "Mixed &AGEACg-",        // 'a' then line feed: the whole run stays
+        "Trailing &",         // no closing hyphen
+        "Half &ZeVnLIqe",     // letters without a closing hyphen
+        "Bang &AG!-",         // character outside the alphabet
+        "Slash &U/BTFw-",     // '/' belongs to standard base64 only
+        "Pad &AOk=-",         // '=' is never accepted
+        "Odd &AOkA-",         // three bytes: odd count
+        "Odd &AA-",           // one byte
+        "Lone high &2D0-",    // unpaired high surrogate
+        "Lone low &3gA-",     // unpaired low surrogate
+        "Reversed &3gDYPQ-",  // low then high
+        "Newline &AAo-",      // line feed
+        "Return &AA0-",       // carriage return
+        "Nul &AAA-",          // NUL
+        "Mixed &AGEACg-",     // 'a' then line feed: the whole run stays
     };
     for (const char* text : unchanged) EXPECT_EQ(ModifiedUTF7::decode(text), text) << text;
 }
@@ -95,15 +96,31 @@ std::string randomText(std::mt19937& rng) {
     for (int i = 0; i < n; ++i) {
         char32_t c = 0;
         switch (kind(rng)) {
-            case 0: c = '&'; break;
-            case 1: c = '-'; break;
+            case 0:
+                c = '&';
+                break;
+            case 1:
+                c = '-';
+                break;
             case 2:
-            case 3: c = std::uniform_int_distribution<char32_t>(0x20, 0x7E)(rng); break;
-            case 4: c = std::uniform_int_distribution<char32_t>(0x01, 0x1F)(rng); break;
-            case 5: c = std::uniform_int_distribution<char32_t>(0x7F, 0x7FF)(rng); break;
-            case 6: c = std::uniform_int_distribution<char32_t>(0x800, 0xD7FF)(rng); break;
-            case 7: c = std::uniform_int_distribution<char32_t>(0xE000, 0xFFFF)(rng); break;
-            default: c = std::uniform_int_distribution<char32_t>(0x10000, 0x10FFFF)(rng); break;
+            case 3:
+                c = std::uniform_int_distribution<char32_t>(0x20, 0x7E)(rng);
+                break;
+            case 4:
+                c = std::uniform_int_distribution<char32_t>(0x01, 0x1F)(rng);
+                break;
+            case 5:
+                c = std::uniform_int_distribution<char32_t>(0x7F, 0x7FF)(rng);
+                break;
+            case 6:
+                c = std::uniform_int_distribution<char32_t>(0x800, 0xD7FF)(rng);
+                break;
+            case 7:
+                c = std::uniform_int_distribution<char32_t>(0xE000, 0xFFFF)(rng);
+                break;
+            default:
+                c = std::uniform_int_distribution<char32_t>(0x10000, 0x10FFFF)(rng);
+                break;
         }
         if (c == '\n' || c == '\r') c = '&';
         if (c < 0x80) {
