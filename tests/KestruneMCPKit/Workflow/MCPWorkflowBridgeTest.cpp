@@ -303,7 +303,9 @@ TEST(MCPWorkflowMailSourceDates, ParsesTheBackendsDateForms) {
     for (const Row& row : rows) {
         const auto parsed = MCPWorkflowMailSource::parseDate(row.text);
         ASSERT_EQ(parsed.has_value(), row.seconds.has_value()) << row.text;
-        if (parsed) EXPECT_DOUBLE_EQ(mailcore::secondsSince1970(*parsed), *row.seconds) << row.text;
+        if (parsed) {
+            EXPECT_DOUBLE_EQ(mailcore::secondsSince1970(*parsed), *row.seconds) << row.text;
+        }
     }
 }
 

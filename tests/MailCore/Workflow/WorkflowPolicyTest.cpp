@@ -225,7 +225,7 @@ const Case cases[] = {
 };
 
 INSTANTIATE_TEST_SUITE_P(Rules, WorkflowPolicyRules, ::testing::ValuesIn(cases),
-                         [](const auto& info) { return std::string(info.param.name); });
+                         [](const auto& param) { return std::string(param.param.name); });
 
 TEST(WorkflowPolicy, FieldLimitsAtAndBeyondTheirBounds) {
     const auto with = [](const std::string& name, const std::string& note, int conditions,
