@@ -1,0 +1,294 @@
+#include "kestrune_app/Host/AppHost.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "KestruneMCPKit/Link/MCP.h"
+#include "KestruneMCPKit/Link/MCPPaths.h"
+#include "KestruneMCPKit/Link/MCPPrivateFile.h"
+#include "KestruneMCPKit/Link/MCPSocketError.h"
+#include "MailCore/Common/Random.h"
+#include "MailCore/Workflow/WorkflowDescription.h"
+#include "kestrune_app/Host/MailIngest.h"
+
+namespace kestrune {
+
+namespace fs = std::filesystem;
+using mailcore::Json;
+
+namespace {
+
+constexpr const char* demoAccount = "alex@example.com";
+
+std::string fileText(const fs::path& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::ostringstream s;
+    s << in.rdbuf();
+    return s.str();
+}
+
+bool validRequestName(const std::string& stem) {
+    return !stem.empty() && stem.size() <= 64 &&
+           std::all_of(stem.begin(), stem.end(),
+                       [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; });
+}
+
+}  // namespace
+
+Json handleControl(mailcore::WorkflowStore& workflows, mcpkit::MCPService* service,
+                   const Json& request, mailcore::Date now) {
+    auto reply = [](bool ok, const std::string& message) {
+        return Json{{"ok", ok}, {"message", message}};
+    };
+    if (!request.is_object()) return reply(false, "not a request");
+    const std::string op = request.value("op", "");
+    if (op == "reset") {
+        std::optional<std::string> harness;
+        if (request.contains("harness") && request["harness"].is_string())
+            harness = request["harness"].get<std::string>();
+        if (service) service->clearMailInfluence(harness);
+        return reply(true, harness ? "Mail-read state of " + *harness + " cleared."
+                                   : "Mail-read state of every harness cleared.");
+    }
+    if (op == "workflow") {
+        const std::string action = request.value("action", "");
+        const std::string id = request.value("id", "");
+        mailcore::WorkflowStore::Change change;
+        if (action == "approve") change = workflows.approve(id, now);
+        else if (action == "pause") change = workflows.pause(id, now);
+        else if (action == "resume") change = workflows.resume(id, now);
+        else if (action == "delete") change = workflows.removeByUser(id);
+        else return reply(false, "unknown workflow action " + action);
+        using Outcome = mailcore::WorkflowStore::Outcome;
+        if (change.outcome == Outcome::notFound) return reply(false, "No workflow " + id + ".");
+        if (change.outcome == Outcome::unchanged)
+            return reply(true, "Workflow " + id + " unchanged (status " +
+                                   std::string(mailcore::statusName(change.workflow.status)) + ").");
+        return reply(true, action == "delete"
+                               ? "Workflow " + id + " deleted."
+                               : "Workflow " + id + " is now " +
+                                     std::string(mailcore::statusName(change.workflow.status)) + ".");
+    }
+    return reply(false, "unknown request " + op);
+}
+
+AppHost::AppHost(ServeOptions options, Print out)
+    : options_(std::move(options)), out_(std::move(out)),
+      paths_(HostPaths::make(options_.dataDir, options_.home)) {}
+
+AppHost::~AppHost() { stop(std::chrono::milliseconds(0)); }
+
+void AppHost::start() {
+    try {
+        mcpkit::MCPPaths::preparePrivateDirectory(paths_.root);
+        mcpkit::MCPPaths::preparePrivateDirectory(paths_.mcp);
+    } catch (const std::exception& e) {
+        throw std::runtime_error("The data directory " + paths_.root.string() +
+                                 " cannot be used: " + e.what());
+    }
+    lockFD_ = ::open(paths_.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    if (lockFD_ < 0) throw std::runtime_error("Cannot open " + paths_.lock.string());
+    if (::flock(lockFD_, LOCK_EX | LOCK_NB) != 0) {
+        ::close(lockFD_);
+        lockFD_ = -1;
+        throw std::runtime_error("Kestrune is already running for " + paths_.root.string() + ".");
+    }
+
+    storage_ = mcpkit::MCPStorage::open(options_.dataDir, std::nullopt, options_.home);
+    store_ = std::make_shared<mailcore::SQLiteMailStore>(
+        mailcore::StoreLocation::file(paths_.store.string()));
+    if (hostAccounts(*store_).empty()) {
+        if (options_.demo) {
+            fillDemo();
+        } else {
+            out_("No mail account yet. Run `kestrune serve --demo` for the demonstration mailbox, "
+                 "or `kestrune import` a Maildir or mbox.");
+        }
+    }
+
+    questions_ = std::make_shared<PendingQuestions>(paths_.pending);
+    mcpkit::MCPPaths::preparePrivateDirectory(paths_.pending);
+    mcpkit::MCPPaths::preparePrivateDirectory(paths_.control);
+    auto show = [this](const PendingQuestion& q) {
+        std::string text = "\n== " + std::string(q.kind == "undo" ? "Undo send" : "Confirm") +
+                           " [" + q.id + "] ==\n" + q.text;
+        if (q.kind == "undo")
+            text += "Answer: kestrune confirm undo " + q.id;
+        else
+            text += "Answer: kestrune confirm yes " + q.id + "   (or: kestrune confirm no " + q.id + ")";
+        if (options_.dataDir) text += " --data-dir " + options_.dataDir->string();
+        out_(text);
+    };
+    auto questions = questions_;
+    const auto window = options_.undoWindow;
+    StoreMailBackend::UndoHold hold;
+    if (window.count() > 0) {
+        hold = [questions, window, show](const mcpkit::MCPOutgoing& m) {
+            std::string to;
+            for (const auto& a : m.to) to += (to.empty() ? "" : ", ") + a;
+            const auto answer = questions->ask(
+                "undo",
+                "Sending \"" + m.subject + "\" to " + to + " in " +
+                    std::to_string(window.count() / 1000) + " s.\n",
+                window, show);
+            return answer && *answer == PendingQuestions::undo;
+        };
+    }
+    backend_ = std::make_shared<StoreMailBackend>(store_, mailcore::systemClock(), hold);
+    auto confirmer = std::make_shared<FileConfirmer>(questions_, show);
+
+    audit_ = std::make_shared<mcpkit::MCPAuditLog>(storage_.auditURL);
+    const auto state = storage_.policy->snapshot();
+    audit_->prune(state.settings.retentionDays);
+    {
+        std::lock_guard guard(knownLock_);
+        for (const auto& h : state.harnesses)
+            if (h.allowed) allowedHarnesses_.insert(h.id);
+    }
+    storage_.policy->setOnChange([this] { settingsChanged(); });
+
+    workflows_ = std::make_unique<mailcore::WorkflowStore>(paths_.workflows);
+    bridge_ = std::make_shared<mcpkit::MCPWorkflowBridge>(*workflows_, *backend_,
+                                                          mailcore::systemClock());
+    service_ = std::make_unique<mcpkit::MCPService>(storage_.policy, audit_, backend_, confirmer,
+                                                    bridge_);
+    server_ = std::make_unique<mcpkit::MCPSocketServer>(
+        storage_.socketPath.string(), mcpkit::MCP::maxFrameBytes, [this](const std::string& frame) {
+            ++inFlight_;
+            struct Done {
+                std::atomic<int>& n;
+                ~Done() { --n; }
+            } done{inFlight_};
+            return service_->handleFrame(frame);
+        });
+    try {
+        server_->start();
+    } catch (const mcpkit::MCPSocketError& e) {
+        if (e.kind() == mcpkit::MCPSocketError::Kind::alreadyRunning)
+            throw std::runtime_error("Kestrune is already running at " + storage_.socketPath.string() + ".");
+        throw std::runtime_error("Cannot listen at " + storage_.socketPath.string() + ": " + e.what());
+    }
+}
+
+void AppHost::settingsChanged() {
+    const auto state = storage_.policy->snapshot();
+    if (audit_) audit_->prune(state.settings.retentionDays);
+    std::set<std::string> allowed;
+    for (const auto& h : state.harnesses)
+        if (h.allowed) allowed.insert(h.id);
+    std::set<std::string> gone;
+    {
+        std::lock_guard guard(knownLock_);
+        for (const auto& id : allowedHarnesses_)
+            if (!allowed.contains(id)) gone.insert(id);
+        allowedHarnesses_ = allowed;
+    }
+    if (service_)
+        for (const auto& id : gone) service_->clearMailInfluence(id);
+}
+
+void AppHost::pollControl() {
+    if (!storage_.policy) return;
+    storage_.policy->reloadIfChanged();
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(paths_.control, error)) {
+        if (entry.path().extension() != ".request") continue;
+        const std::string stem = entry.path().stem().string();
+        const auto data = mcpkit::MCPPrivateFile::read(entry.path());
+        std::error_code ignored;
+        fs::remove(entry.path(), ignored);
+        if (!validRequestName(stem) || !data) continue;
+        Json reply;
+        try {
+            Json request;
+            if (!mailcore::tryParseJson(*data, request)) request = Json();
+            reply = handleControl(*workflows_, service_.get(), request,
+                                  mailcore::systemClock()());
+        } catch (const std::exception& e) {
+            reply = Json{{"ok", false}, {"message", e.what()}};
+        }
+        mcpkit::MCPPrivateFile::writeAtomically(paths_.control / (stem + ".reply"),
+                                                mailcore::encodeJson(reply), nullptr, false);
+    }
+}
+
+void AppHost::stop(std::chrono::milliseconds grace) {
+    if (server_) {
+        server_->stop();
+        const auto deadline = std::chrono::steady_clock::now() + grace;
+        while (inFlight_.load() > 0 && std::chrono::steady_clock::now() < deadline)
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        server_.reset();
+    }
+    if (storage_.policy) storage_.policy->setOnChange(nullptr);
+    if (lockFD_ >= 0) {
+        ::close(lockFD_);
+        lockFD_ = -1;
+    }
+}
+
+void AppHost::fillDemo() {
+    std::vector<fs::path> files;
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(options_.demoMessages, error))
+        if (entry.path().extension() == ".eml") files.push_back(entry.path());
+    if (files.empty())
+        throw std::runtime_error("No demonstration messages in " + options_.demoMessages.string());
+    std::sort(files.begin(), files.end());
+    const auto now = mailcore::systemClock()();
+    ensureAccount(*store_, {demoAccount, "Alex Morgan (demo)", true}, now);
+    for (const auto& file : files) {
+        const std::string name = file.filename().string();
+        const bool sent = name.find("sent") != std::string::npos;
+        mailcore::MessageFlags flags;
+        if (sent || name.find("read") != std::string::npos) flags.system |= mailcore::MessageFlags::seen;
+        const auto folder = folderWithRole(
+            *store_, demoAccount, sent ? mailcore::FolderRole::sent : mailcore::FolderRole::inbox);
+        fileMessage(*store_, demoAccount, folder, fileText(file), flags, now);
+    }
+    out_("Demonstration mailbox " + std::string(demoAccount) + " created with " +
+         std::to_string(files.size()) + " messages.");
+}
+
+bool hostIsRunning(const HostPaths& paths) {
+    const int fd = ::open(paths.lock.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return false;
+    const bool locked = ::flock(fd, LOCK_SH | LOCK_NB) != 0;
+    ::close(fd);
+    return locked;
+}
+
+std::optional<Json> sendControl(const HostPaths& paths, const Json& request,
+                                std::chrono::milliseconds timeout) {
+    if (!hostIsRunning(paths)) return std::nullopt;
+    const std::string id = mailcore::makeUUID();
+    const fs::path replyPath = paths.control / (id + ".reply");
+    if (!mcpkit::MCPPrivateFile::writeAtomically(paths.control / (id + ".request"),
+                                                 mailcore::encodeJson(request), nullptr, false))
+        return std::nullopt;
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (auto data = mcpkit::MCPPrivateFile::read(replyPath)) {
+            std::error_code ignored;
+            fs::remove(replyPath, ignored);
+            Json json;
+            if (mailcore::tryParseJson(*data, json)) return json;
+            return std::nullopt;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    std::error_code ignored;
+    fs::remove(paths.control / (id + ".request"), ignored);
+    return std::nullopt;
+}
+
+}  // namespace kestrune

@@ -1,0 +1,101 @@
+// AppHost: the running application. Opens the mail store and the
+// agent-access files of one data directory, fills the demonstration mailbox
+// when asked, and serves harnesses through one MCPService on the link socket
+// until stopped.
+//
+// The user's commands reach the running host in two ways: policy changes
+// through "state.json" (reloaded by the policy store, which prunes the audit
+// log and forgets the mail-read state of revoked harnesses), and requests
+// that need its memory (resetting mail-read state, workflow decisions)
+// through request files in the private control directory, answered by
+// `pollControl`.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+
+#include "KestruneMCPKit/Link/MCPSocketServer.h"
+#include "KestruneMCPKit/Service/MCPAuditLog.h"
+#include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Service/MCPStorage.h"
+#include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
+#include "MailCore/Store/SQLiteMailStore.h"
+#include "MailCore/Workflow/WorkflowStore.h"
+#include "kestrune_app/Host/HostPaths.h"
+#include "kestrune_app/Host/PendingQuestions.h"
+#include "kestrune_app/Host/StoreMailBackend.h"
+
+namespace kestrune {
+
+struct ServeOptions {
+    std::optional<std::filesystem::path> dataDir;
+    std::filesystem::path home;
+    bool demo = false;
+    std::filesystem::path demoMessages;  // the bundled .eml files
+    std::chrono::milliseconds undoWindow{5000};
+};
+
+// A user's request to the running host, and its answer.
+mailcore::Json handleControl(mailcore::WorkflowStore& workflows, mcpkit::MCPService* service,
+                             const mailcore::Json& request, mailcore::Date now);
+
+class AppHost {
+public:
+    using Print = std::function<void(const std::string&)>;
+
+    AppHost(ServeOptions options, Print out);
+    ~AppHost();
+
+    // Opens everything and starts listening. Throws std::runtime_error with a
+    // sentence for the user (already running, unusable directory, ...).
+    void start();
+
+    // Answers waiting control requests and reloads a changed policy file.
+    void pollControl();
+
+    // Stops accepting, waits (up to `grace`) for calls in progress to be
+    // answered, removes the socket file and releases the data directory.
+    void stop(std::chrono::milliseconds grace = std::chrono::milliseconds(10000));
+
+    const HostPaths& paths() const { return paths_; }
+    const std::filesystem::path& socketPath() const { return storage_.socketPath; }
+    std::shared_ptr<mailcore::SQLiteMailStore> store() const { return store_; }
+
+private:
+    void fillDemo();
+    void settingsChanged();
+
+    ServeOptions options_;
+    Print out_;
+    HostPaths paths_;
+    int lockFD_ = -1;
+    mcpkit::MCPStorage storage_;
+    std::shared_ptr<mailcore::SQLiteMailStore> store_;
+    std::shared_ptr<PendingQuestions> questions_;
+    std::shared_ptr<StoreMailBackend> backend_;
+    std::shared_ptr<mcpkit::MCPAuditLog> audit_;
+    std::unique_ptr<mailcore::WorkflowStore> workflows_;
+    std::shared_ptr<mcpkit::MCPWorkflowBridge> bridge_;
+    std::unique_ptr<mcpkit::MCPService> service_;
+    std::unique_ptr<mcpkit::MCPSocketServer> server_;
+    std::atomic<int> inFlight_{0};
+    std::mutex knownLock_;
+    std::set<std::string> allowedHarnesses_;  // guarded by knownLock_
+};
+
+// True when a host holds the data directory's lock (is serving).
+bool hostIsRunning(const HostPaths& paths);
+
+// Sends a control request to the running host and waits up to `timeout` for
+// its answer; none when no host answered.
+std::optional<mailcore::Json> sendControl(const HostPaths& paths, const mailcore::Json& request,
+                                          std::chrono::milliseconds timeout);
+
+}  // namespace kestrune

@@ -1,0 +1,478 @@
+#include "kestrune_app/Host/HostCommands.h"
+
+#include <fstream>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
+#include <nlohmann/json.hpp>
+
+#include "KestruneMCPKit/Service/MCPAuditLog.h"
+#include "KestruneMCPKit/Service/MCPStorage.h"
+#include "KestruneMCPKit/Service/MCPTools.h"
+#include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
+#include "MailCore/Workflow/WorkflowDescription.h"
+#include "MailCore/Workflow/WorkflowStore.h"
+#include "kestrune_app/Host/AppHost.h"
+#include "kestrune_app/Host/MailIngest.h"
+#include "kestrune_app/Host/PendingQuestions.h"
+
+namespace kestrune::HostCommands {
+
+namespace fs = std::filesystem;
+using mailcore::Json;
+
+namespace {
+
+constexpr int ok = 0;
+constexpr int failure = 1;
+constexpr int usageError = 64;
+
+struct UsageError : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+struct Failure : std::runtime_error {
+    using std::runtime_error::runtime_error;
+};
+
+struct Context {
+    const Environment& env;
+    std::optional<fs::path> dataDir;
+    std::vector<std::string> args;  // after the command word
+    HostPaths paths;
+
+    void out(const std::string& text) const { env.out(text); }
+
+    const std::string& arg(std::size_t i, const char* what) const {
+        if (i >= args.size()) throw UsageError(std::string("missing ") + what);
+        return args[i];
+    }
+    void noMoreThan(std::size_t n) const {
+        if (args.size() > n) throw UsageError("unexpected argument " + args[n]);
+    }
+    std::shared_ptr<mcpkit::MCPPolicyStore> policy() const {
+        try {
+            return mcpkit::MCPStorage::open(dataDir, std::nullopt, env.home).policy;
+        } catch (const std::exception& e) {
+            throw Failure("the data directory cannot be used: " + std::string(e.what()));
+        }
+    }
+};
+
+// Options "--name value" taken out of args; flags "--name" too.
+std::optional<std::string> takeOption(std::vector<std::string>& args, const std::string& name) {
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == name) {
+            if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
+            std::string value = args[i + 1];
+            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+            return value;
+        }
+    }
+    return std::nullopt;
+}
+
+bool takeFlag(std::vector<std::string>& args, const std::string& name) {
+    for (std::size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == name) {
+            args.erase(args.begin() + static_cast<long>(i));
+            return true;
+        }
+    }
+    return false;
+}
+
+std::int64_t integer(const std::string& text, const char* what) {
+    try {
+        std::size_t used = 0;
+        const long long value = std::stoll(text, &used);
+        if (used != text.size()) throw std::invalid_argument(text);
+        return value;
+    } catch (const std::exception&) {
+        throw UsageError(std::string(what) + " must be a whole number");
+    }
+}
+
+std::string onOff(bool on) { return on ? "on" : "off"; }
+
+int serve(Context& c) {
+    ServeOptions options;
+    options.dataDir = c.dataDir;
+    options.home = c.env.home;
+    options.demo = takeFlag(c.args, "--demo");
+    if (auto undo = takeOption(c.args, "--undo-seconds")) {
+        const auto seconds = integer(*undo, "--undo-seconds");
+        if (seconds < 0 || seconds > 60) throw UsageError("--undo-seconds must be 0 to 60");
+        options.undoWindow = std::chrono::seconds(seconds);
+    }
+    options.demoMessages = c.env.demoMessages;
+    if (auto dir = takeOption(c.args, "--demo-messages")) options.demoMessages = *dir;
+    c.noMoreThan(0);
+    AppHost host(options, c.env.out);
+    try {
+        host.start();
+    } catch (const std::exception& e) {
+        throw Failure(e.what());
+    }
+    const auto state = c.policy()->snapshot();
+    c.out("Kestrune is serving agents at " + host.socketPath().string());
+    c.out("Agent access is " + onOff(state.settings.masterEnabled) +
+          (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
+    c.out("Ready.");
+    while (!c.env.stop || !c.env.stop->load()) {
+        host.pollControl();
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
+    c.out("Stopping.");
+    host.stop();
+    c.out("Stopped.");
+    return ok;
+}
+
+int confirm(Context& c) {
+    PendingQuestions questions(c.paths.pending);
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "list") {
+        c.noMoreThan(1);
+        const auto open = questions.open();
+        if (open.empty()) c.out("No confirmation is waiting.");
+        for (const auto& q : open) c.out("[" + q.id + "] " + q.kind + "\n" + q.text);
+        return ok;
+    }
+    if (verb == "yes" || verb == "no" || verb == "undo") {
+        const std::string id = c.arg(1, "the question id");
+        c.noMoreThan(2);
+        std::string error;
+        if (!questions.answer(id, verb, error)) throw Failure(error);
+        c.out("Answered " + id + ": " + verb + ".");
+        return ok;
+    }
+    throw UsageError("unknown confirm command " + verb);
+}
+
+int access(Context& c) {
+    auto policy = c.policy();
+    const std::string verb = c.args.empty() ? "status" : c.args[0];
+    c.noMoreThan(1);
+    if (verb == "on" || verb == "off") {
+        policy->mutate([&](mcpkit::MCPState& s) { s.settings.masterEnabled = verb == "on"; });
+        if (!policy->save()) throw Failure("cannot save the settings");
+    } else if (verb != "status") {
+        throw UsageError("access takes on, off or status");
+    }
+    c.out("Agent access is " + onOff(policy->snapshot().settings.masterEnabled) + ".");
+    return ok;
+}
+
+int permissions(Context& c) {
+    auto policy = c.policy();
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "enable" || verb == "disable") {
+        const std::string id = c.arg(1, "the permission");
+        c.noMoreThan(2);
+        const auto& ids = mcpkit::MCPTools::permissionIDs();
+        if (std::find(ids.begin(), ids.end(), id) == ids.end())
+            throw UsageError("unknown permission " + id);
+        policy->mutate([&](mcpkit::MCPState& s) {
+            if (verb == "enable") s.settings.enabledPermissions.insert(id);
+            else s.settings.enabledPermissions.erase(id);
+        });
+    } else if (verb != "list") {
+        throw UsageError("permissions takes list, enable or disable");
+    } else {
+        c.noMoreThan(1);
+    }
+    const auto settings = policy->snapshot().settings;
+    for (const auto& id : mcpkit::MCPTools::permissionIDs())
+        c.out(id + ": " + onOff(settings.enabledPermissions.contains(id)));
+    return ok;
+}
+
+int accounts(Context& c) {
+    auto policy = c.policy();
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "exclude" || verb == "include") {
+        const std::string email = c.arg(1, "the account");
+        c.noMoreThan(2);
+        policy->mutate([&](mcpkit::MCPState& s) {
+            if (verb == "exclude") s.settings.excludedAccounts.insert(email);
+            else s.settings.excludedAccounts.erase(email);
+        });
+    } else if (verb != "list") {
+        throw UsageError("accounts takes list, exclude or include");
+    }
+    const auto settings = policy->snapshot().settings;
+    std::set<std::string> listed;
+    if (fs::exists(c.paths.store)) {
+        mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
+        for (const auto& a : hostAccounts(store)) {
+            listed.insert(a.email);
+            c.out(a.email + " (" + a.label + ")" +
+                  (settings.excludedAccounts.contains(a.email) ? ": excluded from agents" : ": shared with agents"));
+        }
+    }
+    for (const auto& e : settings.excludedAccounts)
+        if (!listed.contains(e)) c.out(e + ": excluded from agents");
+    return ok;
+}
+
+const std::map<std::string, std::pair<std::int64_t mcpkit::MCPLimits::*, mcpkit::MCPLimitRange>>&
+limitFields() {
+    static const std::map<std::string, std::pair<std::int64_t mcpkit::MCPLimits::*, mcpkit::MCPLimitRange>>
+        fields{{"requests-per-minute", {&mcpkit::MCPLimits::requestsPerMinute, mcpkit::requestsPerMinuteRange}},
+               {"max-search-limit", {&mcpkit::MCPLimits::maxSearchLimit, mcpkit::maxSearchLimitRange}},
+               {"max-body-characters", {&mcpkit::MCPLimits::maxBodyCharacters, mcpkit::maxBodyCharactersRange}},
+               {"max-result-bytes", {&mcpkit::MCPLimits::maxResultBytes, mcpkit::maxResultBytesRange}},
+               {"max-argument-bytes", {&mcpkit::MCPLimits::maxArgumentBytes, mcpkit::maxArgumentBytesRange}}};
+    return fields;
+}
+
+int limits(Context& c) {
+    auto policy = c.policy();
+    const std::string verb = c.args.empty() ? "show" : c.args[0];
+    if (verb == "set") {
+        const std::string name = c.arg(1, "the limit");
+        const std::int64_t value = integer(c.arg(2, "the value"), "the value");
+        c.noMoreThan(3);
+        auto check = [&](mcpkit::MCPLimitRange r) {
+            if (value < r.min || value > r.max)
+                throw UsageError(name + " must be " + std::to_string(r.min) + " to " + std::to_string(r.max));
+        };
+        if (auto it = limitFields().find(name); it != limitFields().end()) {
+            check(it->second.second);
+            policy->mutate([&](mcpkit::MCPState& s) { s.settings.limits.*(it->second.first) = value; });
+        } else if (name == "retention-days") {
+            check(mcpkit::retentionDaysRange);
+            policy->mutate([&](mcpkit::MCPState& s) { s.settings.retentionDays = value; });
+        } else if (name == "confirm-timeout") {
+            check(mcpkit::confirmTimeoutSecondsRange);
+            policy->mutate([&](mcpkit::MCPState& s) { s.settings.confirmTimeoutSeconds = value; });
+        } else {
+            throw UsageError("unknown limit " + name);
+        }
+    } else if (verb != "show") {
+        throw UsageError("limits takes show or set");
+    }
+    const auto s = policy->snapshot().settings;
+    for (const auto& [name, field] : limitFields()) c.out(name + ": " + std::to_string(s.limits.*(field.first)));
+    c.out("retention-days: " + (s.retentionDays ? std::to_string(*s.retentionDays) : std::string("forever")));
+    c.out("confirm-timeout: " + std::to_string(s.confirmTimeoutSeconds));
+    return ok;
+}
+
+int harnesses(Context& c) {
+    auto policy = c.policy();
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "list") {
+        const auto state = policy->snapshot();
+        if (state.harnesses.empty()) c.out("No harness is registered. Connect one with: kestrune-mcp --install <harness>");
+        for (const auto& h : state.harnesses) {
+            c.out(h.id + " (" + h.name + "): " + (h.allowed ? "allowed" : "revoked") +
+                  (h.lastSeen ? ", last seen " + mcpkit::MCPAuditLog::timeString(*h.lastSeen) : ", never seen"));
+        }
+        return ok;
+    }
+    if (verb == "allow" || verb == "revoke") {
+        const std::string id = c.arg(1, "the harness id");
+        c.noMoreThan(2);
+        bool found = false;
+        policy->mutate([&](mcpkit::MCPState& s) {
+            if (auto* h = s.harness(id)) {
+                found = true;
+                h->allowed = verb == "allow";
+            }
+        });
+        if (!found) throw Failure("no harness " + id);
+        c.out("Harness " + id + " " + (verb == "allow" ? "allowed." : "revoked."));
+        if (verb == "revoke") sendControl(c.paths, Json{{"op", "reset"}, {"harness", id}}, std::chrono::seconds(5));
+        return ok;
+    }
+    if (verb == "reset") {
+        c.noMoreThan(2);
+        Json request{{"op", "reset"}};
+        if (c.args.size() > 1) {
+            if (!policy->snapshot().harness(c.args[1])) throw Failure("no harness " + c.args[1]);
+            request["harness"] = c.args[1];
+        }
+        auto reply = sendControl(c.paths, request, std::chrono::seconds(5));
+        if (!reply) {
+            c.out("Kestrune is not running: no session holds mail-read state.");
+            return ok;
+        }
+        c.out(reply->value("message", ""));
+        return reply->value("ok", false) ? ok : failure;
+    }
+    throw UsageError("harnesses takes list, allow, revoke or reset");
+}
+
+int audit(Context& c) {
+    mcpkit::MCPAuditFilter filter;
+    filter.harness = takeOption(c.args, "--harness");
+    filter.tool = takeOption(c.args, "--tool");
+    filter.account = takeOption(c.args, "--account");
+    if (auto result = takeOption(c.args, "--result")) {
+        filter.result = mcpkit::mcpResultFromRawValue(*result);
+        if (!filter.result) throw UsageError("unknown result " + *result);
+    }
+    if (auto since = takeOption(c.args, "--since")) {
+        filter.since = mcpkit::MCPWorkflowMailSource::parseDate(*since);
+        if (!filter.since) throw UsageError("--since takes a date like 2026-11-20T09:00:00Z");
+    }
+    const std::string format = takeOption(c.args, "--format").value_or("text");
+    const auto output = takeOption(c.args, "--output");
+    c.noMoreThan(0);
+    const auto base = HostPaths::make(c.dataDir, c.env.home).mcp;
+    mcpkit::MCPAuditLog log(base / "audit.jsonl");
+    std::string text;
+    if (format == "jsonl" || format == "csv") {
+        text = log.exportEntries(filter, format == "csv" ? mcpkit::MCPAuditLog::ExportFormat::csv
+                                                         : mcpkit::MCPAuditLog::ExportFormat::jsonLines);
+    } else if (format == "text") {
+        for (const auto& e : log.filtered(filter)) {
+            text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + e.harness + "  " + e.tool + "  " +
+                    (e.account.empty() ? "-" : e.account) + "  " + std::string(mcpkit::rawValue(e.result)) +
+                    "  " + e.summary + (e.mailInfluenced.value_or(false) ? "  [mail-influenced]" : "") + "\n";
+        }
+    } else {
+        throw UsageError("--format takes text, jsonl or csv");
+    }
+    if (output) {
+        std::ofstream file(*output, std::ios::binary | std::ios::trunc);
+        if (!(file << text)) throw Failure("cannot write " + *output);
+        return ok;
+    }
+    if (!text.empty() && text.back() == '\n') text.pop_back();
+    if (!text.empty()) c.out(text);
+    return ok;
+}
+
+int workflows(Context& c) {
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "list") {
+        c.noMoreThan(1);
+        mailcore::WorkflowStore store(c.paths.workflows);
+        const auto all = store.all();
+        if (all.empty()) c.out("No workflow.");
+        for (const auto& w : all) {
+            c.out(w.id + "  " + std::string(mailcore::statusName(w.status)) + "  risk " + w.risk + "  by " +
+                  w.authorName + "\n  " + mailcore::describeWorkflow(w.spec));
+        }
+        return ok;
+    }
+    if (verb == "approve" || verb == "pause" || verb == "resume" || verb == "delete") {
+        const std::string id = c.arg(1, "the workflow id");
+        c.noMoreThan(2);
+        const Json request{{"op", "workflow"}, {"action", verb}, {"id", id}};
+        auto reply = sendControl(c.paths, request, std::chrono::seconds(5));
+        if (!reply) {
+            if (hostIsRunning(c.paths)) throw Failure("Kestrune did not answer; try again.");
+            mailcore::WorkflowStore store(c.paths.workflows);
+            reply = handleControl(store, nullptr, request, mailcore::systemClock()());
+        }
+        c.out(reply->value("message", ""));
+        return reply->value("ok", false) ? ok : failure;
+    }
+    throw UsageError("workflows takes list, approve, pause, resume or delete");
+}
+
+int import(Context& c) {
+    const auto account = takeOption(c.args, "--account");
+    const auto label = takeOption(c.args, "--label");
+    const auto maildir = takeOption(c.args, "--maildir");
+    const auto mbox = takeOption(c.args, "--mbox");
+    c.noMoreThan(0);
+    if (!account) throw UsageError("import needs --account EMAIL");
+    if (maildir.has_value() == mbox.has_value()) throw UsageError("import needs one of --maildir DIR or --mbox FILE");
+    if (account->find('@') == std::string::npos) throw UsageError("--account must be a mail address");
+    try {
+        mcpkit::MCPPaths::preparePrivateDirectory(c.paths.root);
+        mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
+        const auto now = mailcore::systemClock()();
+        ensureAccount(store, {*account, label.value_or(*account), false}, now);
+        const auto result = maildir ? importMaildir(store, *account, *maildir, now)
+                                    : importMbox(store, *account, *mbox, now);
+        c.out("Imported " + std::to_string(result.imported) + " messages into " + *account +
+              (result.skipped ? " (" + std::to_string(result.skipped) + " skipped)." : "."));
+    } catch (const UsageError&) {
+        throw;
+    } catch (const std::exception& e) {
+        throw Failure(e.what());
+    }
+    return ok;
+}
+
+}  // namespace
+
+const std::string& usage() {
+    static const std::string text =
+        "usage: kestrune <command> [--data-dir DIR] ...\n"
+        "\n"
+        "  serve [--demo] [--undo-seconds N]   run the application for agents (Ctrl-C stops)\n"
+        "  confirm [list]                      show the confirmations waiting for you\n"
+        "  confirm yes|no ID                   answer a confirmation\n"
+        "  confirm undo ID                     undo a send during its undo window\n"
+        "  access [status|on|off]              agent access as a whole\n"
+        "  permissions [list]                  what agents may do\n"
+        "  permissions enable|disable TOOL\n"
+        "  accounts [list]                     accounts and whether agents see them\n"
+        "  accounts exclude|include EMAIL\n"
+        "  limits [show]                       request and size limits\n"
+        "  limits set NAME VALUE               requests-per-minute, max-search-limit, max-body-characters,\n"
+        "                                      max-result-bytes, max-argument-bytes, retention-days,\n"
+        "                                      confirm-timeout\n"
+        "  harnesses [list]                    registered harnesses\n"
+        "  harnesses allow|revoke ID\n"
+        "  harnesses reset [ID]                forget what their sessions have read\n"
+        "  audit [--harness H] [--tool T] [--account A] [--result R] [--since DATE]\n"
+        "        [--format text|jsonl|csv] [--output FILE]\n"
+        "  workflows [list]                    workflows agents proposed\n"
+        "  workflows approve|pause|resume|delete ID\n"
+        "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
+        "\n"
+        "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in DIR/mcp,\n"
+        "as `kestrune-mcp --data-dir DIR` expects). Exit status: 0 success, 1 failure, 64 usage error.";
+    return text;
+}
+
+int run(const std::vector<std::string>& arguments, const Environment& env) {
+    std::vector<std::string> args = arguments;
+    try {
+        if (args.empty()) {
+            env.err(usage());
+            return usageError;
+        }
+        if (takeFlag(args, "--help") || takeFlag(args, "-h") || args[0] == "help") {
+            env.out(usage());
+            return ok;
+        }
+        std::optional<fs::path> dataDir;
+        if (auto dir = takeOption(args, "--data-dir")) {
+            if (dir->empty()) throw UsageError("--data-dir needs a directory");
+            dataDir = fs::absolute(*dir);
+        }
+        if (args.empty()) throw UsageError("missing command");
+        const std::string command = args[0];
+        Context c{env, dataDir, std::vector<std::string>(args.begin() + 1, args.end()),
+                  HostPaths::make(dataDir, env.home)};
+        static const std::map<std::string, int (*)(Context&)> commands{
+            {"serve", serve},       {"confirm", confirm},     {"access", access},
+            {"permissions", permissions}, {"accounts", accounts}, {"limits", limits},
+            {"harnesses", harnesses}, {"audit", audit},       {"workflows", workflows},
+            {"import", import}};
+        auto it = commands.find(command);
+        if (it == commands.end()) throw UsageError("unknown command " + command);
+        for (const auto& a : c.args)
+            if (a.starts_with("--") && command != "serve" && command != "audit" && command != "import")
+                throw UsageError("unknown option " + a);
+        return it->second(c);
+    } catch (const UsageError& e) {
+        env.err(std::string("kestrune: ") + e.what() + " (see kestrune --help)");
+        return usageError;
+    } catch (const std::exception& e) {
+        env.err(std::string("kestrune: ") + e.what());
+        return failure;
+    }
+}
+
+}  // namespace kestrune::HostCommands

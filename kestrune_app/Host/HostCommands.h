@@ -1,0 +1,31 @@
+// The `kestrune` command line: serving agents, answering confirmations, and
+// the user's agent-access controls.
+//
+// Exit statuses: 0 success; 1 a failure (an unusable data directory, an
+// unknown harness or workflow, an import that cannot be read, serve unable
+// to start); 64 a usage error (unknown command or option, a missing or bad
+// argument).
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <vector>
+
+namespace kestrune::HostCommands {
+
+const std::string& usage();
+
+struct Environment {
+    std::filesystem::path home;
+    std::filesystem::path demoMessages;        // the bundled demonstration messages
+    const std::atomic<bool>* stop = nullptr;   // set to end `serve`
+    std::function<void(const std::string&)> out;
+    std::function<void(const std::string&)> err;
+};
+
+// `args` are the arguments without the program name.
+int run(const std::vector<std::string>& args, const Environment& env);
+
+}  // namespace kestrune::HostCommands

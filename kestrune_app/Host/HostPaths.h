@@ -1,0 +1,26 @@
+// Where the application keeps its files. Without a data directory
+// everything lives in ~/.local/share/kestrune; with one, under it. In both
+// cases the agent-access files (policy, tokens, audit log, link socket,
+// pending confirmations) live in the "mcp" subdirectory, which is where
+// `kestrune-mcp --data-dir DIR` looks for them.
+#pragma once
+
+#include <filesystem>
+#include <optional>
+
+namespace kestrune {
+
+struct HostPaths {
+    std::filesystem::path root;       // the data directory
+    std::filesystem::path mcp;        // root/mcp, private (0700)
+    std::filesystem::path store;      // root/mail.sqlite
+    std::filesystem::path pending;    // mcp/pending: questions waiting for the user
+    std::filesystem::path control;    // mcp/control: requests for the running app
+    std::filesystem::path workflows;  // mcp/workflows
+    std::filesystem::path lock;       // mcp/kestrune.lock, held while serving
+
+    static HostPaths make(const std::optional<std::filesystem::path>& dataDir,
+                          const std::filesystem::path& home);
+};
+
+}  // namespace kestrune

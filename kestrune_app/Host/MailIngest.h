@@ -1,0 +1,65 @@
+// Filing raw messages into the mail store: accounts with their standard
+// folders, one RFC 5322 message parsed and filed with its body and
+// attachment records, and whole Maildir folders or mbox files imported.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "MailCore/Store/SQLiteMailStore.h"
+
+namespace kestrune {
+
+// The account configuration kept in the store: {"email", "label", "demo"}.
+// A demo account delivers sends into its own Sent folder.
+struct HostAccount {
+    std::string email;
+    std::string label;
+    bool demo = false;
+};
+
+std::optional<HostAccount> hostAccount(mailcore::SQLiteMailStore& store, const std::string& email);
+std::vector<HostAccount> hostAccounts(mailcore::SQLiteMailStore& store);
+
+// Creates the account (when missing) with the folders INBOX, Sent, Drafts,
+// Archive and Trash. Returns the account as stored. Throws std::invalid_argument
+// for an address without "@".
+HostAccount ensureAccount(mailcore::SQLiteMailStore& store, const HostAccount& account,
+                          mailcore::Date now);
+
+// The account's folder with `role` (inbox, sent, drafts, ...). Throws
+// std::runtime_error when the account has none.
+mailcore::FolderID folderWithRole(mailcore::SQLiteMailStore& store, const std::string& account,
+                                  mailcore::FolderRole role);
+
+// Parses `raw` and files it in `folder` of `account` with `flags`, body text
+// and HTML and attachment records included. Throws MailError for an empty
+// message.
+mailcore::MessageID fileMessage(mailcore::SQLiteMailStore& store, const std::string& account,
+                                mailcore::FolderID folder, std::string_view raw,
+                                const mailcore::MessageFlags& flags, mailcore::Date now);
+
+struct ImportResult {
+    std::int64_t imported = 0;
+    std::int64_t skipped = 0;  // empty or unreadable entries
+};
+
+// Every message file of a Maildir (cur/ and new/; "S" in the info part marks
+// it read) into the account's inbox. Throws std::runtime_error when `dir` is
+// not a Maildir.
+ImportResult importMaildir(mailcore::SQLiteMailStore& store, const std::string& account,
+                           const std::filesystem::path& dir, mailcore::Date now);
+
+// Every message of an mbox file (messages start at lines "From "; ">From "
+// quoting is undone) into the account's inbox. Throws std::runtime_error
+// when the file cannot be read.
+ImportResult importMbox(mailcore::SQLiteMailStore& store, const std::string& account,
+                        const std::filesystem::path& file, mailcore::Date now);
+
+// The messages of one mbox text, quoting undone.
+std::vector<std::string> splitMbox(std::string_view text);
+
+}  // namespace kestrune

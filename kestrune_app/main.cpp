@@ -1,0 +1,35 @@
+// kestrune: the application that owns the mail store and serves harnesses.
+// Every command is in the host library; this entry wires signals and output.
+#include <csignal>
+#include <cstdio>
+#include <string>
+#include <vector>
+
+#include "KestruneMCPKit/Link/MCPPaths.h"
+#include "kestrune_app/Host/HostCommands.h"
+
+namespace {
+std::atomic<bool> stopRequested{false};
+extern "C" void requestStop(int) { stopRequested.store(true); }
+}  // namespace
+
+int main(int argc, char** argv) {
+    std::signal(SIGPIPE, SIG_IGN);
+    struct sigaction action {};
+    action.sa_handler = requestStop;
+    sigemptyset(&action.sa_mask);
+    sigaction(SIGINT, &action, nullptr);
+    sigaction(SIGTERM, &action, nullptr);
+    std::setvbuf(stdout, nullptr, _IOLBF, 0);
+
+    kestrune::HostCommands::Environment env;
+    env.home = mcpkit::MCPPaths::homeDirectory();
+    env.demoMessages = KESTRUNE_DEMO_DIR;
+    env.stop = &stopRequested;
+    env.out = [](const std::string& text) { std::fprintf(stdout, "%s\n", text.c_str()); };
+    env.err = [](const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); };
+    const int status =
+        kestrune::HostCommands::run(std::vector<std::string>(argv + 1, argv + argc), env);
+    std::fflush(stdout);
+    return status;
+}
