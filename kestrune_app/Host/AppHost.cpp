@@ -121,11 +121,13 @@ void AppHost::start() {
     auto show = [this](const PendingQuestion& q) {
         std::string text = "\n== " + std::string(q.kind == "undo" ? "Undo send" : "Confirm") +
                            " [" + q.id + "] ==\n" + q.text;
+        const std::string command =
+            "kestrune confirm" +
+            (options_.dataDir ? " --data-dir " + options_.dataDir->string() : std::string());
         if (q.kind == "undo")
-            text += "Answer: kestrune confirm undo " + q.id;
+            text += "Undo with: " + command + " undo " + q.id;
         else
-            text += "Answer: kestrune confirm yes " + q.id + "   (or: kestrune confirm no " + q.id + ")";
-        if (options_.dataDir) text += " --data-dir " + options_.dataDir->string();
+            text += "Answer: " + command + " yes " + q.id + "   (or: " + command + " no " + q.id + ")";
         out_(text);
     };
     auto questions = questions_;

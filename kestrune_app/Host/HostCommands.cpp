@@ -8,6 +8,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Service/MCPAuditLog.h"
 #include "KestruneMCPKit/Service/MCPStorage.h"
 #include "KestruneMCPKit/Service/MCPTools.h"

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <fstream>
 #include <sstream>
+
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "MailCore/MIME/MessageParser.h"

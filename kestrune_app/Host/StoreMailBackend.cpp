@@ -5,6 +5,8 @@
 #include <ctime>
 #include <stdexcept>
 
+#include <nlohmann/json.hpp>
+
 #include "KestruneMCPKit/Service/MCPService.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Store/SearchExpression.h"
@@ -248,9 +250,10 @@ void StoreMailBackend::setRead(const std::string& id, const std::string& account
     const MessageID mid = requireMessage(id, account);
     store_->write([&](SQLiteDatabase&) {
         auto flags = store_->message(mid)->flags;
-        if (read) flags.system |= MessageFlags::seen;
-        else flags.system &= ~static_cast<std::int64_t>(MessageFlags::seen);
-        store_->setLocalFlags(mid, flags);
+        FlagChange change;
+        (read ? change.addSystem : change.removeSystem) = MessageFlags::seen;
+        store_->setLocalFlags(mid, change.appliedTo(flags));
+        queueFlags(mid, change);
     });
 }
 
@@ -260,15 +263,23 @@ void StoreMailBackend::applyLabel(const std::string& id, const std::string& acco
     const MessageID mid = requireMessage(id, account);
     store_->write([&](SQLiteDatabase&) {
         auto flags = store_->message(mid)->flags;
-        if (label && !label->empty() &&
-            std::find(flags.keywords.begin(), flags.keywords.end(), *label) == flags.keywords.end())
-            flags.keywords.push_back(*label);
-        if (star) {
-            if (*star) flags.system |= MessageFlags::flagged;
-            else flags.system &= ~static_cast<std::int64_t>(MessageFlags::flagged);
-        }
-        store_->setLocalFlags(mid, flags);
+        FlagChange change;
+        if (label && !label->empty()) change.addKeywords.push_back(*label);
+        if (star) (*star ? change.addSystem : change.removeSystem) = MessageFlags::flagged;
+        store_->setLocalFlags(mid, change.appliedTo(flags));
+        queueFlags(mid, change);
     });
+}
+
+void StoreMailBackend::queueFlags(MessageID id, const FlagChange& change) {
+    const auto fields = store_->messageFields(id);
+    if (!fields) throw MCPToolError("Message not found.");
+    OutboxMessageRef ref;
+    ref.messageID = id;
+    ref.folderID = fields->folderID;
+    ref.uid = fields->uid;
+    ref.internetMessageID = fields->threading.messageID;
+    store_->enqueueFlags(fields->accountID, ref, change, clock_());
 }
 
 MessageID StoreMailBackend::fileLocal(const mcpkit::MCPOutgoing& out, FolderRole role,

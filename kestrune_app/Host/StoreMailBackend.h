@@ -6,7 +6,8 @@
 // "archive", "trash", ...) or, for folders without one, their path.
 //
 // Reads come from the store. Writes (read state, labels, stars, drafts) are
-// applied to the store at once. Sends wait through the undo-send window
+// applied to the store at once; flag changes are also queued in the outbox
+// for the server. Sends wait through the undo-send window
 // (`holdForUndo`) and are then delivered: a demo account files the message
 // in its own Sent folder; other accounts have no transport in this build and
 // their sends end as failed. Every failure of the store throws, so the agent
@@ -20,6 +21,7 @@
 
 #include "KestruneMCPKit/Service/MCPMailBackend.h"
 #include "MailCore/Common/Clock.h"
+#include "MailCore/Store/OutboxRecords.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 
 namespace kestrune {
@@ -56,6 +58,8 @@ public:
 
 private:
     mailcore::MessageID requireMessage(const std::string& id, const std::string& account);
+    // Queues a flag change for the server (the outbox folds repeated ones).
+    void queueFlags(mailcore::MessageID id, const mailcore::FlagChange& change);
     mailcore::MessageID fileLocal(const mcpkit::MCPOutgoing& message, mailcore::FolderRole role,
                                   const std::optional<std::string>& inReplyTo);
     mcpkit::MCPMessageSummary summary(const mailcore::MessageListRow& row,
