@@ -442,6 +442,24 @@ std::string MCPService::workflowCall(CallContext& ctx) {
     if (result.isError) {
         ctx.result = MCPResult::error;
         ctx.failed = true;
+        return result.text;
+    }
+    // A preview sample shows senders and subjects of real mail: third-party
+    // text, so the session is mail-influenced from then on.
+    Json answer;
+    if (mailcore::tryParseJson(result.text, answer) && answer.is_object() &&
+        answer.contains("sample") && answer["sample"].is_array()) {
+        std::vector<MCPMailRead> read;
+        for (const auto& m : answer["sample"]) {
+            if (!m.is_object()) continue;
+            read.push_back(
+                {m.value("message_id", ""), m.value("from", ""), m.value("subject", "")});
+        }
+        if (!read.empty()) {
+            const bool before = taint_.snapshot(ctx.sessionKey).mailInfluenced;
+            taint_.recordRead(ctx.sessionKey, read);
+            if (!before) ctx.summary += ", session now mail-influenced";
+        }
     }
     return result.text;
 }

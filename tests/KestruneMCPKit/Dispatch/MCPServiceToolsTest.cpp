@@ -248,6 +248,14 @@ TEST_F(MCPServiceToolsTest, WorkflowToolsGoToTheWorkflowHandlerWithTheCallersRig
     EXPECT_EQ(c.allowedAccounts, std::vector<std::string>{"me@example.com"});
     EXPECT_EQ(lastAudit().summary, "workflow saved");
 
+    workflows->reply = {
+        R"({"summary":"x","sample":[{"message_id":"m3","from":"Mallory","subject":"Quick favour"}]})",
+        false, "preview, 1 matched"};
+    EXPECT_EQ(service->mailInfluencedSessions(), 0);
+    call("preview_workflow", {{"spec", Json::object()}});
+    EXPECT_EQ(service->mailInfluencedSessions(), 1);
+    EXPECT_EQ(lastAudit().summary, "preview, 1 matched, session now mail-influenced");
+
     workflows->reply = {"No workflow with id W9", true, "no such workflow"};
     const auto e = call("pause_workflow", {{"id", "W9"}});
     EXPECT_TRUE(e.isError);
