@@ -249,14 +249,22 @@ bool OutboxWorker::drainOutbox(const AccountID& account, double maxWait) {
     while (true) {
         bool ran = Steady::now() < deadline && runOnce(account);
         if (ran) continue;
+        // Items in flight elsewhere (another thread, another worker on the
+        // same database) hold back their successors: wait for them too.
+        bool busy = false;
+        for (const auto& row : store_.outboxItems(account)) {
+            busy = busy || row.item.state == OutboxItemState::inFlight;
+        }
         std::unique_lock<std::mutex> lock(lock_);
-        bool busy = running_.count(account) != 0;
+        busy = busy || running_.count(account) != 0;
         if (!busy) {
             lock.unlock();
-            return store_.dueItems(clock_(), account, 1).empty();
+            if (store_.dueItems(clock_(), account, 1).empty()) return true;
+            if (Steady::now() >= deadline) return false;
+            continue;
         }
         if (Steady::now() >= deadline) return false;
-        idle_.wait_until(lock, std::min(deadline, Steady::now() + std::chrono::milliseconds(50)));
+        idle_.wait_until(lock, std::min(deadline, Steady::now() + std::chrono::milliseconds(20)));
     }
 }
 

@@ -84,9 +84,11 @@ public:
 
     // Wakes the background threads without waiting.
     void kickOutbox(const AccountID& account);
-    // Runs the account's due items on this thread and waits for those the
-    // background threads are running, for at most `maxWait` seconds. True
-    // when nothing of the account is left due or running.
+    // Runs the account's due items on this thread and waits for those in
+    // flight elsewhere (background threads, another worker on the same
+    // database), for at most `maxWait` seconds. True when nothing of the
+    // account is left due or in flight; items whose time has not come yet
+    // do not count.
     bool drainOutbox(const AccountID& account, double maxWait);
 
     // Claims and runs one due item; false when none was due.
