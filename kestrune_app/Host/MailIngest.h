@@ -35,9 +35,9 @@ HostAccount ensureAccount(mailcore::SQLiteMailStore& store, const HostAccount& a
 mailcore::FolderID folderWithRole(mailcore::SQLiteMailStore& store, const std::string& account,
                                   mailcore::FolderRole role);
 
-// Parses `raw` and files it in `folder` of `account` with `flags`, body text
-// and HTML and attachment records included. Throws MailError for an empty
-// message.
+// Parses `raw` and files it through the message ingestor in `folder` of
+// `account` with `flags`, body and attachment records included. Throws
+// MailError for an empty message.
 mailcore::MessageID fileMessage(mailcore::SQLiteMailStore& store, const std::string& account,
                                 mailcore::FolderID folder, std::string_view raw,
                                 const mailcore::MessageFlags& flags, mailcore::Date now);
@@ -47,19 +47,16 @@ struct ImportResult {
     std::int64_t skipped = 0;  // empty or unreadable entries
 };
 
-// Every message file of a Maildir (cur/ and new/; "S" in the info part marks
-// it read) into the account's inbox. Throws std::runtime_error when `dir` is
-// not a Maildir.
+// A Maildir tree into the account (the mail importer maps its folders and
+// flags). Throws std::runtime_error when `dir` is not a Maildir, MailError
+// when it cannot be read.
 ImportResult importMaildir(mailcore::SQLiteMailStore& store, const std::string& account,
                            const std::filesystem::path& dir, mailcore::Date now);
 
-// Every message of an mbox file (messages start at lines "From "; ">From "
-// quoting is undone) into the account's inbox. Throws std::runtime_error
-// when the file cannot be read.
+// Every message of an mbox file into the account's INBOX. Throws
+// std::runtime_error when the file is missing, MailError when it cannot be
+// read.
 ImportResult importMbox(mailcore::SQLiteMailStore& store, const std::string& account,
                         const std::filesystem::path& file, mailcore::Date now);
-
-// The messages of one mbox text, quoting undone.
-std::vector<std::string> splitMbox(std::string_view text);
 
 }  // namespace kestrune
