@@ -305,7 +305,7 @@ MessageID StoreMailBackend::fileLocal(const mcpkit::MCPOutgoing& out, FolderRole
     f.cc = parsedAddresses(out.cc);
     f.date = now;
     f.internalDate = now;
-    f.flags.system = MessageFlags::seen | (role == FolderRole::drafts ? MessageFlags::draft : 0);
+    f.flags.system = MessageFlags::seen | (role == FolderRole::drafts ? std::int64_t{MessageFlags::draft} : std::int64_t{0});
     f.size = static_cast<std::int64_t>(out.body.size());
     f.snippet = out.body.substr(0, 200);
     StoredBody body;
