@@ -13,11 +13,14 @@ HELPER="$PWD/build/release/kestrune_mcp/kestrune-mcp"
 DATA="${KESTRUNE_DEMO_DIR:-$HOME/.local/share/kestrune-demo}"
 mkdir -p "$DATA" && chmod 700 "$DATA"
 "$APP" access on --data-dir "$DATA" >/dev/null
+# The socket the app listens on (a long path falls back to /tmp: then use the
+# path `serve` prints below).
+SOCKET="$DATA/mcp/kestrune.sock"
 cat <<TEXT
 
 Kestrune runs on a demonstration mailbox in $DATA.
 Connect a harness from another terminal (claude-code, codex, cursor, ...; see --list-harnesses):
-  $HELPER --install claude-code --data-dir "$DATA"
+  $HELPER --install claude-code --data-dir "$DATA" --socket "$SOCKET"
 Answer the confirmations it asks for:
   $APP confirm list --data-dir "$DATA"
   $APP confirm yes <id> --data-dir "$DATA"
