@@ -214,22 +214,24 @@ TEST_F(MCPAuditLogTest, FiltersMatchEverySetField) {
     clock_.advance(10s);
     auto e4 = recordOne(*log, "Claude", "read_message", "b@example.com", MCPResult::ok);
 
+    constexpr std::nullopt_t none = std::nullopt;
     struct Row {
         MCPAuditFilter filter;
         std::vector<MCPAuditEntry> expected;
     };
     const std::vector<Row> rows = {
         {{}, {e1, e2, e3, e4}},
-        {{.harness = "Claude"}, {e1, e3, e4}},
-        {{.harness = "claude"}, {}},
-        {{.account = "b@example.com"}, {e2, e4}},
-        {{.tool = "send_message"}, {e2, e3}},
-        {{.result = MCPResult::ok}, {e1, e4}},
-        {{.since = e2.time}, {e2, e3, e4}},  // at or after, oldest first
-        {{.since = e2.time + 1ms}, {e3, e4}},
-        {{.harness = "Claude", .tool = "send_message", .result = MCPResult::denied}, {e3}},
-        {{.harness = "Claude", .account = "b@example.com", .since = e1.time}, {e4}},
-        {{.harness = "Cursor", .result = MCPResult::ok}, {}},
+        {MCPAuditFilter{"Claude", none, none, none, none}, {e1, e3, e4}},
+        {MCPAuditFilter{"claude", none, none, none, none}, {}},
+        {MCPAuditFilter{none, "b@example.com", none, none, none}, {e2, e4}},
+        {MCPAuditFilter{none, none, "send_message", none, none}, {e2, e3}},
+        {MCPAuditFilter{none, none, none, MCPResult::ok, none}, {e1, e4}},
+        {MCPAuditFilter{none, none, none, none, e2.time},
+         {e2, e3, e4}},  // at or after, oldest first
+        {MCPAuditFilter{none, none, none, none, e2.time + 1ms}, {e3, e4}},
+        {MCPAuditFilter{"Claude", none, "send_message", MCPResult::denied, none}, {e3}},
+        {MCPAuditFilter{"Claude", "b@example.com", none, none, e1.time}, {e4}},
+        {MCPAuditFilter{"Cursor", none, none, MCPResult::ok, none}, {}},
     };
     for (std::size_t i = 0; i < rows.size(); ++i) {
         EXPECT_EQ(log->filtered(rows[i].filter), rows[i].expected) << "row " << i;
@@ -288,8 +290,9 @@ TEST_F(MCPAuditLogTest, ExportsJsonLinesAndQuotedCsv) {
     log->record("Zed", "@t", "none", MCPResult::timedOut, "", std::nullopt);
 
     EXPECT_EQ(log->exportEntries({}, MCPAuditLog::ExportFormat::jsonLines), readText(url_));
-    const std::string onlyZed =
-        log->exportEntries({.harness = "Zed"}, MCPAuditLog::ExportFormat::jsonLines);
+    constexpr std::nullopt_t none = std::nullopt;
+    const std::string onlyZed = log->exportEntries(MCPAuditFilter{"Zed", none, none, none, none},
+                                                   MCPAuditLog::ExportFormat::jsonLines);
     EXPECT_EQ(lines(onlyZed).size(), 1u);
     EXPECT_EQ(MCPAuditLog::decode(lines(onlyZed)[0])->harness, "Zed");
 
@@ -299,7 +302,8 @@ TEST_F(MCPAuditLogTest, ExportsJsonLinesAndQuotedCsv) {
               "rate_limited,\"said \"\"hi\"\", then left\",true\r\n"
               "2026-01-31T08:15:00Z,'=HYPERLINK(1),'-tool,none,ok,plain,false\r\n"
               "2026-01-31T08:15:00Z,Zed,'@t,none,timed_out,,\r\n");
-    EXPECT_EQ(log->exportEntries({.result = MCPResult::ok}, MCPAuditLog::ExportFormat::csv),
+    EXPECT_EQ(log->exportEntries(MCPAuditFilter{none, none, none, MCPResult::ok, none},
+                                 MCPAuditLog::ExportFormat::csv),
               "time,harness,tool,account,result,summary,mail_influenced\r\n"
               "2026-01-31T08:15:00Z,'=HYPERLINK(1),'-tool,none,ok,plain,false\r\n");
     EXPECT_EQ(MCPAuditLog::rawValue(MCPAuditLog::ExportFormat::jsonLines), "jsonLines");
