@@ -76,6 +76,7 @@ char32_t decode(std::string_view text, std::size_t& pos) {
 }
 
 void append(std::string& out, char32_t cp) {
+    if ((cp >= 0xD800 && cp <= 0xDFFF) || cp > 0x10FFFF) cp = 0xFFFD;
     if (cp < 0x80) {
         out.push_back(static_cast<char>(cp));
     } else if (cp < 0x800) {

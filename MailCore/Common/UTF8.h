@@ -23,6 +23,8 @@ std::size_t safeCutBytes(std::string_view text, std::size_t maxBytes);
 // Decodes the character at `pos`; malformed bytes give U+FFFD. Advances `pos`.
 char32_t decode(std::string_view text, std::size_t& pos);
 
+// Appends the UTF-8 form of a scalar; surrogates and values above 0x10FFFF
+// are written as U+FFFD.
 void append(std::string& out, char32_t codePoint);
 
 }  // namespace mailcore::utf8
