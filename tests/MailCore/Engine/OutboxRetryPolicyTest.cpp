@@ -111,7 +111,9 @@ TEST(OutboxRetryPolicyTest, FailuresAreClassified) {
             EXPECT_EQ(d.counts, c.counts);
             EXPECT_EQ(d.notBefore, at(now + c.wait));
         }
-        if (c.kind == K::release) EXPECT_EQ(d.notBefore, at(now));
+        if (c.kind == K::release) {
+            EXPECT_EQ(d.notBefore, at(now));
+        }
     }
     auto uid = policy.onUnknownUID(claimed(OutboxOperation::Kind::setFlags, 1), at(now));
     EXPECT_EQ(uid.kind, K::retry);

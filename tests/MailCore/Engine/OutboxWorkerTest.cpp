@@ -387,8 +387,23 @@ TEST_F(OutboxWorkerTest, TwoWorkersOnTwoConnectionsNeverRunOneItem) {
         orderPerTarget[target].push_back(item.id.value);
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     };
-    executor.onExecute = record;
-    otherExecutor.onExecute = record;
+    // Neither worker gets past the executor (for up to two seconds) until
+    // the other has reached it too, so that both take part.
+    std::atomic<bool> startedA{false}, startedB{false};
+    auto meet = [](std::atomic<bool>& mine, std::atomic<bool>& theirs) {
+        mine = true;
+        for (int i = 0; i < 400 && !theirs; ++i) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+    };
+    executor.onExecute = [&](const OutboxItem& item) {
+        meet(startedA, startedB);
+        record(item);
+    };
+    otherExecutor.onExecute = [&](const OutboxItem& item) {
+        meet(startedB, startedA);
+        record(item);
+    };
     fake.advance(100);
     auto a = makeWorker(quietTuning());
     OutboxWorker b(second, otherExecutor, quietTuning(), fake.clock(), fake.sleeper(),
