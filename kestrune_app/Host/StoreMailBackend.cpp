@@ -173,35 +173,54 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
         return page;
     }
 
-    // No query text: the newest messages, filtered as asked.
-    std::string where = "m.local_state != 'pendingDelete' AND (";
-    std::vector<SQLValue> values;
-    for (std::size_t i = 0; i < scopes.size(); ++i) {
-        if (i > 0) where += " OR ";
-        where += "(m.account_id = ?";
-        values.emplace_back(scopes[i].first.value);
-        if (scopes[i].second) {
-            where += " AND m.folder_id = ?";
-            values.emplace_back(scopes[i].second->value);
-        }
-        where += ")";
+    // No query text: the newest messages, filtered as asked. Each folder is
+    // read newest first through its date index and the folders' heads are
+    // merged, so the cost follows the page, not the mailbox.
+    std::vector<FolderRecord> folders;
+    for (const auto& [account, folder] : scopes) {
+        for (auto& f : store_->folders(account))
+            if (!folder || f.id == *folder) folders.push_back(std::move(f));
     }
-    where += ")";
-    if (query.unreadOnly) where += " AND (m.flags_system & 17) = 0";
+    if (folders.empty()) return page;
+    std::string filter = "local_state != 'pendingDelete'";
+    std::vector<SQLValue> filterValues;
+    if (query.unreadOnly) filter += " AND (flags_system & 17) = 0";
     if (!from.empty()) {
-        where += " AND lower(m.from_json) LIKE ? ESCAPE '\\'";
-        values.emplace_back(likePattern(from));
+        filter += " AND lower(from_json) LIKE ? ESCAPE '\\'";
+        filterValues.emplace_back(likePattern(from));
     }
+    std::string sql;
+    std::vector<SQLValue> values;
+    for (const auto& f : folders) {
+        if (!sql.empty()) sql += " UNION ALL ";
+        sql += "SELECT id, date FROM (SELECT id, date FROM messages WHERE folder_id = ? AND " + filter +
+               " ORDER BY date DESC, id DESC LIMIT ?)";
+        values.emplace_back(f.id.value);
+        values.insert(values.end(), filterValues.begin(), filterValues.end());
+        values.emplace_back(offset + limit);
+    }
+    sql += " ORDER BY date DESC, id DESC LIMIT ? OFFSET ?";
+    values.emplace_back(limit);
+    values.emplace_back(offset);
     std::vector<MessageID> ids;
     store_->read([&](SQLiteDatabase& db) {
-        page.total = db.scalarInt("SELECT COUNT(*) FROM messages m WHERE " + where, values).value_or(0);
-        auto pageValues = values;
-        pageValues.emplace_back(limit);
-        pageValues.emplace_back(offset);
-        ids = db.query<MessageID>(
-            "SELECT m.id FROM messages m WHERE " + where +
-                " ORDER BY m.date DESC, m.id DESC LIMIT ? OFFSET ?",
-            pageValues, [](const SQLRow& row) { return row.id<MessageID>(0); });
+        ids = db.query<MessageID>(sql, values, [](const SQLRow& row) { return row.id<MessageID>(0); });
+        if (from.empty()) {
+            // The folders keep their counts.
+            for (const auto& f : folders) page.total += query.unreadOnly ? f.unreadCount : f.totalCount;
+        } else {
+            std::string in;
+            std::vector<SQLValue> countValues;
+            for (const auto& f : folders) {
+                in += in.empty() ? "?" : ", ?";
+                countValues.emplace_back(f.id.value);
+            }
+            countValues.insert(countValues.end(), filterValues.begin(), filterValues.end());
+            page.total = db.scalarInt("SELECT COUNT(*) FROM messages WHERE folder_id IN (" + in +
+                                          ") AND " + filter,
+                                      countValues)
+                             .value_or(0);
+        }
     });
     for (const auto& id : ids) {
         if (auto row = store_->message(id)) page.results.push_back(summary(*row, std::nullopt));
