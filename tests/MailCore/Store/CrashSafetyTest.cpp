@@ -97,7 +97,9 @@ TEST(CrashSafetyTest, KilledBatchIsAllOrNothing) {
         int status = 0;
         ::waitpid(pid, &status, 0);
         bool killed = WIFSIGNALED(status);
-        if (!killed) ASSERT_EQ(WEXITSTATUS(status), 0);
+        if (!killed) {
+            ASSERT_EQ(WEXITSTATUS(status), 0);
+        }
 
         SQLiteMailStore store(StoreLocation::file(path));
         Counts c = countsOf(store);
