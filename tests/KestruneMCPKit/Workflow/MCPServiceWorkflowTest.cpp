@@ -54,8 +54,9 @@ protected:
         return [this] { return now; };
     }
 
-    Json call(const std::string& tool, const std::string& arguments, const char* token = claudeToken) {
-        Json request = {{"v", 1}, {"op", "call"}, {"token", token}, {"session", "S1"}};
+    Json call(const std::string& tool, const std::string& arguments, const char* token = claudeToken,
+              const char* session = "S1") {
+        Json request = {{"v", 1}, {"op", "call"}, {"token", token}, {"session", session}};
         request["client"] = {{"name", "agent"}};
         request["name"] = tool;
         request["arguments"] = parseJson(arguments);
@@ -99,8 +100,11 @@ TEST_F(MCPServiceWorkflowTest, PreviewSeesOnlyAccountsTheUserDidNotExclude) {
     policy->mutate([](MCPState& s) { s.settings.excludedAccounts = {"work@example.org"}; });
     const Json without = parseJson(call("preview_workflow", reportSpec)["text"].get<std::string>());
     EXPECT_EQ(without["matched_count"], 0);
+    // The previews showed mail, so that session's workflow changes now need
+    // the user's approval; a fresh session checks the validation alone.
     const Json named = call("create_workflow",
-                            R"({"spec":{"name":"W","trigger":{"type":"no_reply","after_hours":24},"accounts":["work@example.org"],"actions":[{"type":"remind"}]}})");
+                            R"({"spec":{"name":"W","trigger":{"type":"no_reply","after_hours":24},"accounts":["work@example.org"],"actions":[{"type":"remind"}]}})",
+                            claudeToken, "S2");
     EXPECT_EQ(named["isError"], true);
     EXPECT_EQ(named["text"], "The workflow is not valid: Unknown account \"work@example.org\". Use list_accounts "
                              "for valid account keys.");
