@@ -1,5 +1,7 @@
 #include "MailCore/MIME/MIMEText.h"
 
+#include "MailCore/Common/UTF8.h"
+
 #include "MailCore/MIME/GMimeSupport.h"
 
 #include <algorithm>
@@ -18,23 +20,7 @@ constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
 
 void appendCodePoint(std::string& out, std::uint32_t cp) {
     if (cp == 0) return;
-    if (cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-        out += replacementCharacter;
-    } else if (cp < 0x80) {
-        out += static_cast<char>(cp);
-    } else if (cp < 0x800) {
-        out += static_cast<char>(0xC0 | (cp >> 6));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else if (cp < 0x10000) {
-        out += static_cast<char>(0xE0 | (cp >> 12));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (cp >> 18));
-        out += static_cast<char>(0x80 | ((cp >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((cp >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (cp & 0x3F));
-    }
+    mailcore::utf8::append(out, cp);
 }
 
 // Length of the valid UTF-8 sequence at `s[i]`, or 0 when it is invalid.
