@@ -1,5 +1,7 @@
 // kestrune: the application that owns the mail store and serves harnesses.
 // Every command is in the host library; this entry wires signals and output.
+#include <unistd.h>
+
 #include <csignal>
 #include <cstdio>
 #include <string>
@@ -26,6 +28,7 @@ int main(int argc, char** argv) {
     env.home = mcpkit::MCPPaths::homeDirectory();
     env.demoMessages = KESTRUNE_DEMO_DIR;
     env.stop = &stopRequested;
+    if (::isatty(STDIN_FILENO)) env.input = STDIN_FILENO;
     env.out = [](const std::string& text) { std::fprintf(stdout, "%s\n", text.c_str()); };
     env.err = [](const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); };
     const int status =

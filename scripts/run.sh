@@ -21,7 +21,7 @@ cat <<TEXT
 Kestrune runs on a demonstration mailbox in $DATA.
 Connect a harness from another terminal (claude-code, codex, cursor, ...; see --list-harnesses):
   $HELPER --install claude-code --data-dir "$DATA" --socket "$SOCKET"
-Answer the confirmations it asks for:
+Answer the confirmations it asks for by typing y or n below, or from another terminal:
   $APP confirm list --data-dir "$DATA"
   $APP confirm yes <id> --data-dir "$DATA"
 Sending is off until you allow it:  $APP permissions enable send_message --data-dir "$DATA"

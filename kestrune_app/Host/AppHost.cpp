@@ -124,17 +124,30 @@ void AppHost::start() {
         const std::string command =
             "kestrune confirm" +
             (options_.dataDir ? " --data-dir " + options_.dataDir->string() : std::string());
+        const bool here = options_.answerHere;
         if (q.kind == "undo")
-            text += "Undo with: " + command + " undo " + q.id;
+            text += here ? "Type u to undo (or: " + command + " undo " + q.id + ")"
+                         : "Undo with: " + command + " undo " + q.id;
+        else if (here)
+            text += "Type y to allow or n to refuse (or: " + command + " yes|no " + q.id + ")";
         else
             text += "Answer: " + command + " yes " + q.id + "   (or: " + command + " no " + q.id + ")";
         out_(text);
     };
     auto questions = questions_;
     const auto window = options_.undoWindow;
-    StoreMailBackend::UndoHold hold;
+    delivery_ = std::make_shared<LocalDelivery>(store_);
+    outbox_ = std::make_shared<mailcore::OutboxWorker>(*store_, *delivery_);
+    const auto recovered = outbox_->recoverAtLaunch();
+    if (recovered.requeued > 0)
+        out_("Resuming " + std::to_string(recovered.requeued) +
+             " outbox operation(s) interrupted by the last stop.");
+    outbox_->start(2, 1.0);
+    SendPath sending;
+    sending.outbox = outbox_;
+    sending.undoWindow = std::chrono::duration<double>(window).count();
     if (window.count() > 0) {
-        hold = [questions, window, show](const mcpkit::MCPOutgoing& m) {
+        sending.holdForUndo = [questions, window, show](const mcpkit::MCPOutgoing& m) {
             std::string to;
             for (const auto& a : m.to) to += (to.empty() ? "" : ", ") + a;
             const auto answer = questions->ask(
@@ -145,7 +158,7 @@ void AppHost::start() {
             return answer && *answer == PendingQuestions::undo;
         };
     }
-    backend_ = std::make_shared<StoreMailBackend>(store_, mailcore::systemClock(), hold);
+    backend_ = std::make_shared<StoreMailBackend>(store_, mailcore::systemClock(), sending);
     auto confirmer = std::make_shared<FileConfirmer>(questions_, show);
 
     audit_ = std::make_shared<mcpkit::MCPAuditLog>(storage_.auditURL);
@@ -231,6 +244,7 @@ void AppHost::stop(std::chrono::milliseconds grace) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         server_.reset();
     }
+    if (outbox_) outbox_->stop();
     if (storage_.policy) storage_.policy->setOnChange(nullptr);
     if (lockFD_ >= 0) {
         ::close(lockFD_);

@@ -28,7 +28,9 @@
 #include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Workflow/WorkflowStore.h"
+#include "MailCore/Engine/OutboxWorker.h"
 #include "kestrune_app/Host/HostPaths.h"
+#include "kestrune_app/Host/LocalDelivery.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 
@@ -40,6 +42,7 @@ struct ServeOptions {
     bool demo = false;
     std::filesystem::path demoMessages;  // the bundled .eml files
     std::chrono::milliseconds undoWindow{5000};
+    bool answerHere = false;  // questions may be answered by typing in this terminal
 };
 
 // A user's request to the running host, and its answer.
@@ -79,6 +82,8 @@ private:
     mcpkit::MCPStorage storage_;
     std::shared_ptr<mailcore::SQLiteMailStore> store_;
     std::shared_ptr<PendingQuestions> questions_;
+    std::shared_ptr<LocalDelivery> delivery_;
+    std::shared_ptr<mailcore::OutboxWorker> outbox_;  // works on store_ through delivery_
     std::shared_ptr<StoreMailBackend> backend_;
     std::shared_ptr<mcpkit::MCPAuditLog> audit_;
     std::unique_ptr<mailcore::WorkflowStore> workflows_;

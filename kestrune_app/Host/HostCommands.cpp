@@ -1,5 +1,8 @@
 #include "kestrune_app/Host/HostCommands.h"
 
+#include <poll.h>
+#include <unistd.h>
+
 #include <fstream>
 #include <map>
 #include <optional>
@@ -108,6 +111,7 @@ int serve(Context& c) {
         options.undoWindow = std::chrono::seconds(seconds);
     }
     options.demoMessages = c.env.demoMessages;
+    options.answerHere = c.env.input >= 0;
     if (auto dir = takeOption(c.args, "--demo-messages")) options.demoMessages = *dir;
     c.noMoreThan(0);
     AppHost host(options, c.env.out);
@@ -121,9 +125,30 @@ int serve(Context& c) {
     c.out("Agent access is " + onOff(state.settings.masterEnabled) +
           (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
     c.out("Ready.");
+    PendingQuestions questions(c.paths.pending);
+    int input = c.env.input;
+    std::string typed;
     while (!c.env.stop || !c.env.stop->load()) {
         host.pollControl();
-        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (input < 0) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            continue;
+        }
+        pollfd ready{input, POLLIN, 0};
+        if (::poll(&ready, 1, 100) <= 0) continue;
+        char buffer[512];
+        const ssize_t n = ::read(input, buffer, sizeof buffer);
+        if (n <= 0) {
+            input = -1;  // the terminal is gone; answers still come from `kestrune confirm`
+            continue;
+        }
+        typed.append(buffer, static_cast<std::size_t>(n));
+        for (auto end = typed.find('\n'); end != std::string::npos; end = typed.find('\n')) {
+            const std::string reply = questions.answerTyped(typed.substr(0, end));
+            typed.erase(0, end + 1);
+            if (!reply.empty()) c.out(reply);
+        }
+        if (typed.size() > 4096) typed.clear();
     }
     c.out("Stopping.");
     host.stop();

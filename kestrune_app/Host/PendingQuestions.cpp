@@ -1,5 +1,7 @@
 #include "kestrune_app/Host/PendingQuestions.h"
 
+#include <sstream>
+
 #include <algorithm>
 #include <stdexcept>
 #include <thread>
@@ -113,6 +115,28 @@ bool PendingQuestions::answer(const std::string& id, const std::string& answer,
         return false;
     }
     return true;
+}
+
+std::string PendingQuestions::answerTyped(const std::string& line) const {
+    std::istringstream words(line);
+    std::string verb, id, extra;
+    words >> verb >> id >> extra;
+    if (verb.empty()) return "";
+    static const std::pair<const char*, const char*> verbs[] = {
+        {"y", yes}, {"yes", yes}, {"n", no}, {"no", no}, {"u", undo}, {"undo", undo}};
+    const char* answerWord = nullptr;
+    for (const auto& [typed, word] : verbs)
+        if (verb == typed) answerWord = word;
+    if (!answerWord || !extra.empty()) return "Type yes, no or undo, then the question's id.";
+    if (id.empty()) {
+        const auto waiting = open();
+        if (waiting.empty()) return "No confirmation is waiting.";
+        if (waiting.size() > 1) return "Several confirmations are waiting: add the id.";
+        id = waiting.front().id;
+    }
+    std::string error;
+    if (!answer(id, answerWord, error)) return "Not answered: " + error + ".";
+    return "Answered " + id + ": " + answerWord + ".";
 }
 
 std::string renderDisplay(const mcpkit::MCPConfirmationDisplay& d) {

@@ -52,6 +52,12 @@ public:
     // or the answer is not one of yes, no, undo.
     bool answer(const std::string& id, const std::string& answer, std::string& error) const;
 
+    // An answer typed in the terminal running the application: "yes", "no"
+    // or "undo" (or "y", "n", "u"), followed by the question's id, which may
+    // be left out while only one question is open. Returns what to show the
+    // user: the answer taken or why it was not.
+    std::string answerTyped(const std::string& line) const;
+
     const std::filesystem::path& directory() const { return directory_; }
 
 private:

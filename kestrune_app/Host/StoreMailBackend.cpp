@@ -63,8 +63,8 @@ std::string likePattern(const std::string& text) {
 }  // namespace
 
 StoreMailBackend::StoreMailBackend(std::shared_ptr<SQLiteMailStore> store, Clock clock,
-                                   UndoHold holdForUndo)
-    : store_(std::move(store)), clock_(std::move(clock)), holdForUndo_(std::move(holdForUndo)) {}
+                                   SendPath sending)
+    : store_(std::move(store)), clock_(std::move(clock)), sending_(std::move(sending)) {}
 
 std::string StoreMailBackend::handle(MessageID id) { return "m" + std::to_string(id.value); }
 
@@ -299,80 +299,189 @@ void StoreMailBackend::queueFlags(MessageID id, const FlagChange& change) {
     ref.uid = fields->uid;
     ref.internetMessageID = fields->threading.messageID;
     store_->enqueueFlags(fields->accountID, ref, change, clock_());
+    kick(fields->accountID.value);
 }
 
-MessageID StoreMailBackend::fileLocal(const mcpkit::MCPOutgoing& out, FolderRole role,
-                                      const std::optional<std::string>& inReplyTo) {
-    const auto account = hostAccount(*store_, out.account);
-    if (!account) throw MCPToolError("Unknown account. Use an address from list_accounts.");
-    const Date now = clock_();
-    MessageIndexFields f;
-    f.accountID = AccountID(out.account);
-    f.folderID = folderWithRole(*store_, out.account, role);
-    std::string replyHeader;
-    if (inReplyTo) {
-        const auto original = messageID(*inReplyTo);
-        const auto fields = original ? store_->messageFields(*original) : std::nullopt;
-        if (!fields || fields->accountID.value != out.account) throw MCPToolError("Message not found.");
-        if (fields->threading.messageID) replyHeader = "<" + fields->threading.messageID->value() + ">";
+namespace {
+
+// A new Message-ID in the account's domain.
+InternetMessageID newMessageID(const std::string& account) {
+    const auto at = account.rfind('@');
+    const std::string domain = at == std::string::npos ? "kestrune.local" : account.substr(at + 1);
+    return *InternetMessageID::normalizing(makeUUID() + "@" + domain);
+}
+
+// The agent's message as the outgoing message of `account`; a draft's
+// Message-ID and reply headers stay.
+void fill(OutgoingMessage& out, const mcpkit::MCPOutgoing& in, const HostAccount& account) {
+    out.from = {{account.label == account.email ? "" : account.label, account.email}};
+    out.to = parsedAddresses(in.to);
+    out.cc = parsedAddresses(in.cc);
+    out.subject = in.subject;
+    out.textBody = in.body;
+    if (!out.messageID) out.messageID = newMessageID(account.email);
+}
+
+mcpkit::MCPOutgoing agentView(const DraftRecord& draft) {
+    mcpkit::MCPOutgoing out;
+    out.account = draft.accountID.value;
+    out.to = bare(draft.message.to);
+    out.cc = bare(draft.message.cc);
+    out.subject = draft.message.subject;
+    out.body = draft.message.textBody;
+    return out;
+}
+
+}  // namespace
+
+std::string StoreMailBackend::draftHandle(const DraftID& id) { return "d" + id.value; }
+
+std::optional<DraftID> StoreMailBackend::draftID(const std::string& handle) {
+    if (handle.size() != 37 || handle[0] != 'd') return std::nullopt;
+    for (std::size_t i = 1; i < handle.size(); ++i) {
+        const char c = handle[i];
+        if (!std::isxdigit(static_cast<unsigned char>(c)) && c != '-') return std::nullopt;
     }
-    f.threading = ThreadingKeys::fromHeaders("<" + makeUUID() + "@kestrune.local>", replyHeader,
-                                             replyHeader, out.subject);
-    f.subject = out.subject;
-    f.from = {{account->label == account->email ? "" : account->label, account->email}};
-    f.to = parsedAddresses(out.to);
-    f.cc = parsedAddresses(out.cc);
-    f.date = now;
-    f.internalDate = now;
-    f.flags.system = MessageFlags::seen | (role == FolderRole::drafts ? std::int64_t{MessageFlags::draft} : std::int64_t{0});
-    f.size = static_cast<std::int64_t>(out.body.size());
-    f.snippet = out.body.substr(0, 200);
-    StoredBody body;
-    body.text = out.body;
-    body.fetchedAt = now;
-    body.bytes = f.size;
-    return store_->write([&](SQLiteDatabase&) {
-        const MessageID id = store_->upsertSync({f}).front();
-        store_->saveBody(id, body);
-        return id;
+    return DraftID(handle.substr(1));
+}
+
+void StoreMailBackend::kick(const std::string& account) {
+    if (sending_.outbox) sending_.outbox->kickOutbox(AccountID(account));
+}
+
+void StoreMailBackend::keepDraft(const DraftRecord& draft) {
+    store_->write([&](SQLiteDatabase&) {
+        store_->saveDraft(draft);
+        store_->enqueue(draft.accountID, OutboxOperation::saveDraft(draft.id, draft.message), clock_());
     });
+    kick(draft.accountID.value);
 }
 
 std::string StoreMailBackend::saveDraft(const mcpkit::MCPOutgoing& outgoing,
                                         const std::optional<std::string>& inReplyTo) {
-    return handle(fileLocal(outgoing, FolderRole::drafts, inReplyTo));
+    const auto account = hostAccount(*store_, outgoing.account);
+    if (!account) throw MCPToolError("Unknown account. Use an address from list_accounts.");
+    DraftRecord draft;
+    draft.id = DraftID(makeUUID());
+    draft.accountID = AccountID(account->email);
+    draft.updatedAt = clock_();
+    fill(draft.message, outgoing, *account);
+    if (inReplyTo) {
+        const auto original = messageID(*inReplyTo);
+        const auto fields = original ? store_->messageFields(*original) : std::nullopt;
+        if (!fields || fields->accountID.value != account->email) throw MCPToolError("Message not found.");
+        draft.sourceMessageID = *original;
+        const auto& parent = fields->threading;
+        if (parent.messageID) {
+            draft.message.inReplyTo = {*parent.messageID};
+            draft.message.references = parent.references.empty() ? parent.inReplyTo : parent.references;
+            draft.message.references.push_back(*parent.messageID);
+        }
+    }
+    keepDraft(draft);
+    return draftHandle(draft.id);
+}
+
+std::optional<DraftRecord> StoreMailBackend::draftRecord(const std::string& handle,
+                                                         const std::optional<std::string>& account) {
+    if (const auto id = draftID(handle)) {
+        auto record = store_->draft(*id);
+        if (!record || (account && record->accountID.value != *account)) return std::nullopt;
+        return record;
+    }
+    // A message filed in a Drafts folder.
+    const auto mid = messageID(handle);
+    const auto fields = mid ? store_->messageFields(*mid) : std::nullopt;
+    if (!fields || (account && fields->accountID.value != *account)) return std::nullopt;
+    const auto folder = store_->folder(fields->folderID);
+    if (!folder || folder->role != FolderRole::drafts) return std::nullopt;
+    DraftRecord record;
+    record.id = DraftID(makeUUID());
+    record.accountID = fields->accountID;
+    record.updatedAt = clock_();
+    auto& m = record.message;
+    m.messageID = fields->threading.messageID;
+    m.from = fields->from;
+    m.to = fields->to;
+    m.cc = fields->cc;
+    m.replyTo = fields->replyTo;
+    m.subject = fields->subject;
+    m.inReplyTo = fields->threading.inReplyTo;
+    m.references = fields->threading.references;
+    if (auto body = store_->body(*mid)) m.textBody = body->text.value_or("");
+    // A copy saved from a draft record sends as that draft.
+    if (m.messageID) {
+        for (auto& saved : store_->drafts(fields->accountID)) {
+            if (saved.message.messageID &&
+                saved.message.messageID->normalizedKey() == m.messageID->normalizedKey())
+                return saved;
+        }
+    }
+    return record;
 }
 
 std::optional<mcpkit::MCPOutgoing> StoreMailBackend::draft(const std::string& id) {
-    const auto mid = messageID(id);
-    const auto fields = mid ? store_->messageFields(*mid) : std::nullopt;
-    if (!fields) return std::nullopt;
-    const auto folder = store_->folder(fields->folderID);
-    if (!folder || folder->role != FolderRole::drafts) return std::nullopt;
-    mcpkit::MCPOutgoing out;
-    out.account = fields->accountID.value;
-    out.to = bare(fields->to);
-    out.cc = bare(fields->cc);
-    out.subject = fields->subject;
-    if (auto body = store_->body(*mid)) out.body = body->text.value_or("");
-    return out;
+    const auto record = draftRecord(id, std::nullopt);
+    if (!record) return std::nullopt;
+    return agentView(*record);
 }
 
 mcpkit::MCPSendDelivery StoreMailBackend::send(const mcpkit::MCPOutgoing& message,
-                                               const std::optional<std::string>& draftID) {
+                                               const std::optional<std::string>& draftHandle) {
     const auto account = hostAccount(*store_, message.account);
     if (!account) throw MCPToolError("Unknown account. Use an address from list_accounts.");
-    if (holdForUndo_ && holdForUndo_(message)) {
-        // Undone: the message stays (or is kept) in Drafts.
-        if (!draftID || !draft(*draftID)) fileLocal(message, FolderRole::drafts, std::nullopt);
-        return mcpkit::MCPSendDelivery::undone;
+    const auto& outbox = sending_.outbox;
+    if (!outbox) return mcpkit::MCPSendDelivery::failed;
+    const auto draft = draftHandle ? draftRecord(*draftHandle, account->email) : std::nullopt;
+    if (draftHandle && !draft) throw MCPToolError("Draft not found.");
+
+    OutboxSend send;
+    if (draft) {
+        send.message = draft->message;
+        send.draftID = draft->id;
     }
-    if (!account->demo) return mcpkit::MCPSendDelivery::failed;
-    store_->write([&](SQLiteDatabase&) {
-        fileLocal(message, FolderRole::sent, std::nullopt);
-        if (draftID && draft(*draftID)) store_->purgeMessage(*messageID(*draftID));
-    });
-    return mcpkit::MCPSendDelivery::sent;
+    fill(send.message, message, *account);
+    const AccountID accountID(account->email);
+    // Kept as a draft when the send does not go out: the user's message is
+    // never lost.
+    auto keep = [&](const OutboxSend& s) {
+        DraftRecord kept;
+        kept.id = s.draftID.value_or(DraftID(makeUUID()));
+        kept.accountID = accountID;
+        kept.message = s.message;
+        kept.sourceMessageID = draft ? draft->sourceMessageID : std::nullopt;
+        kept.updatedAt = clock_();
+        keepDraft(kept);
+    };
+
+    const auto item = outbox->enqueueSend(accountID, send, sending_.undoWindow);
+    if (sending_.holdForUndo && sending_.holdForUndo(message)) {
+        try {
+            // The answer may arrive a moment after the window's end; a send
+            // that has not started yet can still be taken back.
+            keep(outbox->cancelSend(item.id, sending_.undoWindow + 1.0));
+            return mcpkit::MCPSendDelivery::undone;
+        } catch (const MailError&) {
+            // Too late: the send is on its way.
+        }
+    }
+    // The window is over (or the user let the send go early): it is due now.
+    store_->reschedule(item.id, clock_());
+    outbox->kickOutbox(accountID);
+    outbox->drainOutbox(accountID, sending_.sendWait);
+    const auto row = store_->outboxItem(item.id);
+    if (!row) return mcpkit::MCPSendDelivery::sent;
+    if (row->item.state != OutboxItemState::inFlight) {
+        // Failed for good, or waiting for a later retry: take it back so
+        // that it cannot go out after the agent was told it failed.
+        try {
+            store_->cancel(item.id);
+            keep(row->item.operation.sendPayload());
+        } catch (const MailError&) {
+            // Started meanwhile; its outcome is not known here.
+        }
+    }
+    return mcpkit::MCPSendDelivery::failed;
 }
 
 }  // namespace kestrune

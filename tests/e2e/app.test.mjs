@@ -101,7 +101,7 @@ await step("the app not running: the agent is told how to start it", async () =>
   await client.close();
 });
 
-const app = spawn(kestrune, ["serve", "--demo", "--undo-seconds", "1", "--data-dir", dataDir], {
+const app = spawn(kestrune, ["serve", "--demo", "--undo-seconds", "3", "--data-dir", dataDir], {
   stdio: ["ignore", "pipe", "inherit"],
   env: { ...process.env, HOME: home },
 });
@@ -209,6 +209,30 @@ await step("the audit log shows exactly what happened", async () => {
   assert.ok(entries.some((e) => e.tool === "read_message" && e.result === "denied"));
   const csv = cli("audit", "--format", "csv", "--tool", "send_message");
   assert.equal(csv.trim().split("\r\n").length, 3);
+});
+
+await step("a draft sent, undone in the window, stays in Drafts until sent again", async () => {
+  const folder = async (name) => json(await call(client, "search_messages", { folder: name, limit: 10 })).results.map((m) => m.subject);
+  const saving = call(client, "create_draft", { account: "alex@example.com", to: ["sam@northwind.example"], subject: "Venue for Friday", body: "The terrace room is free." });
+  // The session has read mail, so saving may need the user's yes.
+  if ((await Promise.race([saving, new Promise((res) => setTimeout(() => res(null), 500))])) === null) await answerNext("write", "yes");
+  const saved = await saving;
+  assert.equal(saved.isError, false, saved.text);
+  const draftId = saved.text.match(/draft_id: (\S+)/)[1];
+
+  const first = call(client, "send_message", { draft_id: draftId });
+  await answerNext("send", "yes");
+  await answerNext("undo", "undo");
+  assert.equal((await first).text, "The user confirmed, then pressed Undo. Nothing was sent; the message is in Drafts.");
+  for (let i = 0; i < 100 && !(await folder("drafts")).includes("Venue for Friday"); i++) await new Promise((r) => setTimeout(r, 50));
+  assert.deepEqual(await folder("drafts"), ["Venue for Friday"]);
+  assert.ok(!(await folder("sent")).includes("Venue for Friday"));
+
+  const second = call(client, "send_message", { draft_id: draftId });
+  await answerNext("send", "yes");
+  assert.equal((await second).text, "Sent after the user confirmed.");
+  assert.deepEqual(await folder("drafts"), []);
+  assert.ok((await folder("sent")).includes("Venue for Friday"));
 });
 
 await step("a revoked harness is refused", async () => {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -95,6 +96,57 @@ TEST(PendingQuestionsTest, RefusesBadAnswers) {
         EXPECT_FALSE(questions.answer(id, answer, error)) << id << " " << answer;
         EXPECT_FALSE(error.empty());
     }
+}
+
+TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
+    // `serve` reading its terminal: a typed "y" answers the only open
+    // question; other lines get a clear reply and answer nothing.
+    testing::TempDir dir;
+    int pipeFDs[2];
+    ASSERT_EQ(::pipe(pipeFDs), 0);
+    std::atomic<bool> stop{false};
+    std::mutex lock;
+    std::vector<std::string> out;
+    HostCommands::Environment env;
+    env.home = dir.path / "home";
+    env.input = pipeFDs[0];
+    env.stop = &stop;
+    env.out = [&](const std::string& t) {
+        std::lock_guard guard(lock);
+        out.push_back(t);
+    };
+    env.err = env.out;
+    auto serving = std::async(std::launch::async, [&] {
+        return HostCommands::run({"serve", "--data-dir", dir.path.string()}, env);
+    });
+    auto type = [&](const std::string& line) {
+        ASSERT_EQ(::write(pipeFDs[1], line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    };
+    auto said = [&](const std::string& text) {
+        for (int i = 0; i < 500; ++i) {
+            {
+                std::lock_guard guard(lock);
+                if (std::find(out.begin(), out.end(), text) != out.end()) return true;
+            }
+            std::this_thread::sleep_for(10ms);
+        }
+        return false;
+    };
+    ASSERT_TRUE(said("Ready."));
+    type("y\n");
+    EXPECT_TRUE(said("No confirmation is waiting."));
+    type("maybe later\n");
+    EXPECT_TRUE(said("Type yes, no or undo, then the question's id."));
+
+    PendingQuestions questions(HostPaths::make(dir.path, env.home).pending, 5ms);
+    auto asked = std::async(std::launch::async, [&] {
+        return questions.ask("send", "Send?\n", 10s, [&](const PendingQuestion&) { type("y"); type("es\n"); });
+    });
+    EXPECT_EQ(asked.get(), std::optional<std::string>("yes"));
+    stop = true;
+    EXPECT_EQ(serving.get(), 0);
+    ::close(pipeFDs[0]);
+    ::close(pipeFDs[1]);
 }
 
 struct CommandTest : ::testing::Test {

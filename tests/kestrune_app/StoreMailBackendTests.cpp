@@ -4,6 +4,7 @@
 
 #include "AppTestSupport.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "kestrune_app/Host/LocalDelivery.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 
@@ -23,8 +24,12 @@ struct BackendTest : ::testing::Test {
     std::shared_ptr<SQLiteMailStore> store =
         std::make_shared<SQLiteMailStore>(StoreLocation::file((dir.path / "mail.sqlite").string()));
     bool undo = false;
+    LocalDelivery delivery{store};
+    // The outbox runs on the calling thread (no background threads here).
+    std::shared_ptr<OutboxWorker> outbox = std::make_shared<OutboxWorker>(*store, delivery);
     std::shared_ptr<StoreMailBackend> backend = std::make_shared<StoreMailBackend>(
-        store, fixedNow, [this](const mcpkit::MCPOutgoing&) { return undo; });
+        store, fixedNow,
+        SendPath{outbox, 0, 5, [this](const mcpkit::MCPOutgoing&) { return undo; }});
     std::vector<MessageID> ids;
 
     void SetUp() override {
@@ -163,33 +168,105 @@ TEST_F(BackendTest, WritesApplyLocallyAndQueueForTheServer) {
                  mcpkit::MCPToolError);
 }
 
-TEST_F(BackendTest, DraftsSendsAndTheUndoWindow) {
+TEST_F(BackendTest, DraftsSendsAndTheUndoWindowGoThroughTheOutbox) {
+    const AccountID alex("alex@example.com");
+    auto inFolder = [&](const char* folder) {
+        outbox->drainOutbox(alex, 5);
+        return subjects(backend->search({{"alex@example.com"}, "", folder}));
+    };
+    // A reply draft: a draft record, and its copy filed in Drafts by the
+    // outbox, threaded with the message it answers.
     const mcpkit::MCPOutgoing out{"alex@example.com", {"priya@northwind.example"}, {}, "Thursday", "See you."};
     const std::string draftID = backend->saveDraft(out, StoreMailBackend::handle(ids[0]));
+    ASSERT_TRUE(StoreMailBackend::draftID(draftID)) << draftID;
     EXPECT_EQ(backend->draft(draftID), out);
-    EXPECT_FALSE(backend->draft(StoreMailBackend::handle(ids[0])));  // not a draft
+    EXPECT_EQ(inFolder("drafts"), std::vector<std::string>{"Thursday"});
+    const auto copy = backend->search({{"alex@example.com"}, "", "drafts"}).results.at(0);
+    EXPECT_EQ(store->message(*StoreMailBackend::messageID(copy.id))->threadID,
+              store->message(ids[0])->threadID);
+    EXPECT_FALSE(backend->draft(StoreMailBackend::handle(ids[0])));  // not in Drafts
     EXPECT_THROW(backend->saveDraft(out, std::string("m0")), mcpkit::MCPToolError);
 
+    // Undone in the window: nothing is sent and the message is kept as a draft.
     undo = true;
-    EXPECT_EQ(backend->send(out, std::nullopt), mcpkit::MCPSendDelivery::undone);
-    EXPECT_EQ(backend->search({{"alex@example.com"}, "", "drafts"}).total, 2);
+    const mcpkit::MCPOutgoing note{"alex@example.com", {"sam@northwind.example"}, {}, "Venue", "Terrace."};
+    EXPECT_EQ(backend->send(note, std::nullopt), mcpkit::MCPSendDelivery::undone);
+    EXPECT_EQ(inFolder("drafts"), (std::vector<std::string>{"Venue", "Thursday"}));
+    EXPECT_EQ(store->drafts(alex).size(), 2u);
+    EXPECT_TRUE(inFolder("sent").empty());
 
+    // Sent by its draft handle: filed in Sent as composed, draft and copy gone.
     undo = false;
     EXPECT_EQ(backend->send(out, draftID), mcpkit::MCPSendDelivery::sent);
     EXPECT_FALSE(backend->draft(draftID));
-    const auto sent = backend->search({{"alex@example.com"}, "", "sent"});
-    ASSERT_EQ(sent.total, 1);
-    EXPECT_EQ(sent.results[0].subject, "Thursday");
-    const auto copy = backend->message(sent.results[0].id, std::nullopt);
-    EXPECT_EQ(copy->to, out.to);
-    EXPECT_EQ(copy->bodyText, "See you.");
+    EXPECT_EQ(inFolder("sent"), std::vector<std::string>{"Thursday"});
+    EXPECT_EQ(inFolder("drafts"), std::vector<std::string>{"Venue"});
+    const auto sent = backend->search({{"alex@example.com"}, "", "sent"}).results.at(0);
+    const auto sentCopy = backend->message(sent.id, std::nullopt);
+    EXPECT_EQ(sentCopy->to, out.to);
+    EXPECT_EQ(sentCopy->bodyText, "See you.\n");
+    EXPECT_EQ(store->message(*StoreMailBackend::messageID(sent.id))->threadID,
+              store->message(ids[0])->threadID);
 
-    // An account without a transport in this build: nothing is filed as sent.
-    const mcpkit::MCPOutgoing work{"work@example.org", {"a@example.org"}, {}, "Hi", "Hello"};
-    EXPECT_EQ(backend->send(work, std::nullopt), mcpkit::MCPSendDelivery::failed);
+    // A message in the Drafts folder sends as the draft it is a copy of.
+    const auto venue = backend->search({{"alex@example.com"}, "", "drafts"}).results.at(0);
+    EXPECT_EQ(backend->draft(venue.id), note);
+    EXPECT_EQ(backend->send(note, venue.id), mcpkit::MCPSendDelivery::sent);
+    EXPECT_TRUE(inFolder("drafts").empty());
+    EXPECT_TRUE(store->drafts(alex).empty());
+    EXPECT_EQ(inFolder("sent"), (std::vector<std::string>{"Venue", "Thursday"}));
+    EXPECT_TRUE(store->outboxItems(alex).empty());
+
+    // An account without an outgoing server: the send fails and the message
+    // is kept as a draft, with nothing left to go out later.
+    const AccountID work("work@example.org");
+    const mcpkit::MCPOutgoing hello{"work@example.org", {"a@example.org"}, {}, "Hi", "Hello"};
+    EXPECT_EQ(backend->send(hello, std::nullopt), mcpkit::MCPSendDelivery::failed);
+    ASSERT_EQ(store->drafts(work).size(), 1u);
+    EXPECT_EQ(store->drafts(work)[0].message.subject, "Hi");
+    outbox->drainOutbox(work, 5);
+    for (const auto& row : store->outboxItems(work))
+        EXPECT_NE(row.item.operation.kind(), OutboxOperation::Kind::send);
     EXPECT_EQ(backend->search({{"work@example.org"}, "", "sent"}).total, 0);
+
     EXPECT_THROW(backend->send({"nobody@example.com", {"a@b.c"}, {}, "", ""}, std::nullopt),
                  mcpkit::MCPToolError);
+    EXPECT_THROW(backend->send(out, std::string("d00000000-0000-0000-0000-000000000000")),
+                 mcpkit::MCPToolError);
+}
+
+TEST_F(BackendTest, AnInterruptedSendIsDeliveredExactlyOnce) {
+    // The app stopped in the middle of a send, before or after the message
+    // was filed in Sent: at the next launch it is verified, then sent only
+    // if it did not go out.
+    const AccountID alex("alex@example.com");
+    for (const bool deliveredBeforeTheStop : {false, true}) {
+        OutboxSend send;
+        send.message.messageID = InternetMessageID::normalizing(deliveredBeforeTheStop ? "a@example.com" : "b@example.com");
+        send.message.from = {{"", "alex@example.com"}};
+        send.message.to = {{"", "sam@northwind.example"}};
+        send.message.subject = deliveredBeforeTheStop ? "Delivered" : "Not yet";
+        send.message.textBody = "Body";
+        store->enqueue(alex, OutboxOperation::send(send), systemClock()());
+        const auto claimed = store->claimNextDue(systemClock()(), alex);
+        ASSERT_TRUE(claimed);
+        if (deliveredBeforeTheStop) {
+            // Carrying it out again files nothing more.
+            for (int i = 0; i < 2; ++i)
+                ASSERT_EQ(delivery.execute(claimed->item).kind, OutboxResult::Kind::done);
+        }
+        EXPECT_EQ(delivery.verifySent(claimed->item),
+                  deliveredBeforeTheStop ? SentState::sent : SentState::notSent);
+
+        EngineTuning tuning;
+        tuning.sentVerifyDelay = 0;
+        OutboxWorker relaunched(*store, delivery, tuning);
+        EXPECT_EQ(relaunched.recoverAtLaunch().heldSends, 1u);
+        relaunched.runDue(alex);
+        EXPECT_TRUE(store->outboxItems(alex).empty());
+        EXPECT_EQ(delivery.copiesIn("alex@example.com", FolderRole::sent, *send.message.messageID).size(), 1u)
+            << send.message.subject;
+    }
 }
 
 TEST_F(BackendTest, AClosedStoreFailsInsteadOfAnsweringEmpty) {
