@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "KestruneMCPKit/Installer/MCPInstallError.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace fs = std::filesystem;
 
@@ -111,46 +112,8 @@ std::optional<std::pair<std::string, unsigned long>> backupKey(const std::string
 
 }  // namespace
 
-bool isValidUTF8(std::string_view bytes) {
-    std::size_t i = 0;
-    const std::size_t n = bytes.size();
-    while (i < n) {
-        auto c = static_cast<unsigned char>(bytes[i]);
-        if (c < 0x80) {
-            ++i;
-            continue;
-        }
-        std::size_t length;
-        char32_t value;
-        if (c >= 0xC2 && c <= 0xDF) {
-            length = 2;
-            value = c & 0x1F;
-        } else if (c >= 0xE0 && c <= 0xEF) {
-            length = 3;
-            value = c & 0x0F;
-        } else if (c >= 0xF0 && c <= 0xF4) {
-            length = 4;
-            value = c & 0x07;
-        } else {
-            return false;
-        }
-        if (n - i < length) return false;
-        for (std::size_t k = 1; k < length; ++k) {
-            auto cc = static_cast<unsigned char>(bytes[i + k]);
-            if ((cc & 0xC0) != 0x80) return false;
-            value = (value << 6) | (cc & 0x3F);
-        }
-        if ((length == 3 && value < 0x800) || (length == 4 && value < 0x10000) ||
-            value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
-            return false;
-        }
-        i += length;
-    }
-    return true;
-}
-
 void checkText(std::string_view bytes) {
-    if (!isValidUTF8(bytes)) throw MCPInstallError::unreadable("not readable as UTF-8");
+    if (!mailcore::utf8::isValid(bytes)) throw MCPInstallError::unreadable("not readable as UTF-8");
     if (bytes.find('\0') != std::string_view::npos) {
         throw MCPInstallError::unreadable("not a text file (contains NUL bytes)");
     }

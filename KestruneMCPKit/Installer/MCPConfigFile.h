@@ -22,10 +22,6 @@ namespace mcpkit::MCPConfigFile {
 // Configuration files larger than this are refused unread.
 inline constexpr std::size_t maxBytes = 32 * 1024 * 1024;
 
-// Whether `bytes` is well-formed UTF-8 (no overlong forms, surrogates or
-// values above U+10FFFF).
-bool isValidUTF8(std::string_view bytes);
-
 // Throws MCPInstallError::unreadable("not readable as UTF-8") or
 // unreadable("not a text file (contains NUL bytes)").
 void checkText(std::string_view bytes);

@@ -5,6 +5,7 @@
 
 #include "KestruneMCPKit/Installer/MCPConfigFile.h"
 #include "KestruneMCPKit/Installer/MCPInstallError.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mcpkit::TOMLBlock {
 
@@ -36,24 +37,6 @@ struct Statement {
 };
 
 class ParseFailure {};
-
-void appendUTF8(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out += static_cast<char>(c);
-    } else if (c < 0x800) {
-        out += static_cast<char>(0xC0 | (c >> 6));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else if (c < 0x10000) {
-        out += static_cast<char>(0xE0 | (c >> 12));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    } else {
-        out += static_cast<char>(0xF0 | (c >> 18));
-        out += static_cast<char>(0x80 | ((c >> 12) & 0x3F));
-        out += static_cast<char>(0x80 | ((c >> 6) & 0x3F));
-        out += static_cast<char>(0x80 | (c & 0x3F));
-    }
-}
 
 bool isBareKeyChar(char c) {
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '_' ||
@@ -256,13 +239,13 @@ private:
                 out += '\\';
                 break;
             case 'x':
-                appendUTF8(out, parseHex(2));
+                mailcore::utf8::append(out, parseHex(2));
                 break;
             case 'u':
-                appendUTF8(out, parseHex(4));
+                mailcore::utf8::append(out, parseHex(4));
                 break;
             case 'U':
-                appendUTF8(out, parseHex(8));
+                mailcore::utf8::append(out, parseHex(8));
                 break;
             default:
                 fail();
@@ -588,7 +571,7 @@ std::string keyText(const std::string& key) {
 }  // namespace
 
 std::string quote(std::string_view value) {
-    if (!MCPConfigFile::isValidUTF8(value)) throw MCPInstallError::io("could not serialize");
+    if (!mailcore::utf8::isValid(value)) throw MCPInstallError::io("could not serialize");
     std::string out = "\"";
     for (char c : value) {
         auto u = static_cast<unsigned char>(c);

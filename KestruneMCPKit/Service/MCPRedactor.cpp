@@ -93,29 +93,6 @@ bool dropped(char32_t c) {
     return false;
 }
 
-// The scalar at `pos` (U+FFFD for a malformed byte), advancing `pos`.
-char32_t nextScalar(std::string_view text, std::size_t& pos) {
-    return mailcore::utf8::decode(text, pos);
-}
-
-void appendScalar(std::string& out, char32_t c) {
-    if (c < 0x80) {
-        out.push_back(static_cast<char>(c));
-    } else if (c < 0x800) {
-        out.push_back(static_cast<char>(0xC0 | (c >> 6)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else if (c < 0x10000) {
-        out.push_back(static_cast<char>(0xE0 | (c >> 12)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    } else {
-        out.push_back(static_cast<char>(0xF0 | (c >> 18)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-        out.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-    }
-}
-
 // Malformed bytes become U+FFFD, and the characters that the final filter
 // drops (other than CR, LF and tab, which the last replacement turns into a
 // space) are dropped already here: otherwise a control character inside a
@@ -125,9 +102,9 @@ std::string prepared(std::string_view text) {
     out.reserve(text.size());
     std::size_t pos = 0;
     while (pos < text.size()) {
-        char32_t c = nextScalar(text, pos);
+        char32_t c = mailcore::utf8::decode(text, pos);
         if (dropped(c) && c != '\r' && c != '\n' && c != '\t') continue;
-        appendScalar(out, c);
+        mailcore::utf8::append(out, c);
     }
     return out;
 }
@@ -150,13 +127,13 @@ std::string scrub(std::string_view text, std::size_t limit) {
     bool cut = false;
     std::size_t pos = 0;
     while (pos < current.size()) {
-        char32_t c = nextScalar(current, pos);
+        char32_t c = mailcore::utf8::decode(current, pos);
         if (dropped(c)) continue;
         if (characters == limit) {
             cut = true;
             break;
         }
-        appendScalar(out, c);
+        mailcore::utf8::append(out, c);
         ++characters;
     }
     if (cut) out += "...";

@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "MailCore/AI/SanitizerPatterns.h"
-#include "MailCore/AI/UTF8Text.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
@@ -156,15 +156,15 @@ AIContentSanitizerOptions AIContentSanitizerOptions::standard(std::int64_t remai
 }
 
 std::int64_t AIContentSanitizer::estimatedTokens(std::string_view text) {
-    return static_cast<std::int64_t>((utf8text::characterCount(text) + 3) / 4);
+    return static_cast<std::int64_t>((utf8::characterCount(text) + 3) / 4);
 }
 
 SanitizedText AIContentSanitizer::sanitize(std::string_view input,
                                            const AIContentSanitizerOptions& options,
                                            AIContentFormat format) {
     // 1. Input cap (invalid UTF-8 is repaired on the way).
-    std::string text =
-        utf8text::repairedPrefix(input, std::max<std::int64_t>(options.maxInputCharacters, 0));
+    std::string text = utf8::repaired(utf8::prefix(
+        input, static_cast<std::size_t>(std::max<std::int64_t>(options.maxInputCharacters, 0))));
     // 2. Control characters.
     text = stripControlCharacters(text);
     // 3. HTML to text.
@@ -212,14 +212,14 @@ std::string AIContentSanitizer::stripControlCharacters(std::string_view text) {
             ++pos;
             continue;
         }
-        std::size_t next = 0;
-        char32_t scalar = utf8text::decodeAt(text, pos, next);
+        std::size_t next = pos;
+        char32_t scalar = utf8::decode(text, next);
         if (scalar == 0x2028 || scalar == 0x2029) {
             out.push_back('\n');
         } else if (scalar >= 0x80 && scalar <= 0x9F) {
             // C1 controls: dropped
         } else if (scalar == 0xFFFD && next == pos + 1) {
-            out.append("\xEF\xBF\xBD");  // an invalid byte reaching a step directly
+            out.append(utf8::replacementCharacter);  // an invalid byte reaching a step directly
         } else {
             out.append(text.substr(pos, next - pos));
         }
@@ -412,23 +412,26 @@ std::string AIContentSanitizer::collapseBlankLines(std::string_view text) {
 SanitizedText AIContentSanitizer::truncateHeadTail(std::string_view text, std::int64_t limit,
                                                    double headFraction) {
     limit = std::max<std::int64_t>(limit, 0);
-    std::size_t length = utf8text::characterCount(text);
+    std::size_t length = utf8::characterCount(text);
     if (static_cast<std::uint64_t>(length) <= static_cast<std::uint64_t>(limit)) {
         return SanitizedText{std::string(text), false};
     }
     if (std::isnan(headFraction)) headFraction = 0.7;
     headFraction = std::clamp(headFraction, 0.0, 1.0);
     const std::size_t budget = static_cast<std::size_t>(limit);
-    const std::size_t markerLength = utf8text::characterCount(truncationMarker);
+    const std::size_t markerLength = utf8::characterCount(truncationMarker);
 
+    // Byte offsets after the first / before the last `n` characters.
+    auto headOffset = [&](std::size_t n) { return utf8::prefix(text, n).size(); };
+    auto tailOffset = [&](std::size_t n) { return text.size() - utf8::suffix(text, n).size(); };
     auto isSpaceAt = [&](std::size_t offset) {
         return offset < text.size() && isWhitespace(static_cast<unsigned char>(text[offset]));
     };
     auto headCut = [&](std::size_t characters) {
-        std::size_t cut = utf8text::offsetAfterCharacters(text, characters);
+        std::size_t cut = headOffset(characters);
         if (cut < text.size() && !isSpaceAt(cut)) {
-            std::size_t floor = utf8text::offsetAfterCharacters(
-                text, characters > wordSnapCharacters ? characters - wordSnapCharacters : 0);
+            std::size_t floor =
+                headOffset(characters > wordSnapCharacters ? characters - wordSnapCharacters : 0);
             std::size_t space = text.find_last_of(" \t\n", cut);
             if (space != std::string_view::npos && space >= floor && space > 0) cut = space;
         }
@@ -445,11 +448,11 @@ SanitizedText AIContentSanitizer::truncateHeadTail(std::string_view text, std::i
     const std::size_t tailCharacters = available - headCharacters;
 
     std::string_view head = text.substr(0, headCut(headCharacters));
-    std::size_t tailStart = utf8text::offsetOfLastCharacters(text, tailCharacters);
+    std::size_t tailStart = tailOffset(tailCharacters);
     if (tailCharacters == 0) tailStart = text.size();
     if (tailStart > 0 && tailStart < text.size() && !isSpaceAt(tailStart - 1)) {
-        std::size_t limitOffset = utf8text::offsetOfLastCharacters(
-            text, tailCharacters > wordSnapCharacters ? tailCharacters - wordSnapCharacters : 0);
+        std::size_t limitOffset = tailOffset(
+            tailCharacters > wordSnapCharacters ? tailCharacters - wordSnapCharacters : 0);
         std::size_t space = text.find_first_of(" \t\n", tailStart);
         if (space != std::string_view::npos && space < limitOffset) tailStart = space;
     }

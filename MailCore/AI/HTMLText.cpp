@@ -6,7 +6,7 @@
 
 #include "MailCore/AI/AIContentSanitizer.h"
 #include "MailCore/AI/SanitizerPatterns.h"
-#include "MailCore/AI/UTF8Text.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
@@ -124,8 +124,8 @@ std::string tidyLines(std::string_view text) {
     };
     std::size_t pos = 0;
     while (pos < text.size()) {
-        std::size_t next = 0;
-        char32_t c = utf8text::decodeAt(text, pos, next);
+        std::size_t next = pos;
+        char32_t c = utf8::decode(text, next);
         if (c == '\n') {
             flushLine();
             out.push_back('\n');
@@ -200,12 +200,12 @@ constexpr std::array<char32_t, 32> windows1252{
 void appendReference(std::string& out, std::uint32_t value) {
     if (value == '\t' || value == '\n') {
         out.push_back(static_cast<char>(value));
-    } else if (value == 0 || value > 0x10FFFF || (value >= 0xD800 && value <= 0xDFFF)) {
-        utf8text::append(out, 0xFFFD);
+    } else if (value == 0) {
+        utf8::append(out, 0xFFFD);
     } else if (value >= 0x80 && value <= 0x9F) {
-        if (char32_t mapped = windows1252[value - 0x80]) utf8text::append(out, mapped);
+        if (char32_t mapped = windows1252[value - 0x80]) utf8::append(out, mapped);
     } else if (value >= 0x20 && value != 0x7F) {
-        utf8text::append(out, value);
+        utf8::append(out, value);  // U+FFFD for surrogates and values past U+10FFFF
     }
 }
 
@@ -311,7 +311,7 @@ std::string AIContentSanitizer::decodeEntities(std::string_view text) {
             bool bareAllowed =
                 name == "amp" || name == "lt" || name == "gt" || name == "quot" || name == "nbsp";
             if (found != named.end() && (terminated || bareAllowed)) {
-                utf8text::append(decoded, found->second);
+                utf8::append(decoded, found->second);
                 end = terminated ? i + 1 : i;
                 matched = true;
             }

@@ -4,7 +4,7 @@
 
 #include "MailCore/AI/AIContentSanitizer.h"
 #include "MailCore/AI/SanitizerPatterns.h"
-#include "MailCore/AI/UTF8Text.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
@@ -238,7 +238,7 @@ std::string AIContentSanitizer::redact(std::string_view input) {
     const SanitizerPatterns& patterns = SanitizerPatterns::shared();
     // Invalid bytes would stop a pattern midway (PCRE2 matches around them, not
     // across them), so an unterminated key followed by one would survive.
-    std::string repaired = utf8text::repairedPrefix(input, static_cast<std::int64_t>(input.size()));
+    std::string repaired = utf8::repaired(input);
     std::string text = replaceAll(
         patterns.privateKey, repaired,
         [](const PCRE2Pattern::Match&) { return Replacement(std::string(privateKeyRedacted)); },

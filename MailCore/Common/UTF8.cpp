@@ -5,6 +5,14 @@ namespace {
 
 bool isContinuation(unsigned char c) { return (c & 0xC0) == 0x80; }
 
+// Where the character that ends at `end` (a character boundary, > 0) begins.
+std::size_t previousStart(std::string_view text, std::size_t end) {
+    std::size_t start = end - 1;
+    const std::size_t limit = end >= 4 ? end - 4 : 0;
+    while (start > limit && isContinuation(static_cast<unsigned char>(text[start]))) --start;
+    return sequenceLength(text, start) == end - start ? start : end - 1;
+}
+
 }  // namespace
 
 std::size_t sequenceLength(std::string_view text, std::size_t pos) {
@@ -35,6 +43,15 @@ std::size_t sequenceLength(std::string_view text, std::size_t pos) {
     return need;
 }
 
+bool isValid(std::string_view text) {
+    for (std::size_t pos = 0; pos < text.size();) {
+        const std::size_t len = sequenceLength(text, pos);
+        if (len == 1 && static_cast<unsigned char>(text[pos]) >= 0x80) return false;
+        pos += len;
+    }
+    return true;
+}
+
 std::size_t characterCount(std::string_view text) {
     std::size_t count = 0;
     for (std::size_t pos = 0; pos < text.size(); pos += sequenceLength(text, pos)) ++count;
@@ -47,6 +64,12 @@ std::string_view prefix(std::string_view text, std::size_t maxCharacters) {
         pos += sequenceLength(text, pos);
     }
     return text.substr(0, pos);
+}
+
+std::string_view suffix(std::string_view text, std::size_t maxCharacters) {
+    std::size_t pos = text.size();
+    for (std::size_t n = 0; n < maxCharacters && pos > 0; ++n) pos = previousStart(text, pos);
+    return text.substr(pos);
 }
 
 std::size_t safeCutBytes(std::string_view text, std::size_t maxBytes) {
@@ -92,6 +115,27 @@ void append(std::string& out, char32_t cp) {
         out.push_back(static_cast<char>(0x80 | ((cp >> 6) & 0x3F)));
         out.push_back(static_cast<char>(0x80 | (cp & 0x3F)));
     }
+}
+
+std::string repaired(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    while (pos < text.size()) {
+        // Copy a whole run of ASCII at once: the common case.
+        std::size_t run = pos;
+        while (run < text.size() && static_cast<unsigned char>(text[run]) < 0x80) ++run;
+        out.append(text.substr(pos, run - pos));
+        if (run == text.size()) break;
+        const std::size_t len = sequenceLength(text, run);
+        if (len == 1) {
+            out.append(replacementCharacter);
+        } else {
+            out.append(text.substr(run, len));
+        }
+        pos = run + len;
+    }
+    return out;
 }
 
 }  // namespace mailcore::utf8

@@ -3,7 +3,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "MailCore/IMAP/UTF8Scalars.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
@@ -47,7 +47,7 @@ std::string ModifiedUTF7::encode(std::string_view text) {
     std::vector<std::uint16_t> run;
     std::size_t pos = 0;
     while (pos < text.size()) {
-        char32_t scalar = utf8::next(text, pos);
+        char32_t scalar = utf8::decode(text, pos);
         if (scalar >= 0x20 && scalar <= 0x7E) {
             flushRun(run, out);
             out.push_back(static_cast<char>(scalar));

@@ -16,37 +16,9 @@ namespace mailcore {
 
 namespace {
 
-constexpr std::string_view replacementCharacter = "\xEF\xBF\xBD";
-
 void appendCodePoint(std::string& out, std::uint32_t cp) {
     if (cp == 0) return;
     mailcore::utf8::append(out, cp);
-}
-
-// Length of the valid UTF-8 sequence at `s[i]`, or 0 when it is invalid.
-std::size_t utf8SequenceLength(std::string_view s, std::size_t i) {
-    const auto b0 = static_cast<unsigned char>(s[i]);
-    if (b0 < 0x80) return 1;
-    std::size_t len = 0;
-    std::uint32_t min = 0;
-    std::uint32_t cp = 0;
-    if (b0 >= 0xC2 && b0 <= 0xDF) {
-        len = 2, min = 0x80, cp = b0 & 0x1F;
-    } else if (b0 >= 0xE0 && b0 <= 0xEF) {
-        len = 3, min = 0x800, cp = b0 & 0x0F;
-    } else if (b0 >= 0xF0 && b0 <= 0xF4) {
-        len = 4, min = 0x10000, cp = b0 & 0x07;
-    } else {
-        return 0;
-    }
-    if (i + len > s.size()) return 0;
-    for (std::size_t k = 1; k < len; ++k) {
-        const auto b = static_cast<unsigned char>(s[i + k]);
-        if ((b & 0xC0) != 0x80) return 0;
-        cp = (cp << 6) | (b & 0x3F);
-    }
-    if (cp < min || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) return 0;
-    return len;
 }
 
 // The C1 range of Windows-1252; 0 marks the five undefined bytes.
@@ -126,7 +98,7 @@ bool convertWithIconv(std::string_view bytes, std::string_view charset, std::str
         if (rc != static_cast<std::size_t>(-1)) continue;
         if (errno == E2BIG) continue;
         // EILSEQ or EINVAL (a sequence cut short at the end): mark and move on.
-        out += replacementCharacter;
+        out += utf8::replacementCharacter;
         ++in;
         --inLeft;
     }
@@ -259,34 +231,11 @@ private:
 
 }  // namespace
 
-bool isValidUTF8(std::string_view bytes) {
-    for (std::size_t i = 0; i < bytes.size();) {
-        const std::size_t len = utf8SequenceLength(bytes, i);
-        if (len == 0) return false;
-        i += len;
-    }
-    return true;
-}
-
-std::string sanitizeUTF8(std::string_view bytes) {
-    std::string out;
-    out.reserve(bytes.size());
-    for (std::size_t i = 0; i < bytes.size();) {
-        const std::size_t len = utf8SequenceLength(bytes, i);
-        if (len == 0) {
-            out += replacementCharacter;
-            ++i;
-        } else {
-            if (!(len == 1 && bytes[i] == '\0')) out.append(bytes.substr(i, len));
-            i += len;
-        }
-    }
-    return out;
-}
+std::string sanitizeUTF8(std::string_view bytes) { return dropNUL(utf8::repaired(bytes)); }
 
 std::string convertToUTF8(std::string_view bytes, std::string_view charset) {
     const std::string name = lowerASCII(charset);
-    const bool valid = isValidUTF8(bytes);
+    const bool valid = utf8::isValid(bytes);
     if (isUTF8Label(name)) {
         return dropNUL(valid ? std::string(bytes) : decodeWindows1252(bytes));
     }
@@ -394,11 +343,7 @@ std::string htmlToText(std::string_view html, std::size_t maxBytes) {
     }
     if (out.size() < maxBytes) flushRun(std::min(i, html.size()));
     while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
-    if (out.size() > maxBytes) {
-        std::size_t cut = maxBytes;
-        while (cut > 0 && (static_cast<unsigned char>(out[cut]) & 0xC0) == 0x80) --cut;
-        out.resize(cut);
-    }
+    out.resize(utf8::safeCutBytes(out, maxBytes));
     return sanitizeUTF8(out);
 }
 
@@ -445,8 +390,7 @@ std::string makeSnippet(std::string_view text, std::size_t maxCharacters) {
     std::size_t lastSpaceBytes = 0;
     bool pendingSpace = false;
     for (std::size_t i = 0; i < clean.size() && characters < maxCharacters;) {
-        const std::size_t len = utf8SequenceLength(clean, i);
-        const std::string_view ch(clean.data() + i, len == 0 ? 1 : len);
+        const std::string_view ch(clean.data() + i, utf8::sequenceLength(clean, i));
         i += ch.size();
         if (ch == "\xE2\x80\x8B" || ch == "\xE2\x80\x8C" || ch == "\xE2\x80\x8D" ||
             ch == "\xC2\xAD" || ch == "\xCD\x8F" || ch == "\xEF\xBB\xBF" || ch == "\xE2\x80\x8E" ||

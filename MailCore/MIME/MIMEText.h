@@ -11,9 +11,6 @@
 
 namespace mailcore {
 
-// Whether `bytes` is valid UTF-8.
-bool isValidUTF8(std::string_view bytes);
-
 // `bytes` with each invalid UTF-8 sequence replaced by U+FFFD and NUL
 // characters dropped.
 std::string sanitizeUTF8(std::string_view bytes);

@@ -1,6 +1,7 @@
 #include "MailCore/MIME/MessageParser.h"
 
 #include "MailCore/Common/MailError.h"
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/GMimeSupport.h"
 #include "MailCore/MIME/MIMEText.h"
 #include "MailCore/Store/ThreadingKeys.h"
@@ -33,10 +34,7 @@ std::string trim(std::string_view text) {
 }
 
 std::string cutUTF8(std::string text, std::size_t maxBytes) {
-    if (text.size() <= maxBytes) return text;
-    std::size_t cut = maxBytes;
-    while (cut > 0 && (static_cast<unsigned char>(text[cut]) & 0xC0) == 0x80) --cut;
-    text.resize(cut);
+    text.resize(utf8::safeCutBytes(text, maxBytes));
     return text;
 }
 

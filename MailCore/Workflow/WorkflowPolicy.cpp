@@ -5,6 +5,7 @@
 
 #include <fmt/format.h>
 
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/Workflow/WorkflowPattern.h"
 #include "MailCore/Workflow/WorkflowText.h"
 
@@ -12,7 +13,7 @@ namespace mailcore::WorkflowPolicy {
 
 namespace {
 
-using workflowtext::characterCount;
+using utf8::characterCount;
 using workflowtext::hasControlCharacters;
 using workflowtext::isBlank;
 

@@ -5,7 +5,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "MailCore/Workflow/WorkflowText.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 
@@ -29,7 +29,7 @@ const Json* member(const Json& object, const char* key) {
 std::string readText(const Json& value, const std::string& path) {
     if (!value.is_string()) unreadable(path, "is not text");
     const auto& text = value.get_ref<const std::string&>();
-    if (!workflowtext::isValidUTF8(text)) unreadable(path, "is not valid UTF-8");
+    if (!utf8::isValid(text)) unreadable(path, "is not valid UTF-8");
     return text;
 }
 

@@ -1,6 +1,7 @@
-// Text helpers shared by the workflow model, its validation and its
-// descriptions. Every function accepts any bytes; invalid UTF-8 is never
-// undefined behaviour. Pure functions, thread-safe.
+// Text rules shared by the workflow model, its validation and its
+// descriptions (UTF-8 itself is read through MailCore/Common/UTF8.h). Every
+// function accepts any bytes; an invalid byte reads as U+FFFD. Pure functions,
+// thread-safe.
 #pragma once
 
 #include <cstddef>
@@ -8,12 +9,6 @@
 #include <string_view>
 
 namespace mailcore::workflowtext {
-
-// True when `text` is well-formed UTF-8 (no overlongs, no surrogates, at most U+10FFFF).
-bool isValidUTF8(std::string_view text);
-
-// The number of Unicode code points; each invalid byte counts as one.
-std::size_t characterCount(std::string_view text);
 
 // True when `text` holds a C0 or C1 control character, DEL, or a bidirectional
 // formatting character (U+202A-U+202E, U+2066-U+2069), which could make text

@@ -6,6 +6,7 @@
 #include <nlohmann/json.hpp>
 
 #include "MailCore/Common/Random.h"
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowPolicy.h"
 #include "MailCore/Workflow/WorkflowText.h"
@@ -79,7 +80,7 @@ std::optional<std::string> readID(const Json& arguments) {
     const auto it = arguments.find("id");
     if (it == arguments.end() || !it->is_string()) return std::nullopt;
     std::string id = it->get<std::string>();
-    if (id.empty() || !workflowtext::isValidUTF8(id)) return std::nullopt;
+    if (id.empty() || !utf8::isValid(id)) return std::nullopt;
     return id;
 }
 

@@ -2,7 +2,7 @@
 // selection, charset conversion and snippets, then the mapping to the
 // store's records. Checks the invariants every caller relies on: text is
 // valid UTF-8, limits hold, part ids are never empty.
-#include "MailCore/MIME/MIMEText.h"
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/MessageIngestor.h"
 #include "MailCore/MIME/MessageParser.h"
 #include "MailCore/Common/Json.h"
@@ -47,21 +47,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }());
     const std::string_view raw(reinterpret_cast<const char*>(data), size);
     const ParsedMessage m = parser.parse(raw);
-    check(isValidUTF8(m.subject));
-    check(isValidUTF8(m.text));
-    check(!m.html || isValidUTF8(*m.html));
-    check(isValidUTF8(m.snippet));
+    check(utf8::isValid(m.subject));
+    check(utf8::isValid(m.text));
+    check(!m.html || utf8::isValid(*m.html));
+    check(utf8::isValid(m.snippet));
     check(m.text.size() <= parser.limits().maxBodyBytes);
     check(m.parts.size() <= parser.limits().maxParts);
     check(m.attachments.size() <= parser.limits().maxAttachments);
     for (const auto& a : m.attachments) {
         check(!a.partID.empty());
-        check(!a.filename.empty() && isValidUTF8(a.filename));
+        check(!a.filename.empty() && utf8::isValid(a.filename));
         check(a.filename.find('/') == std::string::npos);
         check(a.size >= 0);
     }
     for (const auto* list : {&m.from, &m.to, &m.cc, &m.bcc, &m.replyTo}) {
-        for (const auto& address : *list) check(isValidUTF8(address.name) && isValidUTF8(address.email));
+        for (const auto& address : *list) check(utf8::isValid(address.name) && utf8::isValid(address.email));
     }
 
     // Index: map to the store's records and file them.

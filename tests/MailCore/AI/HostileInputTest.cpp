@@ -10,6 +10,7 @@
 #include <string>
 
 #include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
@@ -19,30 +20,6 @@ std::string repeated(std::string_view unit, std::size_t size) {
     s.reserve(size + unit.size());
     while (s.size() < size) s.append(unit);
     return s;
-}
-
-bool validUTF8(std::string_view s) {
-    std::size_t i = 0;
-    while (i < s.size()) {
-        auto c = static_cast<unsigned char>(s[i]);
-        std::size_t n = c < 0x80         ? 1
-                        : (c >> 5) == 6  ? 2
-                        : (c >> 4) == 14 ? 3
-                        : (c >> 3) == 30 ? 4
-                                         : 0;
-        if (n == 0 || i + n > s.size()) return false;
-        for (std::size_t k = 1; k < n; ++k) {
-            if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
-        }
-        i += n;
-    }
-    return true;
-}
-
-std::size_t characters(std::string_view text) {
-    std::size_t count = 0;
-    for (char c : text) count += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    return count;
 }
 
 struct Flood {
@@ -94,8 +71,8 @@ TEST(HostileInputTest, FloodsStayWithinBudgetAndLeakNothing) {
         SCOPED_TRACE(flood.name);
         SanitizedText result =
             AIContentSanitizer::sanitize(flood.input, AIContentSanitizerOptions::standard(4000));
-        EXPECT_LE(characters(result.text), 4000u);
-        EXPECT_TRUE(validUTF8(result.text));
+        EXPECT_LE(utf8::characterCount(result.text), 4000u);
+        EXPECT_TRUE(utf8::isValid(result.text));
         for (const std::string& secret : flood.mustNotSurvive) {
             EXPECT_EQ(result.text.find(secret), std::string::npos) << secret;
         }
@@ -131,7 +108,7 @@ TEST(HostileInputTest, EveryStepAcceptsInvalidUTF8) {
     EXPECT_EQ(redacted.find("4111"), std::string::npos);
     EXPECT_EQ(redacted.find("BEGIN"), std::string::npos);
     EXPECT_NO_THROW(S::truncateHeadTail(bad, 10, 0.5));
-    EXPECT_TRUE(validUTF8(S::sanitize(bad).text));
+    EXPECT_TRUE(utf8::isValid(S::sanitize(bad).text));
 }
 
 }  // namespace

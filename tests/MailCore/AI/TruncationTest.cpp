@@ -4,35 +4,12 @@
 #include <string>
 
 #include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
 
 using S = AIContentSanitizer;
-
-std::size_t characters(std::string_view text) {
-    std::size_t count = 0;
-    for (char c : text) count += (static_cast<unsigned char>(c) & 0xC0) != 0x80;
-    return count;
-}
-
-bool validUTF8(std::string_view s) {
-    std::size_t i = 0;
-    while (i < s.size()) {
-        auto c = static_cast<unsigned char>(s[i]);
-        std::size_t n = c < 0x80         ? 1
-                        : (c >> 5) == 6  ? 2
-                        : (c >> 4) == 14 ? 3
-                        : (c >> 3) == 30 ? 4
-                                         : 0;
-        if (n == 0 || i + n > s.size()) return false;
-        for (std::size_t k = 1; k < n; ++k) {
-            if ((static_cast<unsigned char>(s[i + k]) & 0xC0) != 0x80) return false;
-        }
-        i += n;
-    }
-    return true;
-}
 
 TEST(TruncationTest, ShortTextIsUntouched) {
     EXPECT_EQ(S::truncateHeadTail("hello", 5, 0.7), (SanitizedText{"hello", false}));
@@ -46,7 +23,7 @@ TEST(TruncationTest, MarkerJoinsHeadAndTailWithinTheBudget) {
     text += "END";
     SanitizedText result = S::truncateHeadTail(text, 200, 0.7);
     EXPECT_TRUE(result.truncated);
-    EXPECT_LE(characters(result.text), 200u);
+    EXPECT_LE(utf8::characterCount(result.text), 200u);
     std::size_t marker = result.text.find(S::truncationMarker);
     ASSERT_NE(marker, std::string::npos);
     EXPECT_EQ(result.text.rfind("word0 word1 ", 0), 0u);
@@ -54,9 +31,9 @@ TEST(TruncationTest, MarkerJoinsHeadAndTailWithinTheBudget) {
     // Head gets about 70 % of what the marker leaves, words stay whole.
     std::string head = result.text.substr(0, marker);
     std::string tail = result.text.substr(marker + S::truncationMarker.size());
-    EXPECT_GE(characters(head), 100u);
-    EXPECT_LE(characters(head), 124u);
-    EXPECT_GE(characters(tail), 30u);
+    EXPECT_GE(utf8::characterCount(head), 100u);
+    EXPECT_LE(utf8::characterCount(head), 124u);
+    EXPECT_GE(utf8::characterCount(tail), 30u);
     EXPECT_EQ(text.find(head), 0u);
     EXPECT_NE(text.find(" " + tail), std::string::npos) << tail;  // starts at a word
     EXPECT_EQ(head.back() != ' ', true);
@@ -68,7 +45,7 @@ TEST(TruncationTest, HeadFractionIsHonouredAndClamped) {
         double fraction;
         std::size_t head;
     };
-    const std::size_t available = 100 - characters(S::truncationMarker);
+    const std::size_t available = 100 - utf8::characterCount(S::truncationMarker);
     const Case cases[] = {{0.7, available * 7 / 10}, {0.0, 0},
                           {1.0, available},          {-2.0, 0},
                           {5.0, available},          {std::nan(""), available * 7 / 10}};
@@ -77,7 +54,7 @@ TEST(TruncationTest, HeadFractionIsHonouredAndClamped) {
         std::size_t marker = result.text.find(S::truncationMarker);
         ASSERT_NE(marker, std::string::npos);
         EXPECT_EQ(marker, c.head) << c.fraction;
-        EXPECT_EQ(characters(result.text), 100u) << c.fraction;
+        EXPECT_EQ(utf8::characterCount(result.text), 100u) << c.fraction;
     }
 }
 
@@ -86,7 +63,7 @@ TEST(TruncationTest, TinyBudgetsKeepOnlyTheBeginning) {
     for (std::int64_t limit : {0, 1, 5, 6, 12, 23}) {
         SanitizedText result = S::truncateHeadTail(text, limit, 0.7);
         EXPECT_TRUE(result.truncated);
-        EXPECT_LE(characters(result.text), static_cast<std::size_t>(limit));
+        EXPECT_LE(utf8::characterCount(result.text), static_cast<std::size_t>(limit));
         EXPECT_EQ(result.text.find(S::truncationMarker), std::string::npos);
         EXPECT_EQ(text.find(result.text), 0u);
     }
@@ -102,11 +79,11 @@ TEST(TruncationTest, NeverExceedsTheBudgetNorSplitsACharacter) {
     for (int round = 0; round < 20; ++round) {
         std::string text;
         for (int i = 0; i < 120; ++i) text += pieces[rng() % (round % 2 ? 7 : 4)];
-        std::size_t length = characters(text);
+        std::size_t length = utf8::characterCount(text);
         for (std::int64_t limit = 0; limit <= static_cast<std::int64_t>(length) + 2; ++limit) {
             SanitizedText result = S::truncateHeadTail(text, limit, 0.7);
-            ASSERT_LE(characters(result.text), static_cast<std::size_t>(limit));
-            ASSERT_TRUE(validUTF8(result.text));
+            ASSERT_LE(utf8::characterCount(result.text), static_cast<std::size_t>(limit));
+            ASSERT_TRUE(utf8::isValid(result.text));
             ASSERT_EQ(result.truncated, static_cast<std::int64_t>(length) > limit);
             if (!result.truncated) {
                 ASSERT_EQ(result.text, text);
@@ -121,7 +98,7 @@ TEST(TruncationTest, SanitizeMarksShortenedResults) {
     mail += "Regards";
     SanitizedText result = S::sanitize(mail, AIContentSanitizerOptions::standard(500));
     EXPECT_TRUE(result.truncated);
-    EXPECT_LE(characters(result.text), 500u);
+    EXPECT_LE(utf8::characterCount(result.text), 500u);
     EXPECT_NE(result.text.find("\n[… content omitted …]\n"), std::string::npos);
     EXPECT_EQ(result.text.rfind("Dear team,", 0), 0u);
     EXPECT_EQ(result.text.substr(result.text.size() - 7), "Regards");

@@ -3,6 +3,7 @@
 #include <random>
 #include <string>
 
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/IMAP/ModifiedUTF7.h"
 
 namespace mailcore {
@@ -123,21 +124,7 @@ std::string randomText(std::mt19937& rng) {
                 break;
         }
         if (c == '\n' || c == '\r') c = '&';
-        if (c < 0x80) {
-            text.push_back(static_cast<char>(c));
-        } else if (c < 0x800) {
-            text.push_back(static_cast<char>(0xC0 | (c >> 6)));
-            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else if (c < 0x10000) {
-            text.push_back(static_cast<char>(0xE0 | (c >> 12)));
-            text.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        } else {
-            text.push_back(static_cast<char>(0xF0 | (c >> 18)));
-            text.push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-            text.push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-            text.push_back(static_cast<char>(0x80 | (c & 0x3F)));
-        }
+        utf8::append(text, c);
     }
     return text;
 }

@@ -1,3 +1,4 @@
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/MIMEText.h"
 
 #include <gtest/gtest.h>
@@ -31,7 +32,7 @@ TEST(MIMEText, HtmlToTextStopsAtTheLimitOnACharacterBoundary) {
     for (int i = 0; i < 1000; ++i) html += "<p>é</p>";
     const std::string text = htmlToText(html, 101);
     EXPECT_LE(text.size(), 101u);
-    EXPECT_TRUE(isValidUTF8(text));
+    EXPECT_TRUE(utf8::isValid(text));
 }
 
 TEST(MIMEText, SanitizeReplacesInvalidSequences) {
@@ -40,8 +41,8 @@ TEST(MIMEText, SanitizeReplacesInvalidSequences) {
     EXPECT_EQ(sanitizeUTF8("\xED\xA0\x80"), "\xEF\xBF\xBD\xEF\xBF\xBD\xEF\xBF\xBD");  // surrogate
     EXPECT_EQ(sanitizeUTF8("\xC0\xAF"), "\xEF\xBF\xBD\xEF\xBF\xBD");              // overlong
     EXPECT_EQ(sanitizeUTF8(std::string("a\0b", 3)), "ab");
-    EXPECT_FALSE(isValidUTF8("\xF5\x80\x80\x80"));
-    EXPECT_TRUE(isValidUTF8("\xF0\x9F\x93\x8E"));
+    EXPECT_FALSE(utf8::isValid("\xF5\x80\x80\x80"));
+    EXPECT_TRUE(utf8::isValid("\xF0\x9F\x93\x8E"));
 }
 
 TEST(MIMEText, SnippetEdgeCases) {

@@ -1,6 +1,7 @@
 #include "MIMETestSupport.h"
 
 #include "MailCore/Common/MailError.h"
+#include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/MIMEText.h"
 #include "MailCore/MIME/MessageParser.h"
 
@@ -352,8 +353,8 @@ TEST(MessageParserHostile, MalformedStructuresStillGiveText) {
         SCOPED_TRACE(name);
         const auto m = MessageParser().parse(raw);
         EXPECT_EQ(m.size, static_cast<std::int64_t>(raw.size()));
-        EXPECT_TRUE(isValidUTF8(m.text));
-        EXPECT_TRUE(isValidUTF8(m.subject));
+        EXPECT_TRUE(utf8::isValid(m.text));
+        EXPECT_TRUE(utf8::isValid(m.subject));
         EXPECT_EQ(m.subject.find('\0'), std::string::npos);
     }
     EXPECT_NE(parse(head + "Content-Type: multipart/alternative; boundary=A\n\n--B\n"
@@ -412,7 +413,7 @@ TEST(MessageParserHostile, HugeTextBodyIsCutAtTheBodyLimit) {
     const auto m = MessageParser(limits).parse(raw);
     EXPECT_TRUE(m.isTruncated);
     EXPECT_LE(m.text.size(), 1000u);
-    EXPECT_TRUE(isValidUTF8(m.text));
+    EXPECT_TRUE(utf8::isValid(m.text));
 }
 
 // --- Python's e-mail test messages ---
@@ -426,8 +427,8 @@ TEST(MessageParserCorpus, EveryPythonTestMessageParses) {
         if (name.rfind("msg_", 0) != 0) continue;
         SCOPED_TRACE(name);
         const auto m = MessageParser().parse(testing::readFile(entry.path().string()));
-        EXPECT_TRUE(isValidUTF8(m.text));
-        EXPECT_TRUE(isValidUTF8(m.subject));
+        EXPECT_TRUE(utf8::isValid(m.text));
+        EXPECT_TRUE(utf8::isValid(m.subject));
         EXPECT_FALSE(m.isTruncated);
         ++count;
     }
