@@ -46,6 +46,27 @@ std::vector<std::string> readLines(const std::string& path) {
     return lines;
 }
 
+// What the fake server's log says: deliveries per item, item ids per target
+// in delivery order, and how often a send was looked for.
+struct ServerLog {
+    std::map<std::string, int> delivered;
+    std::map<std::string, std::vector<std::string>> order;
+    int verifications = 0;
+
+    explicit ServerLog(const std::string& path) {
+        for (const auto& line : readLines(path)) {
+            std::istringstream in(line);
+            std::string verb, id, target;
+            in >> verb >> id >> target;
+            if (verb == "verify") ++verifications;
+            if (verb == "send" || verb == "apply") {
+                ++delivered[id];
+                order[target].push_back(id);
+            }
+        }
+    }
+};
+
 std::string targetOf(const OutboxItem& item) {
     if (auto m = item.operation.targetMessageID()) return "m" + std::to_string(m->value);
     return "d" + item.operation.draftID()->value;
@@ -67,12 +88,7 @@ class FakeServerExecutor : public OutboxExecutor {
 public:
     FakeServerExecutor(std::string log, KillSwitch& kill, unsigned seed)
         : log_(std::move(log)), kill_(kill), random_(seed) {
-        for (const auto& line : readLines(log_)) {
-            std::istringstream in(line);
-            std::string verb, id;
-            in >> verb >> id;
-            if (verb == "apply") applied_.insert(id);
-        }
+        for (const auto& [id, count] : ServerLog(log_).delivered) applied_.insert(id);
     }
 
     OutboxResult execute(const OutboxItem& item) override {
@@ -85,8 +101,7 @@ public:
             }
             appendLine(log_, "send " + item.id.value + " " + targetOf(item));
             kill_.stage("after server accepted the send");
-            if (roll < 20) return OutboxResult::uncertain();
-            return OutboxResult::done();
+            return roll < 20 ? OutboxResult::uncertain() : OutboxResult::done();
         }
         if (roll < 10) return OutboxResult::failed(MailError::offline());
         if (applied_.insert(item.id.value).second) {
@@ -98,10 +113,8 @@ public:
 
     SentState verifySent(const OutboxItem& item) override {
         appendLine(log_, "verify " + item.id.value);
-        for (const auto& line : readLines(log_)) {
-            if (line.rfind("send " + item.id.value + " ", 0) == 0) return SentState::sent;
-        }
-        return SentState::notSent;
+        return ServerLog(log_).delivered.count(item.id.value) ? SentState::sent
+                                                              : SentState::notSent;
     }
 
 private:
@@ -141,11 +154,6 @@ private:
     ::_exit(0);
 }
 
-struct Expected {
-    std::string id, target;
-    bool isSend;
-};
-
 TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
     testing::TempDir dir;
     const std::string db = dir.file("mail.db");
@@ -157,36 +165,31 @@ TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
     unsigned seed = 20261121;
     if (const char* s = std::getenv("KESTRUNE_CRASH_SEED")) seed = std::stoul(s);
     std::mt19937 random(seed);
-    std::vector<Expected> expected;
+    std::vector<std::pair<std::string, std::string>> expected;  // item id, target
     int batches = 0;
 
+    // Per message a flag change, a move and another flag change; per draft
+    // a save and a send.
     auto enqueueBatch = [&](SQLiteMailStore& store) {
         ++batches;
-        double now = secondsSince1970(systemClock()());
+        Date now = systemClock()();
         std::set<std::string> known;
-        for (const auto& e : expected) known.insert(e.id);
+        for (const auto& e : expected) known.insert(e.first);
         auto note = [&](const OutboxItem& item) {
-            if (known.insert(item.id.value).second) {
-                expected.push_back({item.id.value, targetOf(item),
-                                    item.operation.kind() == OutboxOperation::Kind::send});
-            }
+            if (known.insert(item.id.value).second)
+                expected.emplace_back(item.id.value, targetOf(item));
         };
         for (std::size_t i = 0; i < messages.size(); ++i) {
             OutboxMessageRef ref{messages[i], FolderID(1), IMAPUID(std::uint32_t(i + 1)), {}};
-            note(store.enqueueFlags(account, ref, FlagChange{MessageFlags::seen, 0, {}, {}},
-                                    at(now)));
-            note(store.enqueue(account, OutboxOperation::move(ref, archive), at(now)));
-            note(store.enqueueFlags(account, ref, FlagChange{0, MessageFlags::seen, {}, {}},
-                                    at(now)));
+            note(store.enqueueFlags(account, ref, FlagChange{MessageFlags::seen, 0, {}, {}}, now));
+            note(store.enqueue(account, OutboxOperation::move(ref, archive), now));
+            note(store.enqueueFlags(account, ref, FlagChange{0, MessageFlags::seen, {}, {}}, now));
         }
         for (int d = 0; d < 4; ++d) {
             DraftID draft("b" + std::to_string(batches) + "-" + std::to_string(d));
-            note(store.enqueue(account,
-                               OutboxOperation::saveDraft(draft, testing::outgoing(draft.value)),
-                               at(now)));
-            note(store.enqueue(account,
-                               OutboxOperation::send({testing::outgoing(draft.value), draft, true}),
-                               at(now)));
+            auto message = testing::outgoing(draft.value);
+            note(store.enqueue(account, OutboxOperation::saveDraft(draft, message), now));
+            note(store.enqueue(account, OutboxOperation::send({message, draft, true}), now));
         }
     };
 
@@ -199,14 +202,8 @@ TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
             store.createFolder(account, FolderListing{"Archive", "/", FolderRole::archive, {}});
         std::vector<MessageIndexFields> batch;
         for (std::uint32_t uid = 1; uid <= 4; ++uid) {
-            MessageIndexFields f;
-            f.accountID = account;
-            f.folderID = inbox;
-            f.uid = IMAPUID(uid);
-            f.threading =
-                ThreadingKeys::fromHeaders("<c" + std::to_string(uid) + "@x>", "", "", "s");
-            f.date = at(100);
-            batch.push_back(f);
+            batch.push_back(testing::message(account, inbox, uid,
+                                             "<c" + std::to_string(uid) + "@x>", "", "", "s"));
         }
         messages = store.upsertSync(batch);
         enqueueBatch(store);
@@ -218,13 +215,7 @@ TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
     auto check = [&](int round, bool refill) {
         SCOPED_TRACE("after kill point " + std::to_string(round));
         SQLiteMailStore store(StoreLocation::file(db));
-        std::map<std::string, int> delivered;
-        for (const auto& line : readLines(log)) {
-            std::istringstream in(line);
-            std::string verb, id;
-            in >> verb >> id;
-            if (verb == "send" || verb == "apply") ++delivered[id];
-        }
+        ServerLog server(log);
         std::set<std::string> waiting;
         for (const auto& row : store.outboxItems(std::nullopt)) {
             EXPECT_NE(row.item.state, OutboxItemState::failed)
@@ -232,9 +223,9 @@ TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
                 << (row.item.lastError ? row.item.lastError->what() : "");
             waiting.insert(row.item.id.value);
         }
-        for (const auto& e : expected) {
-            EXPECT_TRUE(waiting.count(e.id) || delivered.count(e.id)) << "lost " << e.id;
-            EXPECT_LE(delivered[e.id], 1) << "delivered twice " << e.id;
+        for (const auto& [id, target] : expected) {
+            EXPECT_TRUE(waiting.count(id) || server.delivered.count(id)) << "lost " << id;
+            EXPECT_LE(server.delivered[id], 1) << "delivered twice " << id;
         }
         if (refill && waiting.size() < 20 && batches < 30) enqueueBatch(store);
         return store.outboxItems(std::nullopt).size();
@@ -274,33 +265,21 @@ TEST(OutboxCrashTest, KilledWorkersLoseNothingAndNeverSendTwice) {
     ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
     EXPECT_EQ(check(killPoints, false), 0u);
 
-    std::map<std::string, int> delivered;
-    std::map<std::string, std::vector<std::string>> order;
-    int verifications = 0;
-    for (const auto& line : readLines(log)) {
-        std::istringstream in(line);
-        std::string verb, id, target;
-        in >> verb >> id >> target;
-        if (verb == "verify") ++verifications;
-        if (verb == "send" || verb == "apply") {
-            ++delivered[id];
-            order[target].push_back(id);
-        }
-    }
+    ServerLog server(log);
     std::map<std::string, std::vector<std::string>> expectedOrder;
-    for (const auto& e : expected) {
-        EXPECT_EQ(delivered[e.id], 1) << e.id;
-        expectedOrder[e.target].push_back(e.id);
+    for (const auto& [id, target] : expected) {
+        EXPECT_EQ(server.delivered[id], 1) << id;
+        expectedOrder[target].push_back(id);
     }
-    EXPECT_EQ(order, expectedOrder);
-    EXPECT_GT(verifications, 0);  // the uncertain-send path was taken
+    EXPECT_EQ(server.order, expectedOrder);
+    EXPECT_GT(server.verifications, 0);  // the uncertain-send path was taken
 
     std::map<std::string, int> phases;
     for (const auto& p : readLines(phaseLog)) ++phases[p];
     std::cout << "kill points tried: " << selfKills + timedKills << " (" << selfKills
               << " at chosen stages, " << timedKills << " after random delays; " << finishedEarly
               << " runs finished first), operations: " << expected.size()
-              << ", verifications: " << verifications << ", seed " << seed << "\n";
+              << ", verifications: " << server.verifications << ", seed " << seed << "\n";
     for (const auto& [phase, count] : phases)
         std::cout << "  killed at " << phase << ": " << count << "\n";
     EXPECT_GE(selfKills + timedKills, killPoints * 2 / 3);

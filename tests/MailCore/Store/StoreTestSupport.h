@@ -1,10 +1,12 @@
-// Helpers shared by the store tests: a temporary directory that removes
-// itself, and message records built with little ceremony.
+// Helpers shared by the store and outbox tests: a temporary directory that
+// removes itself, message and outgoing-mail records built with little
+// ceremony, and stores on a temporary file.
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <functional>
 #include <nlohmann/json.hpp>
 #include <string>
 
@@ -17,9 +19,8 @@ public:
     TempDir() {
         std::string pattern =
             (std::filesystem::temp_directory_path() / "kestrune-store-XXXXXX").string();
-        char* made = ::mkdtemp(pattern.data());
-        if (made == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = made;
+        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
+        path_ = pattern;
     }
     ~TempDir() {
         std::error_code ec;
@@ -39,6 +40,16 @@ inline MailAddress addr(const std::string& email, const std::string& name = "") 
 }
 
 inline Date at(double seconds) { return dateFromSeconds(seconds); }
+
+// The detail of the MailError that `body` throws, or "no error".
+inline std::string errorDetail(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const MailError& e) {
+        return e.detail();
+    }
+    return "no error";
+}
 
 // A message in `folder` with the given UID, Message-ID, references and
 // subject, from `from` to `to`.
@@ -60,6 +71,16 @@ inline MessageIndexFields message(const AccountID& account, FolderID folder, std
     return f;
 }
 
+inline OutgoingMessage outgoing(const std::string& subject) {
+    OutgoingMessage m;
+    m.from = {addr("me@example.com")};
+    m.to = {addr("you@example.com", "You")};
+    m.subject = subject;
+    m.textBody = "body of " + subject;
+    m.messageID = InternetMessageID::normalizing("<" + subject + "@example.com>");
+    return m;
+}
+
 // A store on a temporary file with one account "acct" and its inbox.
 struct StoreFixture : ::testing::Test {
     TempDir dir;
@@ -71,6 +92,39 @@ struct StoreFixture : ::testing::Test {
         store = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir.file("mail.db")));
         store->saveAccount(account, Json::object(), at(1));
         inbox = store->createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
+    }
+    // Closes the store and opens the file again, as after a crash.
+    void reopen() {
+        store.reset();
+        store = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir.file("mail.db")));
+    }
+};
+
+// The same with an archive folder and two messages in the inbox (UIDs 1
+// and 2), for the outbox.
+struct OutboxStoreFixture : StoreFixture {
+    FolderID archive;
+    MessageID m1, m2;
+
+    void SetUp() override {
+        StoreFixture::SetUp();
+        archive =
+            store->createFolder(account, FolderListing{"Archive", "/", FolderRole::archive, {}});
+        auto ids = store->upsertSync({message(account, inbox, 1, "<a@x>", "", "", "A"),
+                                      message(account, inbox, 2, "<b@x>", "", "", "B")});
+        m1 = ids[0];
+        m2 = ids[1];
+    }
+    OutboxMessageRef ref(MessageID id) {
+        return OutboxMessageRef{id, inbox, IMAPUID(id == m1 ? 1 : 2), std::nullopt};
+    }
+    static FlagChange add(std::int64_t flags) { return FlagChange{flags, 0, {}, {}}; }
+    static FlagChange remove(std::int64_t flags) { return FlagChange{0, flags, {}, {}}; }
+    OutboxItem send(const std::string& subject, std::optional<std::string> draft, double when) {
+        std::optional<DraftID> d;
+        if (draft) d = DraftID(*draft);
+        return store->enqueue(account, OutboxOperation::send({outgoing(subject), d, true}),
+                              at(when));
     }
 };
 
