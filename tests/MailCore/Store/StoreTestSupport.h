@@ -88,10 +88,16 @@ struct StoreFixture : ::testing::Test {
     AccountID account{"acct"};
     FolderID inbox;
 
-    void SetUp() override {
-        store = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir.file("mail.db")));
+    void SetUp() override { open("mail.db"); }
+    // A new store on the file `name`, for a test that needs several.
+    void open(const std::string& name) {
+        store = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir.file(name)));
         store->saveAccount(account, Json::object(), at(1));
         inbox = store->createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
+    }
+    std::int64_t rows(const std::string& table) {
+        return store->read(
+            [&](SQLiteDatabase& db) { return *db.scalarInt("SELECT COUNT(*) FROM " + table); });
     }
     // Closes the store and opens the file again, as after a crash.
     void reopen() {

@@ -1,3 +1,6 @@
+// The buffered stream over a transport that the test drives: the order in
+// which a read sees bytes, closes, failures and the end of the stream; one
+// receive at a time; timeouts, cancellation and close racing each other.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -12,22 +15,20 @@
 
 #include "MailCore/Transport/BufferedByteStream.h"
 #include "MailCore/Transport/Cancellation.h"
+#include "TLSTestPeers.h"
 
 namespace mailcore {
 namespace {
 
 using namespace std::chrono_literals;
+using testing::errorOf;
 
 // A RawTransport driven by the test: it records every call, keeps the one
 // receive completion until the test delivers a result, and can deliver at
 // once from a queue of scripted results.
 class FakeTransport final : public RawTransport {
 public:
-    void connect(double timeoutSeconds) override {
-        std::lock_guard lock(lock_);
-        connectTimeouts.push_back(timeoutSeconds);
-    }
-
+    void connect(double timeoutSeconds) override { connectTimeout = timeoutSeconds; }
     void startReceive(int maxLength, ReceiveCompletion completion) override {
         std::unique_lock lock(lock_);
         receiveLengths.push_back(maxLength);
@@ -42,35 +43,17 @@ public:
         pending_ = std::move(completion);
         receiveStarted_.notify_all();
     }
-
-    void send(const Bytes& bytes) override {
-        std::lock_guard lock(lock_);
-        sent.insert(sent.end(), bytes.begin(), bytes.end());
-    }
-
-    void upgradeToTLS(const std::string& serverName) override {
-        std::lock_guard lock(lock_);
-        upgrades.push_back(serverName);
-    }
-
+    void send(const Bytes& bytes) override { sent.insert(sent.end(), bytes.begin(), bytes.end()); }
+    void upgradeToTLS(const std::string& serverName) override { upgrades.push_back(serverName); }
     void cancel() override {
-        ReceiveCompletion pending;
-        {
-            std::lock_guard lock(lock_);
-            ++cancels;
-            pending = std::exchange(pending_, nullptr);
-        }
-        if (pending) {
-            pending(MailError::network(NetworkFailureKind::connectionLost, "connection closed"));
-        }
+        deliver(MailError::network(NetworkFailureKind::connectionLost, "connection closed"));
     }
 
-    // Results handed out synchronously by later startReceive calls.
+    // A result handed out at once by a later startReceive.
     void queue(ReceiveResult result) {
         std::lock_guard lock(lock_);
         queued_.push_back(std::move(result));
     }
-
     // Completes the outstanding receive; false when there is none.
     bool deliver(ReceiveResult result) {
         ReceiveCompletion pending;
@@ -82,139 +65,112 @@ public:
         pending(std::move(result));
         return true;
     }
-
-    bool waitForReceive(std::chrono::milliseconds limit = 2000ms) {
+    bool waitForReceive() {
         std::unique_lock lock(lock_);
-        return receiveStarted_.wait_for(lock, limit, [&] { return pending_ != nullptr; });
+        return receiveStarted_.wait_for(lock, 2s, [&] { return pending_ != nullptr; });
     }
 
-    std::size_t receiveCount() {
-        std::lock_guard lock(lock_);
-        return receiveLengths.size();
-    }
+    double connectTimeout = 0;
+    std::vector<int> receiveLengths;
+    Bytes sent;
+    std::vector<std::string> upgrades;
 
+private:
     std::mutex lock_;
     std::condition_variable receiveStarted_;
     ReceiveCompletion pending_;
     std::deque<ReceiveResult> queued_;
-    std::vector<double> connectTimeouts;
-    std::vector<int> receiveLengths;
-    Bytes sent;
-    std::vector<std::string> upgrades;
-    int cancels = 0;
 };
-
-ConnectionTimeouts timeoutsWithRead(double read) { return ConnectionTimeouts{7, read, 0, 0, 0}; }
 
 struct Harness {
     explicit Harness(double readTimeout = 2.0)
         : transport(new FakeTransport),
-          stream(std::unique_ptr<RawTransport>(transport), timeoutsWithRead(readTimeout)) {}
+          stream(std::unique_ptr<RawTransport>(transport),
+                 ConnectionTimeouts{7, readTimeout, 0, 0, 0}) {}
     FakeTransport* transport;
     BufferedByteStream stream;
 };
-
-MailError errorOf(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const MailError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no MailError thrown";
-    return MailError::offline();
-}
 
 const MailError streamClosed =
     MailError::network(NetworkFailureKind::connectionLost, "stream closed");
 const MailError readTimedOut = MailError::network(NetworkFailureKind::timeout, "read timed out");
 const MailError lost = MailError::network(NetworkFailureKind::connectionLost, "connection lost");
 
-TEST(BufferedByteStreamTest, ReturnsBufferedBytesInPiecesOfAtMostMaxLength) {
+TEST(BufferedByteStreamTest, OpensWritesAndReadsThroughTheTransport) {
     Harness h;
+    h.stream.open();
+    h.stream.writeText("A1 NOOP\r\n");
+    EXPECT_EQ(h.transport->connectTimeout, 7);
+    EXPECT_EQ(bytesToString(h.transport->sent), "A1 NOOP\r\n");
+    // Buffered bytes come in pieces of at most maxLength (at least one).
     h.transport->queue(toBytes("abcdefghij"));
     EXPECT_EQ(bytesToString(h.stream.read(4)), "abcd");
     EXPECT_EQ(bytesToString(h.stream.read(0)), "e");
     EXPECT_EQ(bytesToString(h.stream.read(-5)), "f");
     EXPECT_EQ(bytesToString(h.stream.read(100)), "ghij");
     EXPECT_EQ(h.transport->receiveLengths, std::vector<int>{16384});
+    // STARTTLS goes to the transport, but not with a receive outstanding.
+    h.stream.upgradeToTLS("imap.example.com");
+    Harness waiting(0.0);  // the read timeout is at least a millisecond
+    EXPECT_EQ(errorOf([&] { waiting.stream.read(1); }), readTimedOut);
+    EXPECT_EQ(
+        errorOf([&] { waiting.stream.upgradeToTLS("imap.example.com"); }),
+        MailError::tls(TLSFailureKind::handshakeFailed, "receive outstanding during STARTTLS"));
+    EXPECT_EQ(h.transport->upgrades, std::vector<std::string>{"imap.example.com"});
+    EXPECT_TRUE(waiting.transport->upgrades.empty());
 }
 
-// A step of a scripted conversation between a reader and the transport.
-struct Step {
-    enum Kind { read, deliver, close } kind;
-    int maxLength = 100;
-    std::optional<ReceiveResult> result = std::nullopt;  // for deliver
-    std::string expected = "";                           // for read: "=bytes" or "!" + what()
-};
-
-std::string outcomeText(const MailError& e) { return "!" + std::string(e.what()); }
-
+// Steps of a conversation between a reader and the transport: "read N"
+// must give "=bytes" or "!" and the failure; "deliver" hands the
+// outstanding receive its result; "close" closes the stream.
 TEST(BufferedByteStreamTest, DecidesEachReadInTheDocumentedOrder) {
-    const std::string timedOut = outcomeText(readTimedOut);
-    const std::string closed = outcomeText(streamClosed);
-    const std::string lostText = outcomeText(lost);
+    struct Step {
+        enum Kind { read, deliver, close } kind;
+        std::string expected = "";  // for read
+        int maxLength = 100;
+        std::optional<ReceiveResult> result = std::nullopt;
+    };
+    const auto failed = [](const MailError& e) { return "!" + std::string(e.what()); };
+    const Step timesOut{Step::read, failed(readTimedOut)}, closes{Step::close};
+    const auto give = [](ReceiveResult r) { return Step{Step::deliver, "", 0, std::move(r)}; };
+    const auto reads = [](std::string expected, int maxLength = 100) {
+        return Step{Step::read, std::move(expected), maxLength};
+    };
     struct Case {
         const char* name;
         std::vector<Step> steps;
     };
     const std::vector<Case> cases = {
         {"buffered bytes come before the closed flag",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, toBytes("xy")},
-          {Step::close},
-          {Step::read, 100, {}, "=xy"},
-          {Step::read, 100, {}, closed}}},
+         {timesOut, give(toBytes("xy")), closes, reads("=xy"), reads(failed(streamClosed))}},
         {"the closed flag comes before a recorded failure",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, lost},
-          {Step::close},
-          {Step::read, 100, {}, closed}}},
+         {timesOut, give(lost), closes, reads(failed(streamClosed))}},
         {"a failure is reported to every later read",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, lost},
-          {Step::read, 100, {}, lostText},
-          {Step::read, 100, {}, lostText},
-          {Step::read, 0, {}, lostText}}},
+         {timesOut, give(lost), reads(failed(lost)), reads(failed(lost)), reads(failed(lost), 0)}},
         {"end of stream reads as empty for good",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, Bytes{}},
-          {Step::read, 100, {}, "="},
-          {Step::read, 100, {}, "="}}},
+         {timesOut, give(Bytes{}), reads("="), reads("=")}},
         {"bytes before the end are read first",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, toBytes("abc")},
-          {Step::read, 2, {}, "=ab"},
-          {Step::read, 2, {}, "=c"},
-          {Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, Bytes{}},
-          {Step::read, 100, {}, "="}}},
+         {timesOut, give(toBytes("abc")), reads("=ab", 2), reads("=c", 2), timesOut, give(Bytes{}),
+          reads("=")}},
         {"the closed flag comes before end of stream",
-         {{Step::read, 100, {}, timedOut},
-          {Step::deliver, 0, Bytes{}},
-          {Step::close},
-          {Step::read, 100, {}, closed}}},
+         {timesOut, give(Bytes{}), closes, reads(failed(streamClosed))}},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
         Harness h(0.03);
         for (const auto& step : c.steps) {
-            switch (step.kind) {
-                case Step::read: {
-                    std::string seen;
-                    try {
-                        seen = "=" + bytesToString(h.stream.read(step.maxLength));
-                    } catch (const MailError& e) {
-                        seen = outcomeText(e);
-                    }
-                    EXPECT_EQ(seen, step.expected);
-                    break;
+            if (step.kind == Step::deliver) {
+                EXPECT_TRUE(h.transport->deliver(*step.result)) << "no receive outstanding";
+            } else if (step.kind == Step::close) {
+                h.stream.close();
+            } else {
+                std::string seen;
+                try {
+                    seen = "=" + bytesToString(h.stream.read(step.maxLength));
+                } catch (const MailError& e) {
+                    seen = failed(e);
                 }
-                case Step::deliver:
-                    EXPECT_TRUE(h.transport->deliver(*step.result)) << "no receive outstanding";
-                    break;
-                case Step::close:
-                    h.stream.close();
-                    break;
+                EXPECT_EQ(seen, step.expected);
             }
         }
     }
@@ -223,34 +179,10 @@ TEST(BufferedByteStreamTest, DecidesEachReadInTheDocumentedOrder) {
 TEST(BufferedByteStreamTest, KeepsAtMostOneReceiveOutstandingAcrossTimeouts) {
     Harness h(0.02);
     for (int i = 0; i < 3; ++i) EXPECT_EQ(errorOf([&] { h.stream.read(10); }), readTimedOut);
-    EXPECT_EQ(h.transport->receiveCount(), 1u);
+    EXPECT_EQ(h.transport->receiveLengths.size(), 1u);
     // The receive asked for before the timeouts still feeds the next read.
     ASSERT_TRUE(h.transport->deliver(toBytes("late")));
     EXPECT_EQ(bytesToString(h.stream.read(10)), "late");
-}
-
-TEST(BufferedByteStreamTest, ReaderWaitsForACompletionFromAnotherThread) {
-    Harness h(5.0);
-    std::thread server([&] {
-        ASSERT_TRUE(h.transport->waitForReceive());
-        std::this_thread::sleep_for(20ms);
-        h.transport->deliver(toBytes("* OK ready\r\n"));
-    });
-    EXPECT_EQ(bytesToString(h.stream.read(64)), "* OK ready\r\n");
-    server.join();
-}
-
-TEST(BufferedByteStreamTest, CloseResumesAWaitingReaderWithStreamClosed) {
-    Harness h(10.0);
-    auto reader =
-        std::async(std::launch::async, [&] { return errorOf([&] { h.stream.read(10); }); });
-    ASSERT_TRUE(h.transport->waitForReceive());
-    const auto started = std::chrono::steady_clock::now();
-    h.stream.close();
-    EXPECT_EQ(reader.get(), streamClosed);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 5s);
-    EXPECT_EQ(h.transport->cancels, 1);
-    EXPECT_EQ(errorOf([&] { h.stream.open(); }), streamClosed);
 }
 
 TEST(BufferedByteStreamTest, CancellationFailsTheWaitingReadOnly) {
@@ -266,6 +198,11 @@ TEST(BufferedByteStreamTest, CancellationFailsTheWaitingReadOnly) {
     // Not sticky: the outstanding receive still feeds a later read.
     ASSERT_TRUE(h.transport->deliver(toBytes("ok")));
     EXPECT_EQ(bytesToString(h.stream.read(10)), "ok");
+    // Under a token stopped already, a read fails at once unless bytes are buffered.
+    CancellationScope scope(source.get_token());
+    EXPECT_EQ(errorOf([&] { h.stream.read(10); }), MailError::cancelled());
+    ASSERT_TRUE(h.transport->deliver(toBytes("x")));
+    EXPECT_EQ(bytesToString(h.stream.read(10)), "x");
 }
 
 // A stop requested for a wait that is over, and a timer of an earlier wait,
@@ -296,47 +233,11 @@ TEST(BufferedByteStreamTest, StaleCancellationsAndTimersDoNothing) {
     EXPECT_EQ(reader.get(), "xyz");
 }
 
-TEST(BufferedByteStreamTest, AReadUnderAStoppedTokenFailsAtOnceUnlessBytesAreBuffered) {
-    Harness h(10.0);
-    std::stop_source source;
-    source.request_stop();
-    CancellationScope scope(source.get_token());
-    EXPECT_EQ(errorOf([&] { h.stream.read(10); }), MailError::cancelled());
-    ASSERT_TRUE(h.transport->deliver(toBytes("x")));
-    EXPECT_EQ(bytesToString(h.stream.read(10)), "x");
-}
-
-TEST(BufferedByteStreamTest, StartTLSIsRefusedWhileAReceiveIsOutstanding) {
-    Harness h(0.02);
-    h.stream.upgradeToTLS("imap.example.com");
-    EXPECT_EQ(h.transport->upgrades, std::vector<std::string>{"imap.example.com"});
-    EXPECT_EQ(errorOf([&] { h.stream.read(1); }), readTimedOut);
-    EXPECT_EQ(
-        errorOf([&] { h.stream.upgradeToTLS("imap.example.com"); }),
-        MailError::tls(TLSFailureKind::handshakeFailed, "receive outstanding during STARTTLS"));
-    EXPECT_EQ(h.transport->upgrades.size(), 1u);
-}
-
-TEST(BufferedByteStreamTest, OpenConnectsWithTheConnectTimeoutAndWritesGoToTheTransport) {
-    Harness h;
-    h.stream.open();
-    h.stream.writeText("A1 NOOP\r\n");
-    EXPECT_EQ(h.transport->connectTimeouts, std::vector<double>{7});
-    EXPECT_EQ(bytesToString(h.transport->sent), "A1 NOOP\r\n");
-}
-
-TEST(BufferedByteStreamTest, ReadTimeoutIsBoundedBelowByOneMillisecond) {
-    Harness h(0.0);
-    const auto started = std::chrono::steady_clock::now();
-    EXPECT_EQ(errorOf([&] { h.stream.read(1); }), readTimedOut);
-    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
-}
-
 // Many streams, each with a reader that keeps waiting under short timeouts
-// and its own cancellation tokens while other threads deliver bytes,
-// cancel and close at random. Every read must end in one of its allowed
+// and its own cancellation tokens while another thread delivers bytes,
+// cancels and closes at random. Every read must end in one of its allowed
 // outcomes, nothing may hang, and once closed a stream only says "stream
-// closed". Run under the sanitizers, this also checks that late timers and
+// closed". Under the sanitizers this also checks that late timers and
 // cancellations of finished waits touch nothing.
 TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent) {
     constexpr int streams = 24;
@@ -344,17 +245,19 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
         Harness h{0.004};
         std::atomic<bool> closing{false};  // set before close()
         std::atomic<bool> closed{false};   // set after close() returned
-        std::atomic<bool> done{false};
         std::mutex sourceLock;
         std::stop_source source;
         std::atomic<int> bytesRead{0};
+        void close() {
+            closing = true;
+            h.stream.close();
+            closed = true;
+        }
     };
     std::vector<std::unique_ptr<Slot>> slots;
     for (int i = 0; i < streams; ++i) slots.push_back(std::make_unique<Slot>());
 
-    std::atomic<int> unexpected{0};
-    std::atomic<int> timeouts{0};
-    std::atomic<int> cancellations{0};
+    std::atomic<int> unexpected{0}, timeouts{0}, cancellations{0};
     std::vector<std::thread> readers;
     for (auto& slotPtr : slots) {
         readers.emplace_back([&, slot = slotPtr.get()] {
@@ -374,7 +277,7 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
                 } catch (const MailError& e) {
                     if (e == streamClosed) {
                         if (!slot->closing.load()) ++unexpected;
-                        break;
+                        return;
                     }
                     if (closedBefore) ++unexpected;  // only "stream closed" after close
                     if (e == readTimedOut) {
@@ -386,43 +289,30 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
                     }
                 }
             }
-            slot->done = true;
         });
     }
-    std::thread chaos([&] {
-        std::mt19937 random(7);
-        for (int round = 0; round < 3000; ++round) {
-            Slot& slot = *slots[random() % streams];
-            switch (random() % 10) {
-                case 0: {
-                    std::lock_guard lock(slot.sourceLock);
-                    slot.source.request_stop();
-                    break;
-                }
-                case 1:
-                    if (round > 1500) {
-                        slot.closing = true;
-                        slot.h.stream.close();
-                        slot.closed = true;
-                    }
-                    break;
-                default:
-                    slot.h.transport->deliver(toBytes("abcde"));
+    std::mt19937 random(7);
+    for (int round = 0; round < 3000; ++round) {
+        Slot& slot = *slots[random() % streams];
+        switch (random() % 10) {
+            case 0: {
+                std::lock_guard lock(slot.sourceLock);
+                slot.source.request_stop();
+                break;
             }
-            if (round % 50 == 0) std::this_thread::sleep_for(1ms);
+            case 1:
+                if (round > 1500) slot.close();
+                break;
+            default:
+                slot.h.transport->deliver(toBytes("abcde"));
         }
-        for (auto& s : slots) {
-            s->closing = true;
-            s->h.stream.close();
-            s->closed = true;
-        }
-    });
-    chaos.join();
+        if (round % 50 == 0) std::this_thread::sleep_for(1ms);
+    }
+    for (auto& s : slots) s->close();
     for (auto& t : readers) t.join();
     EXPECT_EQ(unexpected.load(), 0);
     int total = 0;
     for (auto& s : slots) {
-        EXPECT_TRUE(s->done.load());
         EXPECT_EQ(errorOf([&] { s->h.stream.read(1); }), streamClosed);
         total += s->bytesRead.load();
     }

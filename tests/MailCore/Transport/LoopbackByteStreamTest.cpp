@@ -7,21 +7,13 @@
 #include "MailCore/Transport/Cancellation.h"
 #include "MailCore/Transport/LoopbackByteStream.h"
 #include "MailCore/Transport/StreamReader.h"
+#include "TLSTestPeers.h"
 
 namespace mailcore {
 namespace {
 
 using namespace std::chrono_literals;
-
-MailError errorOf(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const MailError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no MailError thrown";
-    return MailError::offline();
-}
+using testing::errorOf;
 
 TEST(LoopbackByteStreamTest, ServerAnswersEachClientLineThroughTheHook) {
     LoopbackByteStream stream(1.0);

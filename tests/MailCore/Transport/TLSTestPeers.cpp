@@ -91,8 +91,6 @@ unique_subject = no
 commonName = supplied
 )";
 
-const std::string newKey = "-newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes";
-
 struct OwnedPKI {
     TestPKI pki;
     ~OwnedPKI() {
@@ -112,56 +110,52 @@ TestPKI makePKI() {
     writeFile(d + "/serial", "1000\n");
     std::filesystem::create_directory(d + "/issued");
     std::filesystem::create_directory(d + "/nocerts");
-    const std::string cnf = "-config openssl.cnf";
-    openssl(d, "req -x509 " + cnf + " " + newKey +
-                   " -keyout ca.key -out ca.pem -days 30 -subj '/CN=Kestrune Test CA' "
-                   "-extensions v3_ca");
-    openssl(d, "req -x509 " + cnf + " " + newKey +
-                   " -keyout rogue.key -out rogue.pem -days 30 -subj '/CN=Rogue Test CA' "
-                   "-extensions v3_ca");
-    const auto request = [&](const std::string& name, const std::string& cn) {
-        openssl(d, "req -new " + cnf + " " + newKey + " -keyout " + name + ".key -out " + name +
-                       ".csr -subj '/CN=" + cn + "'");
+    const std::string req =
+        "req -config openssl.cnf -newkey ec -pkeyopt "
+        "ec_paramgen_curve:prime256v1 -nodes ";
+    const auto selfSigned = [&](const std::string& name, const std::string& cn,
+                                const std::string& extensions) {
+        openssl(d, req + "-x509 -keyout " + name + ".key -out " + name +
+                       ".pem -days 30 -subj '/CN=" + cn + "' -extensions " + extensions);
     };
-    const auto issue = [&](const std::string& name, const std::string& caName,
-                           const std::string& extensions) {
-        openssl(d, "x509 -req -in " + name + ".csr -CA " + caName + ".pem -CAkey " + caName +
+    const auto request = [&](const std::string& name, const std::string& cn) {
+        openssl(d,
+                req + "-new -keyout " + name + ".key -out " + name + ".csr -subj '/CN=" + cn + "'");
+    };
+    selfSigned("ca", "Kestrune Test CA", "v3_ca");
+    selfSigned("rogue", "Rogue Test CA", "v3_ca");
+    selfSigned("self", "localhost", "leaf_localhost");
+    for (const auto& [name, cn, ca, extensions] :
+         {std::tuple<std::string, std::string, std::string, std::string>{"leaf", "localhost", "ca",
+                                                                         "leaf_localhost"},
+          {"other", "other.example", "ca", "leaf_other"},
+          {"rogueleaf", "localhost", "rogue", "leaf_localhost"}}) {
+        request(name, cn);
+        openssl(d, "x509 -req -in " + name + ".csr -CA " + ca + ".pem -CAkey " + ca +
                        ".key -CAcreateserial -days 30 -sha256 -extfile openssl.cnf -extensions " +
                        extensions + " -out " + name + ".pem");
-    };
-    request("leaf", "localhost");
-    issue("leaf", "ca", "leaf_localhost");
-    request("other", "other.example");
-    issue("other", "ca", "leaf_other");
-    request("rogueleaf", "localhost");
-    issue("rogueleaf", "rogue", "leaf_localhost");
+    }
     request("expired", "localhost");
-    openssl(d, "ca -batch " + cnf +
-                   " -extensions leaf_localhost -startdate 20200101000000Z"
-                   " -enddate 20200201000000Z -in expired.csr -out expired.pem");
-    openssl(d, "req -x509 " + cnf + " " + newKey +
-                   " -keyout self.key -out self.pem -days 30 -subj '/CN=localhost' "
-                   "-extensions leaf_localhost");
-    p.ca = d + "/ca.pem";
-    p.caKey = d + "/ca.key";
-    p.rogueCA = d + "/rogue.pem";
-    p.leaf = d + "/leaf.pem";
-    p.leafKey = d + "/leaf.key";
-    p.otherLeaf = d + "/other.pem";
-    p.otherKey = d + "/other.key";
-    p.expiredLeaf = d + "/expired.pem";
-    p.expiredKey = d + "/expired.key";
-    p.rogueLeaf = d + "/rogueleaf.pem";
-    p.rogueKey = d + "/rogueleaf.key";
-    p.selfSigned = d + "/self.pem";
-    p.selfSignedKey = d + "/self.key";
+    openssl(d,
+            "ca -batch -config openssl.cnf -extensions leaf_localhost -startdate 20200101000000Z"
+            " -enddate 20200201000000Z -in expired.csr -out expired.pem");
     // The process's platform trust store is exactly the test CA.
-    setenv("SSL_CERT_FILE", p.ca.c_str(), 1);
+    setenv("SSL_CERT_FILE", (d + "/ca.pem").c_str(), 1);
     setenv("SSL_CERT_DIR", (d + "/nocerts").c_str(), 1);
     return p;
 }
 
 }  // namespace
+
+MailError errorOf(const std::function<void()>& body) {
+    try {
+        body();
+    } catch (const MailError& e) {
+        return e;
+    }
+    ADD_FAILURE() << "no MailError thrown";
+    return MailError::offline();
+}
 
 std::uint16_t freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
@@ -183,7 +177,9 @@ const TestPKI& TestPKI::shared() {
     return owned->pki;
 }
 
-std::string TestPKI::read(const std::string& path) const { return readFile(path); }
+std::string TestPKI::pemText(const std::string& name) const {
+    return readFile(dir + "/" + name + ".pem");
+}
 
 OpenSSLServer::OpenSSLServer(std::vector<std::string> arguments) {
     for (int attempt = 0; attempt < 3; ++attempt) {
@@ -260,6 +256,15 @@ int Listener::accept(int timeoutMs) {
     if (::poll(&p, 1, timeoutMs) <= 0) return -1;
     return ::accept(fd_, nullptr, nullptr);
 }
+
+FullListener::FullListener() : filler_(::socket(AF_INET, SOCK_STREAM, 0)) {
+    sockaddr_in address = loopback(listener_.port());
+    if (::connect(filler_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) {
+        throw std::runtime_error("cannot fill the accept queue");
+    }
+}
+
+FullListener::~FullListener() { ::close(filler_); }
 
 ScriptedServer::ScriptedServer(std::function<void(int fd)> script)
     : thread_([this, script = std::move(script)] {
@@ -338,7 +343,5 @@ StartTLSFront::StartTLSFront(std::uint16_t backendPort)
           }
           ::close(backend);
       }) {}
-
-StartTLSFront::~StartTLSFront() = default;
 
 }  // namespace mailcore::testing

@@ -1,8 +1,8 @@
 // Real peers for the socket transport tests, all on 127.0.0.1: a private
-// PKI generated with the openssl tool at run time, `openssl s_server`
-// processes started and always stopped by their owners, a plain front that
-// plays an IMAP greeting and STARTTLS before relaying to a TLS server, and
-// bare listeners for scripted failures.
+// PKI made with the openssl tool at run time, `openssl s_server` processes
+// started and always stopped by their owners, a plain front that plays an
+// IMAP greeting and STARTTLS before relaying to a TLS server, and bare
+// listeners for scripted failures.
 #pragma once
 
 #include <atomic>
@@ -12,26 +12,32 @@
 #include <thread>
 #include <vector>
 
+#include "MailCore/Common/MailError.h"
+
 namespace mailcore::testing {
+
+// The MailError that `body` throws; a test failure when it throws none.
+MailError errorOf(const std::function<void()>& body);
 
 // A port that was free a moment ago on 127.0.0.1.
 std::uint16_t freePort();
 
-// Certificates and keys in a private temporary directory, removed at exit.
-// `ca` is made the process's platform trust store (SSL_CERT_FILE, with an
-// empty SSL_CERT_DIR), so "trusted by the system" means "issued by ca".
+// Certificates "<name>.pem" with keys "<name>.key" in a private temporary
+// directory, removed at exit: ca (trusted root), rogue (a root nobody
+// trusts), leaf (localhost and 127.0.0.1, by ca), other (other.example, by
+// ca), expired (localhost, by ca, expired in 2020), rogueleaf (localhost, by
+// rogue), self (localhost, self-signed). `ca` is made the process's platform
+// trust store (SSL_CERT_FILE, with an empty SSL_CERT_DIR), so "trusted by
+// the system" means "issued by ca".
 struct TestPKI {
-    std::string dir;
-    std::string ca, caKey;                  // trusted root
-    std::string rogueCA;                    // a root nobody trusts
-    std::string leaf, leafKey;              // localhost and 127.0.0.1, issued by ca
-    std::string otherLeaf, otherKey;        // other.example, issued by ca
-    std::string expiredLeaf, expiredKey;    // localhost, issued by ca, expired in 2020
-    std::string rogueLeaf, rogueKey;        // localhost, issued by rogueCA
-    std::string selfSigned, selfSignedKey;  // localhost, self-signed
-
     static const TestPKI& shared();
-    std::string read(const std::string& path) const;
+    // The s_server arguments that present `name`.
+    std::vector<std::string> serve(const std::string& name) const {
+        return {"-cert", dir + "/" + name + ".pem", "-key", dir + "/" + name + ".key"};
+    }
+    std::string pemText(const std::string& name) const;
+
+    std::string dir;
 };
 
 // `openssl s_server` on 127.0.0.1 with the given arguments (after
@@ -70,6 +76,19 @@ private:
     std::uint16_t port_ = 0;
 };
 
+// A listener whose accept queue is full: connection attempts to it never
+// complete.
+class FullListener {
+public:
+    FullListener();
+    ~FullListener();
+    std::uint16_t port() const { return listener_.port(); }
+
+private:
+    Listener listener_{0};
+    int filler_ = -1;
+};
+
 // Runs `script` with each accepted connection on its own thread; the
 // descriptor is closed after the script returns. Joined when destroyed.
 class ScriptedServer {
@@ -89,7 +108,6 @@ private:
 class StartTLSFront {
 public:
     explicit StartTLSFront(std::uint16_t backendPort);
-    ~StartTLSFront();
     std::uint16_t port() const { return server_.port(); }
 
 private:
