@@ -2,14 +2,8 @@
 // data directory, checking exact output, exit statuses, the app's state and
 // the files written.
 #include <gtest/gtest.h>
-#include <sys/stat.h>
-#include <sys/wait.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "KestruneMCPKit/Installer/MCPHarnessCatalog.h"
 #include "KestruneMCPKit/Link/MCPToken.h"
@@ -17,10 +11,12 @@
 #include "KestruneMCPKit/Shim/MCPCommandLine.h"
 #include "MailCore/Common/Json.h"
 #include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace fs = std::filesystem;
 using mailcore::Json;
 using namespace mcpkit;
+using namespace testfiles;
 
 namespace {
 
@@ -31,28 +27,6 @@ const std::string unknownHarness = "Unknown or missing harness. Known: " + known
 const std::string placeholderNote =
     "Note: the token is a placeholder. Use the app's Connect button, or --install, to create a "
     "real one.";
-
-std::string readFile(const fs::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
-}
-
-void writeFile(const fs::path& path, const std::string& bytes) {
-    fs::create_directories(path.parent_path());
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-// Every path below `dir`, relative to it, sorted.
-std::vector<std::string> tree(const fs::path& dir) {
-    std::vector<std::string> names;
-    for (const auto& item : fs::recursive_directory_iterator(dir)) {
-        names.push_back(fs::relative(item.path(), dir).string());
-    }
-    std::sort(names.begin(), names.end());
-    return names;
-}
 
 struct Outcome {
     std::optional<int> status;
@@ -154,20 +128,13 @@ TEST_F(MCPCommandLineTest, UsageVersionAndUsageErrors) {
         EXPECT_EQ(o.out, c.out) << ::testing::PrintToString(c.args);
         EXPECT_EQ(o.err, c.err) << ::testing::PrintToString(c.args);
     }
+    Outcome first = run({"--gen-token"}, false), second = run({"--gen-token"}, false);
+    EXPECT_EQ(first.status, 0);
+    ASSERT_EQ(first.out.size(), 1u);
+    EXPECT_EQ(first.out[0].rfind("kmt_", 0), 0u);
+    EXPECT_NE(first.out, second.out);
     EXPECT_FALSE(fs::exists(home()));
     EXPECT_FALSE(fs::exists(dataDir()));
-}
-
-TEST_F(MCPCommandLineTest, GenTokenPrintsOneFreshToken) {
-    Outcome first = run({"--gen-token"}, false);
-    Outcome second = run({"--gen-token"}, false);
-    ASSERT_EQ(first.status, 0);
-    ASSERT_EQ(first.out.size(), 1u);
-    EXPECT_TRUE(first.err.empty());
-    EXPECT_EQ(first.out[0].size(), 47u);
-    EXPECT_EQ(first.out[0].rfind("kmt_", 0), 0u);
-    EXPECT_EQ(first.out[0].find_first_of("+/="), std::string::npos);
-    EXPECT_NE(first.out, second.out);
 }
 
 TEST_F(MCPCommandLineTest, MissingOrUnknownHarnessIsAUsageError) {
@@ -232,13 +199,15 @@ TEST_F(MCPCommandLineTest, PrintConfigWritesNothingAndMarksThePlaceholder) {
           "{\n  \"command\": \"/opt/kestrune/kestrune-mcp\",\n  \"args\": [],\n  \"env\": {\n    "
           "\"KESTRUNE_MCP_TOKEN\": \"<KESTRUNE_MCP_TOKEN>\"\n  },\n  \"type\": \"stdio\"\n}",
           "Note: Entry under mcp.servers in ~/.zcode/cli/config.json.", placeholderNote}},
-        {{"--print-config", "claude-code", "--token", "kmt_real", "--command", "/x/k", "--socket",
-          "/run/k.sock"},
+        {{"--print-config", "claude-code", "--token", "kmt_real", "--command", "/x/k it's",
+          "--socket", "/run/k.sock"},
          {"File: " + claudeFile, "Entry \"kestrune\" in mcpServers:",
-          "{\n  \"command\": \"/x/k\",\n  \"args\": [],\n  \"env\": {\n    \"KESTRUNE_MCP_TOKEN\": "
+          "{\n  \"command\": \"/x/k it's\",\n  \"args\": [],\n  \"env\": {\n    "
+          "\"KESTRUNE_MCP_TOKEN\": "
           "\"kmt_real\",\n    \"KESTRUNE_SOCKET\": \"/run/k.sock\"\n  },\n  \"type\": \"stdio\"\n}",
           "Command: claude mcp add-json --scope user kestrune "
-          "'{\"command\":\"/x/k\",\"args\":[],\"env\":{\"KESTRUNE_MCP_TOKEN\":\"kmt_real\","
+          "'{\"command\":\"/x/k "
+          "it'\\''s\",\"args\":[],\"env\":{\"KESTRUNE_MCP_TOKEN\":\"kmt_real\","
           "\"KESTRUNE_SOCKET\":\"/run/k.sock\"},\"type\":\"stdio\"}'",
           "Note: User-scope entry in ~/.claude.json. Equivalent: claude mcp add-json --scope "
           "user."}},
@@ -306,18 +275,7 @@ TEST_F(MCPCommandLineTest, InstallIntoCodexWritesTOMLThatPythonReads) {
     ASSERT_EQ(o.status, 0) << ::testing::PrintToString(o.err);
     EXPECT_EQ(storedToken("codex"), "kmt_given");
 
-    std::string command =
-        "python3 -c 'import json,sys,tomllib; "
-        "print(json.dumps(tomllib.load(open(sys.argv[1],\"rb\"))))' '" +
-        config("codex").string() + "'";
-    FILE* pipe = ::popen(command.c_str(), "r");
-    ASSERT_TRUE(pipe);
-    std::string output;
-    char buffer[4096];
-    std::size_t n;
-    while ((n = std::fread(buffer, 1, sizeof buffer, pipe)) > 0) output.append(buffer, n);
-    ASSERT_EQ(::pclose(pipe), 0) << output;
-    Json parsed = mailcore::parseJson(output);
+    Json parsed = readTOMLWithPython({readFile(config("codex"))}).front();
     EXPECT_EQ(parsed["model"], "o3");
     EXPECT_EQ(
         parsed["mcp_servers"]["kestrune"],
@@ -371,46 +329,40 @@ TEST_F(MCPCommandLineTest, FailedInstallLeavesFileAndRegistrationAsTheyWere) {
 TEST_F(MCPCommandLineTest, StatusReportsEveryState) {
     EXPECT_EQ(run({"--status", "cursor"}).out,
               std::vector<std::string>{"cursor: not registered with the app"});
-
     writeFile(config("cursor"), "{}");
     ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_c"}).status, 0);
+    const std::string installed = readFile(config("cursor"));
+    Json edited = mailcore::parseJson(installed);
+    edited["mcpServers"]["kestrune"]["args"] = Json::array({"--debug"});
     struct Case {
         std::vector<std::string> args;
+        std::optional<std::string> file;  // none: the harness's directory is gone
         std::string out;
     };
     const std::vector<Case> cases = {
-        {{"--status", "cursor"}, "installed"},
+        {{"--status", "cursor"}, installed, "installed"},
         {{"--status", "cursor", "--command", "/moved/kestrune-mcp"},
+         installed,
          "drift(The helper path changed.)"},
         {{"--status", "cursor", "--socket", "/run/other.sock"},
+         installed,
          "drift(The token or environment differs from this app's registration.)"},
-        {{"--status", "vscode"}, "vscode: not registered with the app"},
+        {{"--status", "cursor"}, edited.dump(), "drift(The arguments were edited.)"},
+        {{"--status", "cursor"}, R"({"mcpServers": {}})", "notInstalled"},
+        {{"--status", "cursor"}, "{\"mcpServers\": \xff}", "unreadable(not readable as UTF-8)"},
+        {{"--status", "cursor"}, std::nullopt, "notDetected"},
+        {{"--status", "vscode"}, installed, "vscode: not registered with the app"},
     };
     for (const Case& c : cases) {
+        fs::remove_all(home() / ".cursor");
+        if (c.file) writeFile(config("cursor"), *c.file);
         Outcome o = run(c.args);
         EXPECT_EQ(o.status, 0);
         EXPECT_EQ(o.out, std::vector<std::string>{c.out}) << ::testing::PrintToString(c.args);
     }
-
-    Json file = mailcore::parseJson(readFile(config("cursor")));
-    file["mcpServers"]["kestrune"]["args"] = Json::array({"--debug"});
-    writeFile(config("cursor"), file.dump());
-    EXPECT_EQ(run({"--status", "cursor"}).out,
-              std::vector<std::string>{"drift(The arguments were edited.)"});
-
-    file["mcpServers"].erase("kestrune");
-    writeFile(config("cursor"), file.dump());
-    EXPECT_EQ(run({"--status", "cursor"}).out, std::vector<std::string>{"notInstalled"});
-
-    writeFile(config("cursor"), "{\"mcpServers\": \xff}");
-    EXPECT_EQ(run({"--status", "cursor"}).out,
-              std::vector<std::string>{"unreadable(not readable as UTF-8)"});
-
-    fs::remove_all(home() / ".cursor");
-    EXPECT_EQ(run({"--status", "cursor"}).out, std::vector<std::string>{"notDetected"});
 }
 
-TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistration) {
+TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistrationOnlyWhenItCan) {
     writeFile(config("windsurf"), R"({"mcpServers": {"keep": {"command": "k"}}})");
     ASSERT_EQ(run({"--install", "windsurf"}).status, 0);
     now += std::chrono::seconds(1);
@@ -424,18 +376,13 @@ TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistration) {
               Json::parse(R"({"mcpServers": {"keep": {"command": "k"}}})"));
     EXPECT_FALSE(registered("windsurf"));
     EXPECT_FALSE(storedToken("windsurf"));
+    EXPECT_EQ(run({"--uninstall", "windsurf"}).out, std::vector<std::string>{"Nothing to remove"});
 
-    Outcome again = run({"--uninstall", "windsurf"});
-    EXPECT_EQ(again.status, 0);
-    EXPECT_EQ(again.out, std::vector<std::string>{"Nothing to remove"});
-}
-
-TEST_F(MCPCommandLineTest, FailedUninstallKeepsTheRegistration) {
     writeFile(config("cursor"), "{}");
     ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_keep"}).status, 0);
-    std::string broken = "{\"mcpServers\": {\"kestrune\": {}},}";
+    const std::string broken = "{\"mcpServers\": {\"kestrune\": {}},}";
     writeFile(config("cursor"), broken);
-    Outcome o = run({"--uninstall", "cursor"});
+    o = run({"--uninstall", "cursor"});
     EXPECT_EQ(o.status, 1);
     EXPECT_EQ(o.err, std::vector<std::string>{
                          "Uninstall failed: unreadable(not a plain JSON object (comments or a "
@@ -443,10 +390,8 @@ TEST_F(MCPCommandLineTest, FailedUninstallKeepsTheRegistration) {
     EXPECT_EQ(readFile(config("cursor")), broken);
     EXPECT_TRUE(registered("cursor"));
     EXPECT_EQ(storedToken("cursor"), "kmt_keep");
-
-    Outcome vscode = run({"--uninstall", "vscode"});
-    EXPECT_EQ(vscode.status, 1);
-    EXPECT_EQ(vscode.err, std::vector<std::string>{"Uninstall failed: snippetOnly"});
+    EXPECT_EQ(run({"--uninstall", "vscode"}).err,
+              std::vector<std::string>{"Uninstall failed: snippetOnly"});
 }
 
 TEST_F(MCPCommandLineTest, UnusableDataDirectoryFailsClearly) {
@@ -462,38 +407,31 @@ TEST_F(MCPCommandLineTest, UnusableDataDirectoryFailsClearly) {
 
 // The built helper: exit statuses and which stream carries the text.
 TEST(MCPCommandLineProcessTest, ExitStatusesOfTheBuiltHelper) {
-    const char* binaryDir = std::getenv("KESTRUNE_BINARY_DIR");
-    fs::path exe = binaryDir ? fs::path(binaryDir) / "kestrune_mcp/kestrune-mcp"
-                             : fs::read_symlink("/proc/self/exe")
-                                       .parent_path()
-                                       .parent_path()
-                                       .parent_path()
-                                       .parent_path() /
-                                   "kestrune_mcp/kestrune-mcp";
     linktest::TempDir dir;
     struct Case {
-        std::string args;
+        std::vector<std::string> args;
         int status;
-        bool out;
+        std::string out;  // exact when not empty
         bool err;
     };
     const std::vector<Case> cases = {
-        {"--version", 0, true, false},        {"status", 64, false, false},
-        {"--nope", 64, false, true},          {"--install vscode", 2, false, true},
-        {"--install nope", 64, false, true},  {"--gen-token", 0, true, false},
-        {"--list-harnesses", 0, true, false},
+        {{"--version"}, 0, "kestrune-mcp 0.1.0\n", false},
+        {{"status"}, 64, "", false},
+        {{"--nope"}, 64, "", true},
+        {{"--install", "vscode"}, 2, "", true},
+        {{"--install", "nope"}, 64, "", true},
+        {{"--gen-token"}, 0, "", false},
+        {{"--list-harnesses"}, 0, "", false},
     };
     for (const Case& c : cases) {
-        std::string command = "HOME='" + dir.path().string() + "' '" + exe.string() + "' " +
-                              c.args + " >'" + (dir / "out").string() + "' 2>'" +
-                              (dir / "err").string() + "'";
-        int raw = std::system(command.c_str());
-        ASSERT_TRUE(WIFEXITED(raw)) << c.args;
-        EXPECT_EQ(WEXITSTATUS(raw), c.status) << c.args;
-        EXPECT_EQ(!readFile(dir / "out").empty(), c.out) << c.args;
-        EXPECT_EQ(!readFile(dir / "err").empty(), c.err) << c.args;
+        SCOPED_TRACE(::testing::PrintToString(c.args));
+        ProcessOutcome o = runHelper(c.args, {"HOME=" + dir.path().string()});
+        EXPECT_EQ(o.status, c.status);
+        if (!c.out.empty()) EXPECT_EQ(o.out, c.out);
+        EXPECT_EQ(o.out.empty(), c.status != 0);
+        EXPECT_EQ(!o.err.empty(), c.err);
     }
-    EXPECT_FALSE(fs::exists(dir / ".local")) << "no command created the data directory";
+    EXPECT_EQ(tree(dir.path()), std::vector<std::string>{}) << "no command wrote anything";
 }
 
 }  // namespace

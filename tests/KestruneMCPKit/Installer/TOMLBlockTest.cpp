@@ -4,15 +4,13 @@
 
 #include <nlohmann/json.hpp>
 
-#include "InstallerTestSupport.h"
 #include "KestruneMCPKit/Installer/MCPInstallError.h"
 #include "KestruneMCPKit/Installer/TOMLBlock.h"
+#include "tests/fakes/TestFiles.h"
 
 using namespace mcpkit;
-using installertest::readTOMLWithPython;
-using installertest::TemporaryHome;
-using installertest::writeFile;
 using mailcore::Json;
+using testfiles::readTOMLWithPython;
 
 namespace {
 
@@ -25,11 +23,6 @@ Json expectedTOMLEntry(const MCPServerEntry& entry) {
     Json env = Json::object();
     for (const auto& [key, value] : entry.env) env[key] = value;
     return Json{{"command", entry.command}, {"args", entry.args}, {"env", env}};
-}
-
-// Parses `text` with tomllib (through a file in `home`).
-Json pythonRead(const TemporaryHome& home, const std::string& text) {
-    return installertest::readTOMLTextsWithPython(home.path(), {text}).front();
 }
 
 // The document without our entry (and without an mcp_servers table left empty).
@@ -65,12 +58,11 @@ TEST(TOMLBlockTest, BlockIsWrittenExactly) {
 }
 
 TEST(TOMLBlockTest, QuotedValuesReadBackIdenticallyInPython) {
-    TemporaryHome home;
     MCPServerEntry entry =
         MCPServerEntry::make("C:\\Program Files\\\"quoted\" kestrune\ttab\nline\x01\x7f",
                              "kmt_\xC3\xA9\xF0\x9F\x93\xAE", std::string("/tmp/a'b.sock"));
     entry.args = {"", "\\", "\"\"\""};
-    Json parsed = pythonRead(home, TOMLBlock::block("kestrune", entry));
+    Json parsed = readTOMLWithPython({TOMLBlock::block("kestrune", entry)}).front();
     EXPECT_EQ(parsed["mcp_servers"]["kestrune"], expectedTOMLEntry(entry));
 }
 
@@ -86,7 +78,7 @@ TEST(TOMLBlockTest, QuoteRefusesTextThatIsNotUTF8) {
 struct EditCase {
     const char* label;
     std::string original;
-    // The exact text after installing sampleEntry(); empty: not checked here.
+    // The exact text after installing sampleEntry().
     std::string installed;
     // The exact text after removing from the installed text.
     std::string removed;
@@ -95,6 +87,12 @@ struct EditCase {
 class TOMLEditTest : public ::testing::TestWithParam<EditCase> {};
 
 const std::string block = TOMLBlock::block("kestrune", sampleEntry());
+
+std::string crlf(const std::string& text) {
+    std::string out;
+    for (char ch : text) out += ch == '\n' ? std::string("\r\n") : std::string(1, ch);
+    return out;
+}
 
 const std::string handWritten =
     "# Codex settings\n"
@@ -162,16 +160,14 @@ INSTANTIATE_TEST_SUITE_P(
                  "[mcp_servers.kestrune]\ncommand = \"x\"\nenv = { KESTRUNE_MCP_TOKEN = \"o\" "
                  "}\n[mcp_servers.kestrune.extra]\nk = 1\n# kept\n[z]\n",
                  block + "# kept\n[z]\n", "# kept\n[z]\n"},
-        EditCase{"CRLFFile", "model = \"o3\"\r\n", "", ""}),
+        EditCase{"CRLFFileGetsCRLFLines", "model = \"o3\"\r\n",
+                 "model = \"o3\"\r\n\r\n" + crlf(block), "model = \"o3\"\r\n"}),
     [](const auto& param) { return std::string(param.param.label); });
 
 TEST_P(TOMLEditTest, InstallAndRemoveTouchOnlyOurTables) {
     const EditCase& c = GetParam();
-    TemporaryHome home;
     std::string installed = TOMLBlock::install(c.original, "kestrune", block);
-    if (!c.installed.empty()) {
-        EXPECT_EQ(installed, c.installed);
-    }
+    EXPECT_EQ(installed, c.installed);
 
     // Installing again changes nothing; the entry reads back.
     EXPECT_EQ(TOMLBlock::install(installed, "kestrune", block), installed);
@@ -183,15 +179,12 @@ TEST_P(TOMLEditTest, InstallAndRemoveTouchOnlyOurTables) {
 
     auto removed = TOMLBlock::remove(installed, "kestrune");
     ASSERT_TRUE(removed);
-    if (!c.installed.empty()) {
-        EXPECT_EQ(*removed, c.removed);
-    }
+    EXPECT_EQ(*removed, c.removed);
     EXPECT_FALSE(TOMLBlock::remove(*removed, "kestrune"));
 
     // Python reads what we wrote and finds our entry, and the rest of the
     // document is what it was, after install and after removal.
-    auto documents =
-        installertest::readTOMLTextsWithPython(home.path(), {c.original, installed, *removed});
+    auto documents = readTOMLWithPython({c.original, installed, *removed});
     const Json& before = documents[0];
     const Json& after = documents[1];
     const Json& cleaned = documents[2];
@@ -200,17 +193,6 @@ TEST_P(TOMLEditTest, InstallAndRemoveTouchOnlyOurTables) {
                                                                             << after.dump();
     EXPECT_FALSE(cleaned.contains("mcp_servers") && cleaned["mcp_servers"].contains("kestrune"));
     EXPECT_TRUE(sameIgnoringOrder(withoutOurs(before), cleaned));
-}
-
-TEST(TOMLBlockTest, CRLFFilesGetCRLFBlocks) {
-    std::string installed = TOMLBlock::install("model = \"o3\"\r\n", "kestrune", block);
-    EXPECT_EQ(installed.rfind("model = \"o3\"\r\n\r\n[mcp_servers.kestrune]\r\n", 0), 0u);
-    for (std::size_t k = 0; k < installed.size(); ++k) {
-        if (installed[k] == '\n') {
-            EXPECT_TRUE(k > 0 && installed[k - 1] == '\r') << k;
-        }
-    }
-    EXPECT_EQ(*TOMLBlock::remove(installed, "kestrune"), "model = \"o3\"\r\n");
 }
 
 TEST(TOMLBlockTest, ReadsEntriesWrittenByHand) {
