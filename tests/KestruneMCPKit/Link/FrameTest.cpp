@@ -15,17 +15,14 @@ using mailcore::Json;
 using mcpkit::FrameReader;
 using Kind = FrameReader::Next::Kind;
 
+// Line feeds inside strings stay escaped; invalid UTF-8 becomes U+FFFD
+// instead of failing the encoding.
 TEST(FrameTest, EncodesCompactJsonOnOneLine) {
     const Json object{{"text", "line one\nline two"}, {"path", "a/b"}, {"n", 1}};
     const std::string frame = mcpkit::Frame::encode(object);
     EXPECT_EQ(frame, "{\"text\":\"line one\\nline two\",\"path\":\"a/b\",\"n\":1}\n");
-    EXPECT_EQ(mailcore::parseJson(frame), object);  // the escaped line feed survives
-}
-
-TEST(FrameTest, InvalidUtf8BecomesReplacementCharacterInsteadOfFailing) {
-    const std::string frame = mcpkit::Frame::encode(Json{{"s", std::string("a\xFF"
-                                                                           "b")}});
-    EXPECT_EQ(frame,
+    EXPECT_EQ(mailcore::parseJson(frame), object);
+    EXPECT_EQ(mcpkit::Frame::encode(Json{{"s", std::string("a\xFF") + "b"}}),
               "{\"s\":\"a\xEF\xBF\xBD"
               "b\"}\n");
 }
@@ -125,19 +122,6 @@ TEST(FrameReaderTest, SplitsStreamsWholeBytewiseAndInRandomPieces) {
             EXPECT_EQ(outcome.last, c.last);
         }
     }
-}
-
-TEST(FrameReaderTest, AcceptsOneMebibyteAndRefusesOneByteMore) {
-    const std::size_t limit = 1048576;
-    const std::string exact(limit, 'a');
-    ReadOutcome ok = readChunks({exact + "\n"}, limit);
-    ASSERT_EQ(ok.frames.size(), 1u);
-    EXPECT_EQ(ok.frames[0].size(), limit);
-    EXPECT_EQ(ok.last, Kind::end);
-
-    ReadOutcome over = readChunks({exact + "a\n"}, limit);
-    EXPECT_TRUE(over.frames.empty());
-    EXPECT_EQ(over.last, Kind::tooLarge);
 }
 
 TEST(FrameReaderTest, RefusesAnEndlessLineWithoutReadingItAll) {

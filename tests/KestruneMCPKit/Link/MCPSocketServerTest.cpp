@@ -5,9 +5,7 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <filesystem>
-#include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -92,29 +90,9 @@ TEST_F(MCPSocketServerTest, ServesWhileRunningAndRemovesTheSocketWhenStopped) {
     EXPECT_EQ(link.send(Json{{"op", "again"}})["echo"]["op"], "again");
 }
 
-TEST_F(MCPSocketServerTest, TightensAnOpenDirectory) {
-    ASSERT_EQ(::mkdir(dir.c_str(), 0755), 0);
-    ASSERT_EQ(::chmod(dir.c_str(), 0755), 0);
-    MCPSocketServer server(path, mcpkit::MCP::maxFrameBytes, echoHandler);
-    server.start();
-    EXPECT_EQ(modeOf(dir), 0700u);
-}
-
-TEST_F(MCPSocketServerTest, ASecondServerOnALivePathFailsAndAStaleSocketIsReplaced) {
-    MCPSocketServer first(path, mcpkit::MCP::maxFrameBytes, echoHandler);
-    first.start();
-    MCPSocketServer second(path, mcpkit::MCP::maxFrameBytes, echoHandler);
-    try {
-        second.start();
-        ADD_FAILURE() << "second server started";
-    } catch (const MCPSocketError& e) {
-        EXPECT_EQ(e, MCPSocketError::alreadyRunning());
-    }
-    EXPECT_FALSE(second.isRunning());
-    EXPECT_EQ(MCPSocketLink(path, 5).send(Json{{"op", "x"}})["echo"]["op"], "x");  // first intact
-}
-
-TEST_F(MCPSocketServerTest, AStaleSocketFileIsRemovedAndAnyOtherFileIsLeftAlone) {
+// A live server keeps its path; a stale socket file is replaced; any other
+// file is left alone.
+TEST_F(MCPSocketServerTest, OnlyAStaleSocketFileIsReplaced) {
     mcpkit::MCPPaths::preparePrivateDirectory(dir);
     {
         // A socket file with nothing listening, as a crash leaves it.
@@ -132,6 +110,14 @@ TEST_F(MCPSocketServerTest, AStaleSocketFileIsRemovedAndAnyOtherFileIsLeftAlone)
     {
         MCPSocketServer server(path, mcpkit::MCP::maxFrameBytes, echoHandler);
         server.start();
+        MCPSocketServer second(path, mcpkit::MCP::maxFrameBytes, echoHandler);
+        try {
+            second.start();
+            ADD_FAILURE() << "second server started";
+        } catch (const MCPSocketError& e) {
+            EXPECT_EQ(e, MCPSocketError::alreadyRunning());
+        }
+        EXPECT_FALSE(second.isRunning());
         EXPECT_EQ(MCPSocketLink(path, 5).send(Json{{"op", "x"}})["echo"]["op"], "x");
     }
     fs::remove(path);
@@ -154,20 +140,6 @@ TEST_F(MCPSocketServerTest, RefusesASymlinkedDirectory) {
     MCPSocketServer server(path, mcpkit::MCP::maxFrameBytes, echoHandler);
     EXPECT_THROW(server.start(), MCPSocketError);
     EXPECT_FALSE(fs::exists(tmp / "real/kestrune.sock"));
-}
-
-TEST_F(MCPSocketServerTest, RefusesADirectoryOwnedByAnotherUser) {
-    if (!linktest::canSwitchUser())
-        GTEST_SKIP() << "needs root to give a directory to another user";
-    ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
-    ASSERT_EQ(::chown(dir.c_str(), linktest::otherUserID(), linktest::otherGroupID()), 0);
-    MCPSocketServer server(path, mcpkit::MCP::maxFrameBytes, echoHandler);
-    try {
-        server.start();
-        ADD_FAILURE() << "started in a foreign directory";
-    } catch (const MCPSocketError& e) {
-        EXPECT_EQ(e, MCPSocketError::insecureDirectory(dir));
-    }
 }
 
 TEST_F(MCPSocketServerTest, SocketPathsOf104BytesFailAnd103Work) {
@@ -300,39 +272,6 @@ TEST_F(MCPSocketServerTest, AThrowingHandlerEndsTheConnectionWithoutAReply) {
         ADD_FAILURE() << "replied";
     } catch (const MCPLinkError& e) {
         EXPECT_EQ(e, MCPLinkError::transport("no reply from the app"));
-    }
-}
-
-// Both handler calls wait until the other has started; if the server served
-// them one after the other, the first would give up and answer "serial".
-TEST_F(MCPSocketServerTest, TwoSlowCallsRunConcurrentlyAndBothComeBackWhole) {
-    std::mutex m;
-    std::condition_variable cv;
-    int entered = 0;
-    MCPSocketServer server(path, mcpkit::MCP::maxFrameBytes, [&](const std::string& request) {
-        std::unique_lock lock(m);
-        ++entered;
-        cv.notify_all();
-        const bool both = cv.wait_for(lock, std::chrono::seconds(10), [&] { return entered >= 2; });
-        Json parsed = mailcore::parseJson(request);
-        return mailcore::encodeJson(Json{{"ok", true},
-                                         {"id", parsed["id"]},
-                                         {"mode", both ? "concurrent" : "serial"},
-                                         {"pad", std::string(100000, 'p')}});
-    });
-    server.start();
-    Json replies[2];
-    std::thread calls[2];
-    for (int i = 0; i < 2; ++i) {
-        calls[i] = std::thread([&, i] {
-            replies[i] = MCPSocketLink(path, 30).send(Json{{"id", i}});
-        });
-    }
-    for (auto& t : calls) t.join();
-    for (int i = 0; i < 2; ++i) {
-        EXPECT_EQ(replies[i]["id"], i);
-        EXPECT_EQ(replies[i]["mode"], "concurrent");
-        EXPECT_EQ(replies[i]["pad"].get<std::string>().size(), 100000u);
     }
 }
 

@@ -1,17 +1,8 @@
 // Drives the built kestrune-mcp executable as a harness would: environment,
 // stdin lines, stdout lines, exit status.
-#include <fcntl.h>
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <signal.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <condition_variable>
-#include <csignal>
-#include <cstdlib>
-#include <filesystem>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <random>
@@ -22,106 +13,13 @@
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
 #include "KestruneMCPKit/Service/MCPTools.h"
 #include "tests/fakes/LinkTestSupport.h"
-
-extern char** environ;
+#include "tests/fakes/TestFiles.h"
 
 namespace {
 
-namespace fs = std::filesystem;
 using mailcore::Json;
-
-// The build tree: KESTRUNE_BINARY_DIR under ctest, else four levels above
-// this test executable (<build>/tests/KestruneMCPKit/Shim/<test>).
-std::string helperPath() {
-    if (const char* dir = std::getenv("KESTRUNE_BINARY_DIR"))
-        return std::string(dir) + "/kestrune_mcp/kestrune-mcp";
-    const fs::path self = fs::read_symlink("/proc/self/exe");
-    return (self.parent_path().parent_path().parent_path().parent_path() /
-            "kestrune_mcp/kestrune-mcp")
-        .string();
-}
-
-struct Outcome {
-    int status = -1;  // exit status, or -1 when killed or not exited
-    std::string out;
-    std::string err;
-};
-
-// Runs the helper with exactly `env` as its environment (plus the
-// sanitizer settings of this process), feeds `input`, closes stdin, and
-// collects everything until it exits (killed after 30 s).
-Outcome runHelper(const std::vector<std::string>& args, std::vector<std::string> env,
-                  const std::string& input) {
-    // The helper may exit before reading its input (no token): writing to
-    // its closed stdin must fail with EPIPE, not end this test process.
-    std::signal(SIGPIPE, SIG_IGN);
-    for (const char* keep : {"ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"}) {
-        if (const char* v = std::getenv(keep)) env.push_back(std::string(keep) + "=" + v);
-    }
-    int in[2], out[2], err[2];
-    if (::pipe2(in, O_CLOEXEC) || ::pipe2(out, O_CLOEXEC) || ::pipe2(err, O_CLOEXEC)) return {};
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, in[0], 0);
-    posix_spawn_file_actions_adddup2(&actions, out[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    const std::string exe = helperPath();
-    std::vector<char*> argv{const_cast<char*>(exe.c_str())};
-    for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    std::vector<char*> envp;
-    for (auto& e : env) envp.push_back(e.data());
-    envp.push_back(nullptr);
-    pid_t pid = -1;
-    const int spawned = posix_spawn(&pid, exe.c_str(), &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(in[0]);
-    ::close(out[1]);
-    ::close(err[1]);
-    Outcome outcome;
-    if (spawned != 0) {
-        ::close(in[1]);
-        ::close(out[0]);
-        ::close(err[0]);
-        ADD_FAILURE() << "cannot start " << exe;
-        return outcome;
-    }
-    std::thread writer([fd = in[1], &input] {
-        std::size_t done = 0;
-        while (done < input.size()) {
-            ssize_t n = ::write(fd, input.data() + done, input.size() - done);
-            if (n <= 0) break;
-            done += static_cast<std::size_t>(n);
-        }
-        ::close(fd);
-    });
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    pollfd fds[2] = {{out[0], POLLIN, 0}, {err[0], POLLIN, 0}};
-    int open = 2;
-    while (open > 0 && std::chrono::steady_clock::now() < deadline) {
-        if (::poll(fds, 2, 200) <= 0) continue;
-        for (auto& p : fds) {
-            if (p.fd < 0 || !(p.revents & (POLLIN | POLLHUP | POLLERR))) continue;
-            char buffer[65536];
-            ssize_t n = ::read(p.fd, buffer, sizeof buffer);
-            if (n > 0) {
-                (p.fd == out[0] ? outcome.out : outcome.err).append(buffer, n);
-            } else {
-                ::close(p.fd);
-                p.fd = -1;
-                --open;
-            }
-        }
-    }
-    if (open > 0) ::kill(pid, SIGKILL);
-    for (auto& p : fds)
-        if (p.fd >= 0) ::close(p.fd);
-    writer.join();
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    outcome.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return outcome;
-}
+using testfiles::ProcessOutcome;
+using testfiles::runHelper;
 
 std::vector<Json> lines(const std::string& text) {
     std::vector<Json> out;
@@ -147,23 +45,13 @@ TEST(HelperProcessTest, WithoutATokenItSaysSoOnStderrAndExitsTwo) {
     for (const std::vector<std::string>& env :
          {std::vector<std::string>{"HOME=/nonexistent"},
           std::vector<std::string>{"HOME=/nonexistent", "KESTRUNE_MCP_TOKEN="}}) {
-        Outcome o = runHelper({}, env,
-                              R"({"jsonrpc":"2.0","id":1,"method":"ping"})"
-                              "\n");
+        ProcessOutcome o = runHelper({}, env,
+                                     R"({"jsonrpc":"2.0","id":1,"method":"ping"})"
+                                     "\n");
         EXPECT_EQ(o.status, 2);
         EXPECT_EQ(o.out, "");
         EXPECT_EQ(o.err, missingToken);
     }
-}
-
-TEST(HelperProcessTest, OptionsRunTheCommandLine) {
-    Outcome version = runHelper({"--version"}, {}, "");
-    EXPECT_EQ(version.status, 0);
-    EXPECT_EQ(version.out, "kestrune-mcp 0.1.0\n");
-    Outcome bogus = runHelper({"--bogus"}, {}, "");
-    EXPECT_EQ(bogus.status, 64);
-    EXPECT_EQ(bogus.out, "");
-    EXPECT_FALSE(bogus.err.empty());
 }
 
 TEST(HelperProcessTest, WithoutTheAppItStillHandshakesListsAndExplains) {
@@ -177,7 +65,8 @@ TEST(HelperProcessTest, WithoutTheAppItStillHandshakesListsAndExplains) {
         "\n"
         R"({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"list_accounts","arguments":{}}})"
         "\n";
-    Outcome o = runHelper({}, {"HOME=" + tmp.path().string(), "KESTRUNE_MCP_TOKEN=tok"}, input);
+    ProcessOutcome o =
+        runHelper({}, {"HOME=" + tmp.path().string(), "KESTRUNE_MCP_TOKEN=tok"}, input);
     EXPECT_EQ(o.status, 0);
     EXPECT_EQ(o.err, "");
     auto answers = lines(o.out);
@@ -252,7 +141,8 @@ TEST(HelperProcessTest, ConcurrentCallsComeBackWholeAndByeFollowsThem) {
         "\n"
         R"({"jsonrpc":"2.0","id":"y","method":"tools/call","params":{"name":"search_messages","arguments":{"tag":"y"}}})"
         "\n";
-    Outcome o = runHelper({}, {"HOME=" + tmp.path().string(), "KESTRUNE_MCP_TOKEN=tok"}, input);
+    ProcessOutcome o =
+        runHelper({}, {"HOME=" + tmp.path().string(), "KESTRUNE_MCP_TOKEN=tok"}, input);
     EXPECT_EQ(o.status, 0);
     auto answers = lines(o.out);
     ASSERT_EQ(answers.size(), 3u);
@@ -296,7 +186,7 @@ TEST(HelperProcessTest, ArbitraryBytesOnStdinGetOneErrorLineEachAndNeverACrash) 
     input += R"({"jsonrpc":"2.0","id":"last","method":"tools/list"})"
              "\n";
     ++expected;
-    Outcome o = runHelper(
+    ProcessOutcome o = runHelper(
         {}, {"HOME=/nonexistent", "KESTRUNE_MCP_TOKEN=t", "KESTRUNE_SOCKET=" + socket}, input);
     EXPECT_EQ(o.status, 0);
     auto answers = lines(o.out);

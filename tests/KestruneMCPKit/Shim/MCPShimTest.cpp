@@ -1,17 +1,12 @@
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <mutex>
 #include <nlohmann/json.hpp>
 #include <optional>
-#include <thread>
 
 #include "KestruneMCPKit/Link/MCPLinkError.h"
-#include "KestruneMCPKit/Link/MCPSocketLink.h"
-#include "KestruneMCPKit/Link/MCPSocketServer.h"
 #include "KestruneMCPKit/Service/MCPTools.h"
 #include "KestruneMCPKit/Shim/MCPShim.h"
-#include "tests/fakes/LinkTestSupport.h"
 
 namespace {
 
@@ -250,40 +245,20 @@ TEST_F(MCPShimTest, ToolsCallRelaysTheCallAndAlwaysAnswersAResult) {
         std::string text;
         bool isError;
     };
+    auto reply = [](Json r) { return [r](const Json&) { return r; }; };
+    auto fail = [](auto e) { return [e](const Json&) -> Json { throw e; }; };
     const Case cases[] = {
-        {"ok with text",
-         [](const Json&) {
-             return Json{{"ok", true}, {"text", "[]"}};
-         },
-         "[]", false},
-        {"ok tool error",
-         [](const Json&) {
-             return Json{{"ok", true}, {"text", "Unknown tool."}, {"isError", true}};
-         },
+        {"ok with text", reply({{"ok", true}, {"text", "[]"}}), "[]", false},
+        {"ok tool error", reply({{"ok", true}, {"text", "Unknown tool."}, {"isError", true}}),
          "Unknown tool.", true},
-        {"ok without text",
-         [](const Json&) {
-             return Json{{"ok", true}};
-         },
-         "", false},
-        {"refused",
-         [](const Json&) {
-             return Json{{"ok", false}, {"error", "Too many requests."}};
-         },
-         "Too many requests.", true},
-        {"refused without text",
-         [](const Json&) {
-             return Json{{"ok", false}};
-         },
-         "The request was refused.", true},
-        {"not running", [](const Json&) -> Json { throw MCPLinkError::appNotRunning(); },
-         notRunning, true},
-        {"transport", [](const Json&) -> Json { throw MCPLinkError::transport("write failed"); },
-         unreachable, true},
-        {"malformed", [](const Json&) -> Json { throw MCPLinkError::malformedReply(); },
-         unreachable, true},
-        {"anything else", [](const Json&) -> Json { throw std::runtime_error("boom"); },
-         unreachable, true},
+        {"ok without text", reply({{"ok", true}}), "", false},
+        {"refused", reply({{"ok", false}, {"error", "Too many requests."}}), "Too many requests.",
+         true},
+        {"refused without text", reply({{"ok", false}}), "The request was refused.", true},
+        {"not running", fail(MCPLinkError::appNotRunning()), notRunning, true},
+        {"transport", fail(MCPLinkError::transport("write failed")), unreachable, true},
+        {"malformed", fail(MCPLinkError::malformedReply()), unreachable, true},
+        {"anything else", fail(std::runtime_error("boom")), unreachable, true},
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
@@ -291,10 +266,10 @@ TEST_F(MCPShimTest, ToolsCallRelaysTheCallAndAlwaysAnswersAResult) {
             std::lock_guard guard(script->lock);
             script->answer = c.app;
         }
-        Json reply = answerJson(
+        Json answered = answerJson(
             R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":"search_messages",)"
             R"("arguments":{"query":"invoice"}}})");
-        EXPECT_EQ(reply,
+        EXPECT_EQ(answered,
                   (Json{{"jsonrpc", "2.0"},
                         {"id", 9},
                         {"result",
@@ -319,54 +294,6 @@ TEST_F(MCPShimTest, CloseSaysByeAndIgnoresFailures) {
     failWith(MCPLinkError::appNotRunning());
     EXPECT_NO_THROW(shim.close());
     EXPECT_TRUE(output.empty());
-}
-
-// Two calls over a real socket, each held by the app until both arrived:
-// both answers come back whole, one line each.
-TEST(MCPShimSocketTest, TwoSlowCallsAnswerAsTwoWholeLines) {
-    linktest::TempDir tmp;
-    const std::string path = (tmp / "mcp/kestrune.sock").string();
-    std::mutex m;
-    std::condition_variable cv;
-    int entered = 0;
-    mcpkit::MCPSocketServer server(path, 1048576, [&](const std::string& request) {
-        Json r = mailcore::parseJson(request);
-        if (r["op"] != "call") return std::string(R"({"ok":true})");
-        std::unique_lock lock(m);
-        ++entered;
-        cv.notify_all();
-        const bool both = cv.wait_for(lock, std::chrono::seconds(10), [&] { return entered >= 2; });
-        return mailcore::encodeJson(Json{
-            {"ok", true},
-            {"text", std::string(both ? "concurrent " : "serial ") + std::string(200000, 'x')}});
-    });
-    server.start();
-    std::mutex outputLock;
-    std::string stdoutBytes;
-    MCPShim shim(std::make_unique<mcpkit::MCPSocketLink>(path, 30), "t",
-                 [&](const std::string& line) {
-                     std::lock_guard guard(outputLock);
-                     stdoutBytes += line;
-                 });
-    std::thread a([&] {
-        shim.handle(R"({"jsonrpc":"2.0","id":"a","method":"tools/call","params":{"name":"x"}})");
-    });
-    std::thread b([&] {
-        shim.handle(R"({"jsonrpc":"2.0","id":"b","method":"tools/call","params":{"name":"x"}})");
-    });
-    a.join();
-    b.join();
-    std::set<std::string> ids;
-    std::size_t start = 0;
-    for (std::size_t lf; (lf = stdoutBytes.find('\n', start)) != std::string::npos;
-         start = lf + 1) {
-        Json line = mailcore::parseJson(stdoutBytes.substr(start, lf - start));
-        ids.insert(line["id"].get<std::string>());
-        EXPECT_EQ(line["result"]["content"][0]["text"].get<std::string>().rfind("concurrent ", 0),
-                  0u);
-    }
-    EXPECT_EQ(start, stdoutBytes.size());
-    EXPECT_EQ(ids, (std::set<std::string>{"a", "b"}));
 }
 
 }  // namespace
