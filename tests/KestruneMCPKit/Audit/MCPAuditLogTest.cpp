@@ -9,17 +9,14 @@
 #include "KestruneMCPKit/Service/MCPAuditLog.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/UTF8.h"
-#include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
+#include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
 namespace {
 
+using namespace testfiles;
 using namespace std::chrono_literals;
-using testing::FakeClock;
-using testing::fileMode;
-using testing::readText;
-using testing::TemporaryDirectory;
-using testing::writeText;
 
 std::vector<std::string> lines(const std::string& text) {
     std::vector<std::string> out;
@@ -51,7 +48,7 @@ protected:
         return log.record(harness, tool, account, result, "3 results", false);
     }
 
-    TemporaryDirectory dir_;
+    linktest::TempDir dir_;
     std::filesystem::path url_ = dir_ / "audit.jsonl";
     FakeClock clock_;
 };
@@ -61,14 +58,14 @@ TEST_F(MCPAuditLogTest, RecordAppendsOneLineAndReloads) {
     auto first = log->record("Claude Code", "read_message", "me@example.com", MCPResult::ok,
                              "read message 42, session now mail-influenced", true);
     const ino_t before = inode(url_);
-    const std::string afterFirst = readText(url_);
+    const std::string afterFirst = readFile(url_);
     clock_.advance(1500ms);
     auto second = log->record("Cursor", "send_message", "none", MCPResult::declined,
                               "user declined", std::nullopt);
 
     EXPECT_EQ(inode(url_), before);  // appended, not rewritten
     EXPECT_EQ(fileMode(url_), 0600u);
-    const std::string text = readText(url_);
+    const std::string text = readFile(url_);
     EXPECT_EQ(text.substr(0, afterFirst.size()), afterFirst);
     auto fileLines = lines(text);
     ASSERT_EQ(fileLines.size(), 2u);
@@ -140,7 +137,7 @@ TEST_F(MCPAuditLogTest, PastTheCapTheOldestGoAndTheFileIsRewrittenWithExactlyThe
         e.summary = "entry " + std::to_string(i);
         content += MCPAuditLog::encode(e) + "\n";
     }
-    writeText(url_, content);
+    writeFile(url_, content);
     auto log = open();
     auto held = log->entries();
     ASSERT_EQ(held.size(), MCPAuditLog::maxEntries);  // the newest 20000 of 20005
@@ -154,7 +151,7 @@ TEST_F(MCPAuditLogTest, PastTheCapTheOldestGoAndTheFileIsRewrittenWithExactlyThe
     EXPECT_EQ(held.back(), added);
     EXPECT_NE(inode(url_), before);  // replaced as a whole
     EXPECT_EQ(fileMode(url_), 0600u);
-    auto fileLines = lines(readText(url_));
+    auto fileLines = lines(readFile(url_));
     ASSERT_EQ(fileLines.size(), MCPAuditLog::maxEntries);
     EXPECT_EQ(MCPAuditLog::decode(fileLines.front())->id, "ID-6");
     EXPECT_EQ(MCPAuditLog::decode(fileLines.back()), added);
@@ -168,7 +165,7 @@ TEST_F(MCPAuditLogTest, BelowTheCapNothingIsDropped) {
         e.time = clock_.now();
         content += MCPAuditLog::encode(e) + "\n";
     }
-    writeText(url_, content);
+    writeFile(url_, content);
     auto log = open();
     ASSERT_EQ(log->entries().size(), MCPAuditLog::maxEntries - 1);
     const ino_t before = inode(url_);
@@ -176,14 +173,14 @@ TEST_F(MCPAuditLogTest, BelowTheCapNothingIsDropped) {
     EXPECT_EQ(inode(url_), before);
     EXPECT_EQ(log->entries().size(), MCPAuditLog::maxEntries);
     EXPECT_EQ(log->entries().front().id, "ID-0");
-    EXPECT_EQ(lines(readText(url_)).size(), MCPAuditLog::maxEntries);
+    EXPECT_EQ(lines(readFile(url_)).size(), MCPAuditLog::maxEntries);
 }
 
 TEST_F(MCPAuditLogTest, UnreadableLinesAreSkippedAndATornLastLineIsNotJoined) {
     auto log = open();
     auto a = recordOne(*log);
     auto b = recordOne(*log, "Cursor");
-    std::string text = readText(url_);
+    std::string text = readFile(url_);
     auto fileLines = lines(text);
     const std::string damaged =
         "not json\n" + fileLines[0] + "\n\n[1,2]\n" +
@@ -191,7 +188,7 @@ TEST_F(MCPAuditLogTest, UnreadableLinesAreSkippedAndATornLastLineIsNotJoined) {
         "\n" +
         R"({"id":"y","time":1,"harness":"h","tool":"t","account":"a","result":"maybe","summary":""})" +
         "\n" + fileLines[1] + "\r\n" + fileLines[0].substr(0, 30);
-    writeText(url_, damaged);
+    writeFile(url_, damaged);
 
     auto reloaded = open();
     EXPECT_EQ(reloaded->entries(), (std::vector<MCPAuditEntry>{a, b}));
@@ -289,7 +286,7 @@ TEST_F(MCPAuditLogTest, ExportsJsonLinesAndQuotedCsv) {
     log->record("=HYPERLINK(1)", "-tool", "none", MCPResult::ok, "plain", false);
     log->record("Zed", "@t", "none", MCPResult::timedOut, "", std::nullopt);
 
-    EXPECT_EQ(log->exportEntries({}, MCPAuditLog::ExportFormat::jsonLines), readText(url_));
+    EXPECT_EQ(log->exportEntries({}, MCPAuditLog::ExportFormat::jsonLines), readFile(url_));
     constexpr std::nullopt_t none = std::nullopt;
     const std::string onlyZed = log->exportEntries(MCPAuditFilter{"Zed", none, none, none, none},
                                                    MCPAuditLog::ExportFormat::jsonLines);
@@ -396,7 +393,7 @@ TEST_F(MCPAuditLogTest, NoSecretReachesTheFile) {
         log->record("Zed", "read_message", "none", MCPResult::ok,
                     "BEARER " + bearer.substr(0, 12) + " " + secrets[4], std::nullopt);
     }
-    const std::string file = readText(url_);
+    const std::string file = readFile(url_);
     ASSERT_FALSE(file.empty());
     for (const auto& secret : secrets) {
         EXPECT_EQ(file.find(secret), std::string::npos) << secret;

@@ -2,7 +2,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -10,85 +9,63 @@
 #include "KestruneMCPKit/Link/MCPToken.h"
 #include "KestruneMCPKit/Service/MCPPolicyStore.h"
 #include "MailCore/Common/Json.h"
-#include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
+#include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
 namespace {
 
-using testing::FakeClock;
-using testing::fileMode;
-using testing::readText;
-using testing::TemporaryDirectory;
-using testing::writeText;
+using namespace testfiles;
 
 class MCPPolicyStoreTest : public ::testing::Test {
 protected:
     std::unique_ptr<MCPPolicyStore> open() {
         return std::make_unique<MCPPolicyStore>(stateURL_, tokens_, clock_.clock());
     }
-    // Rewrites the state file the way another program would: in place, same inode.
-    void editInPlace(const std::function<void(mailcore::Json&)>& edit) {
-        mailcore::Json json = mailcore::parseJson(readText(stateURL_));
-        edit(json);
-        writeText(stateURL_, json.dump());
-    }
 
-    TemporaryDirectory dir_;
+    linktest::TempDir dir_;
     std::filesystem::path stateURL_ = dir_ / "state.json";
     std::shared_ptr<MCPTokenStore> tokens_ =
         std::make_shared<MCPFileTokenStore>(dir_ / "tokens.json");
     FakeClock clock_;
 };
 
-TEST_F(MCPPolicyStoreTest, MissingFileIsTheDefaultStateAndIsNotCreated) {
+TEST_F(MCPPolicyStoreTest, RegisterKeepsTheTokenOutOfTheStateFileAndOnlyBothFindAHarness) {
     auto store = open();
-    EXPECT_EQ(store->snapshot(), MCPState{});
-    EXPECT_FALSE(store->snapshot().settings.masterEnabled);
+    EXPECT_EQ(store->snapshot(), MCPState{});  // a missing file is the default state
     EXPECT_EQ(store->lastLoadError(), std::nullopt);
     EXPECT_FALSE(std::filesystem::exists(stateURL_));
-}
 
-TEST_F(MCPPolicyStoreTest, RegisterKeepsTheTokenOutOfTheStateFile) {
-    auto store = open();
     const std::string token = MCPToken::generate();
     store->registerHarness("claude-code", "Claude Code", {"claude-code", "claude"}, token);
-
     EXPECT_EQ(fileMode(stateURL_), 0600u);
-    const std::string stateText = readText(stateURL_);
-    EXPECT_EQ(stateText.find(token), std::string::npos);
+    const std::string stateText = readFile(stateURL_);
     EXPECT_EQ(stateText.find(token.substr(4, 20)), std::string::npos);
     EXPECT_EQ(tokens_->token("claude-code"), token);
-
     auto record = store->harness(token);
     ASSERT_TRUE(record);
-    EXPECT_EQ(record->id, "claude-code");
-    EXPECT_EQ(record->name, "Claude Code");
-    EXPECT_TRUE(record->allowed);
-    EXPECT_EQ(record->createdAt, wholeSeconds(clock_.now()));
-    EXPECT_EQ(record->clientHints, (std::vector<std::string>{"claude-code", "claude"}));
+    EXPECT_EQ(*record, (MCPHarnessRecord{"claude-code",
+                                         "Claude Code",
+                                         true,
+                                         wholeSeconds(clock_.now()),
+                                         std::nullopt,
+                                         {"claude-code", "claude"},
+                                         std::nullopt}));
+    for (const std::string& other : {token + "x", std::string(), MCPToken::generate()})
+        EXPECT_EQ(store->harness(other), std::nullopt) << other;
+    EXPECT_EQ(open()->harness(token)->id, "claude-code") << "a second store sees it";
 
-    EXPECT_EQ(store->harness(token + "x"), std::nullopt);
-    EXPECT_EQ(store->harness(""), std::nullopt);
-    EXPECT_EQ(store->harness(MCPToken::generate()), std::nullopt);
-
-    // A second store over the same files sees the registration.
-    EXPECT_EQ(open()->harness(token)->id, "claude-code");
-
-    store->unregister("claude-code");
-    EXPECT_EQ(store->harness(token), std::nullopt);
-    EXPECT_EQ(tokens_->token("claude-code"), std::nullopt);
-    EXPECT_TRUE(store->snapshot().harnesses.empty());
-}
-
-TEST_F(MCPPolicyStoreTest, ATokenWithoutARecordOrARecordWithoutATokenMatchesNothing) {
-    auto store = open();
+    // A token without a record, or a record without a token, matches nothing.
     tokens_->set("kmt_orphan_token_value", "ghost");
     EXPECT_EQ(store->harness("kmt_orphan_token_value"), std::nullopt);
-    store->registerHarness("cursor", "Cursor", {}, "kmt_cursor_token_value");
-    tokens_->remove("cursor");
-    EXPECT_EQ(store->harness("kmt_cursor_token_value"), std::nullopt);
-    tokens_->set("", "cursor");
+    tokens_->remove("claude-code");
+    EXPECT_EQ(store->harness(token), std::nullopt);
+    tokens_->set("", "claude-code");
     EXPECT_EQ(store->harness(""), std::nullopt);
+
+    store->unregister("claude-code");
+    EXPECT_EQ(tokens_->token("claude-code"), std::nullopt);
+    EXPECT_TRUE(store->snapshot().harnesses.empty());
 }
 
 TEST_F(MCPPolicyStoreTest, ReRegisteringReplacesTheRecordInPlace) {
@@ -102,47 +79,44 @@ TEST_F(MCPPolicyStoreTest, ReRegisteringReplacesTheRecordInPlace) {
 
     MCPState state = store->snapshot();
     ASSERT_EQ(state.harnesses.size(), 2u);
-    EXPECT_EQ(state.harnesses[0].id, "a");
-    EXPECT_EQ(state.harnesses[0].name, "A renamed");
-    EXPECT_TRUE(state.harnesses[0].allowed);
-    EXPECT_EQ(state.harnesses[0].boundClientName, std::nullopt);
-    EXPECT_EQ(state.harnesses[0].createdAt, wholeSeconds(clock_.now()));
+    EXPECT_EQ(state.harnesses[0], (MCPHarnessRecord{"a",
+                                                    "A renamed",
+                                                    true,
+                                                    wholeSeconds(clock_.now()),
+                                                    std::nullopt,
+                                                    {"hint"},
+                                                    std::nullopt}));
     EXPECT_EQ(store->harness("kmt_token_a_first"), std::nullopt);
     EXPECT_EQ(store->harness("kmt_token_a_second")->id, "a");
 }
 
-TEST_F(MCPPolicyStoreTest, BindClientNameNeverOverwrites) {
+TEST_F(MCPPolicyStoreTest, BindNeverOverwritesAndTouchStoresLastSeen) {
     auto store = open();
     store->registerHarness("a", "A", {}, "kmt_token_a_value");
     EXPECT_FALSE(store->bindClientName("x", "unknown"));
     EXPECT_TRUE(store->bindClientName("first", "a"));
     EXPECT_FALSE(store->bindClientName("second", "a"));
-    EXPECT_EQ(store->snapshot().harness("a")->boundClientName, "first");
-    EXPECT_EQ(open()->snapshot().harness("a")->boundClientName, "first");
-}
-
-TEST_F(MCPPolicyStoreTest, TouchStoresLastSeen) {
-    auto store = open();
-    store->registerHarness("a", "A", {}, "kmt_token_a_value");
     clock_.advance(std::chrono::milliseconds(90500));
     store->touch("a", clock_.now());
     store->touch("unknown", clock_.now());
-    EXPECT_EQ(open()->snapshot().harness("a")->lastSeen, wholeSeconds(clock_.now()));
-    EXPECT_EQ(store->snapshot().harnesses.size(), 1u);
+    MCPState reloaded = open()->snapshot();
+    ASSERT_EQ(reloaded.harnesses.size(), 1u);
+    EXPECT_EQ(reloaded.harnesses[0].boundClientName, "first");
+    EXPECT_EQ(reloaded.harnesses[0].lastSeen, wholeSeconds(clock_.now()));
 }
 
-TEST_F(MCPPolicyStoreTest, SavesAtomicallyWithOwnerOnlyMode) {
-    writeText(stateURL_, "{}");
+TEST_F(MCPPolicyStoreTest, SavesAtomicallyWithOwnerOnlyModeStartingFromTheFileOnDisk) {
+    writeFile(stateURL_, "{}");
     std::filesystem::permissions(stateURL_, std::filesystem::perms(0644));
-    auto store = open();
-    store->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
+    auto first = open();
+    auto second = open();
+    first->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
+    second->mutate([](MCPState& s) { s.settings.excludedAccounts.insert("a@example.com"); });
     EXPECT_EQ(fileMode(stateURL_), 0600u);
-    EXPECT_TRUE(mailcore::parseJson(readText(stateURL_))["settings"]["masterEnabled"]);
-    std::vector<std::string> names;
-    for (const auto& e : std::filesystem::directory_iterator(dir_.path())) {
-        names.push_back(e.path().filename().string());
-    }
-    EXPECT_EQ(names, std::vector<std::string>{"state.json"});
+    EXPECT_EQ(namesIn(dir_.path()), std::vector<std::string>{"state.json"});
+    MCPState state = open()->snapshot();
+    EXPECT_TRUE(state.settings.masterEnabled);
+    EXPECT_EQ(state.settings.excludedAccounts, std::set<std::string>{"a@example.com"});
 }
 
 TEST_F(MCPPolicyStoreTest, UndecodableFileKeepsTheLastGoodStateAndReportsIt) {
@@ -154,22 +128,19 @@ TEST_F(MCPPolicyStoreTest, UndecodableFileKeepsTheLastGoodStateAndReportsIt) {
     const MCPState good = store->snapshot();
     int changes = 0;
     store->setOnChange([&] { ++changes; });
-
     for (const char* broken : {"{\"settings\": {\"masterEnabled\": tr", "[]", "", "null"}) {
-        writeText(stateURL_, broken);
+        writeFile(stateURL_, broken);
         EXPECT_EQ(store->snapshot(), good) << broken;
         auto error = store->lastLoadError();
         ASSERT_TRUE(error) << broken;
         EXPECT_NE(error->find(stateURL_.string()), std::string::npos);
     }
     EXPECT_EQ(changes, 0);
-
     // A store started on a broken file has the defaults and the error.
     EXPECT_EQ(open()->snapshot(), MCPState{});
     EXPECT_TRUE(open()->lastLoadError());
-
     // Once the file is good again it is loaded and the error clears.
-    writeText(stateURL_, R"({"settings":{"masterEnabled":false}})");
+    writeFile(stateURL_, R"({"settings":{"masterEnabled":false}})");
     EXPECT_FALSE(store->snapshot().settings.masterEnabled);
     EXPECT_EQ(store->lastLoadError(), std::nullopt);
     EXPECT_EQ(changes, 1);
@@ -181,20 +152,18 @@ TEST_F(MCPPolicyStoreTest, ReloadSeesAnEditByAnotherProcess) {
     EXPECT_FALSE(store->reloadIfChanged());
     int changes = 0;
     store->setOnChange([&] { ++changes; });
-
     pid_t child = fork();
     ASSERT_GE(child, 0);
     if (child == 0) {
         // In place, same inode, immediately after our own save.
-        mailcore::Json json = mailcore::parseJson(readText(stateURL_));
+        mailcore::Json json = mailcore::parseJson(readFile(stateURL_));
         json["settings"]["masterEnabled"] = true;
-        writeText(stateURL_, json.dump());
+        writeFile(stateURL_, json.dump());
         _exit(0);
     }
     int status = 0;
     waitpid(child, &status, 0);
     ASSERT_TRUE(WIFEXITED(status));
-
     EXPECT_TRUE(store->snapshot().settings.masterEnabled);
     EXPECT_EQ(changes, 1);
     EXPECT_FALSE(store->reloadIfChanged());
@@ -204,21 +173,10 @@ TEST_F(MCPPolicyStoreTest, ReloadSeesAnEditByAnotherProcess) {
     EXPECT_TRUE(store->reloadIfChanged());
     EXPECT_EQ(store->snapshot().settings.limits.requestsPerMinute, 5);
     EXPECT_EQ(changes, 2);
-
     // Deleting the file falls back to the defaults (agent access off).
     std::filesystem::remove(stateURL_);
     EXPECT_TRUE(store->reloadIfChanged());
     EXPECT_EQ(store->snapshot(), MCPState{});
-}
-
-TEST_F(MCPPolicyStoreTest, MutateStartsFromTheFileOnDisk) {
-    auto first = open();
-    auto second = open();
-    first->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
-    second->mutate([](MCPState& s) { s.settings.excludedAccounts.insert("a@example.com"); });
-    MCPState state = open()->snapshot();
-    EXPECT_TRUE(state.settings.masterEnabled);
-    EXPECT_EQ(state.settings.excludedAccounts, std::set<std::string>{"a@example.com"});
 }
 
 TEST_F(MCPPolicyStoreTest, OnChangeRunsOutsideTheLockOnlyForRealChanges) {
@@ -235,22 +193,19 @@ TEST_F(MCPPolicyStoreTest, OnChangeRunsOutsideTheLockOnlyForRealChanges) {
     EXPECT_EQ(seen, (std::vector<bool>{true, false}));
 }
 
-TEST_F(MCPPolicyStoreTest, AFailedSaveKeepsTheChangeAndReportsIt) {
-    auto store =
-        std::make_unique<MCPPolicyStore>(dir_ / "gone" / "state.json", tokens_, clock_.clock());
-    store->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
-    EXPECT_TRUE(store->snapshot().settings.masterEnabled);
-    EXPECT_TRUE(store->lastSaveError());
-    EXPECT_FALSE(store->save());
-}
+TEST_F(MCPPolicyStoreTest, AFailedSaveKeepsTheChangeAndAMemoryStoreNeedsNoFile) {
+    MCPPolicyStore broken(dir_ / "gone" / "state.json", tokens_, clock_.clock());
+    broken.mutate([](MCPState& s) { s.settings.masterEnabled = true; });
+    EXPECT_TRUE(broken.snapshot().settings.masterEnabled);
+    EXPECT_TRUE(broken.lastSaveError());
+    EXPECT_FALSE(broken.save());
 
-TEST_F(MCPPolicyStoreTest, MemoryOnlyStoreNeedsNoFile) {
-    MCPPolicyStore store(std::nullopt, std::make_shared<MCPMemoryTokenStore>(), clock_.clock());
-    store.registerHarness("a", "A", {}, "kmt_token_a_value");
-    EXPECT_TRUE(store.save());
-    EXPECT_EQ(store.harness("kmt_token_a_value")->id, "a");
-    EXPECT_FALSE(store.reloadIfChanged());
-    EXPECT_EQ(store.lastSaveError(), std::nullopt);
+    MCPPolicyStore memory(std::nullopt, std::make_shared<MCPMemoryTokenStore>(), clock_.clock());
+    memory.registerHarness("a", "A", {}, "kmt_token_a_value");
+    EXPECT_TRUE(memory.save());
+    EXPECT_EQ(memory.harness("kmt_token_a_value")->id, "a");
+    EXPECT_FALSE(memory.reloadIfChanged());
+    EXPECT_EQ(memory.lastSaveError(), std::nullopt);
 }
 
 TEST_F(MCPPolicyStoreTest, ConcurrentRegistrationsLoseNothing) {

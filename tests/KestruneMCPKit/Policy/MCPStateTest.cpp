@@ -77,68 +77,59 @@ TEST(MCPStateTest, MissingKeysOfAnOlderFileTakeTheirDefaults) {
     EXPECT_EQ(state.harnesses[0].lastSeen, std::nullopt);
 }
 
-// Each row: a settings object and a check of what it decodes to. Nothing in
-// a damaged file may allow more than a fresh installation does.
+// Each row: a settings object and how what it decodes to differs from the
+// defaults. Nothing in a damaged file may allow more than a fresh
+// installation does.
 TEST(MCPStateTest, DamagedSettingsFailClosed) {
-    struct Row {
-        const char* json;
-        std::function<bool(const MCPSettings&)> holds;
-    };
-    const MCPSettings d;
-    const Row rows[] = {
-        {R"({"masterEnabled":"yes"})", [](auto& s) { return !s.masterEnabled; }},
-        {R"({"masterEnabled":1})", [](auto& s) { return !s.masterEnabled; }},
-        {R"({"masterEnabled":"true"})", [](auto& s) { return !s.masterEnabled; }},
-        {R"({"masterEnabled":null})", [](auto& s) { return !s.masterEnabled; }},
-        {R"({"masterEnabled":true})", [](auto& s) { return s.masterEnabled; }},
-        {R"({"enabledPermissions":"all"})",
-         [&](auto& s) { return s.enabledPermissions == d.enabledPermissions; }},
-        {R"({"enabledPermissions":{"send_message":true}})",
-         [&](auto& s) { return s.enabledPermissions == d.enabledPermissions; }},
+    using Change = std::function<void(MCPSettings&)>;
+    const Change same = [](MCPSettings&) {};
+    const std::pair<const char*, Change> rows[] = {
+        {R"({"masterEnabled":"yes"})", same},
+        {R"({"masterEnabled":1})", same},
+        {R"({"masterEnabled":"true"})", same},
+        {R"({"masterEnabled":null})", same},
+        {R"({"masterEnabled":true})", [](auto& s) { s.masterEnabled = true; }},
+        {R"({"enabledPermissions":"all"})", same},
+        {R"({"enabledPermissions":{"send_message":true}})", same},
         {R"({"enabledPermissions":["send_message",5,"everything",null]})",
-         [](auto& s) { return s.enabledPermissions == std::set<std::string>{"send_message"}; }},
-        {R"({"enabledPermissions":[]})", [](auto& s) { return s.enabledPermissions.empty(); }},
-        {R"({"excludedAccounts":"a@example.com"})",
-         [](auto& s) { return s.excludedAccounts.empty(); }},
+         [](auto& s) { s.enabledPermissions = {"send_message"}; }},
+        {R"({"enabledPermissions":[]})", [](auto& s) { s.enabledPermissions.clear(); }},
+        {R"({"excludedAccounts":"a@example.com"})", same},
         {R"({"excludedAccounts":["a@example.com",7]})",
-         [](auto& s) { return s.excludedAccounts == std::set<std::string>{"a@example.com"}; }},
-        {R"({"limits":{"requestsPerMinute":-1}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":"1000"}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":1e12}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":18446744073709551615}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":60.5}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":true}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 60; }},
-        {R"({"limits":{"requestsPerMinute":0}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 0; }},
+         [](auto& s) { s.excludedAccounts = {"a@example.com"}; }},
+        {R"({"limits":{"requestsPerMinute":-1}})", same},
+        {R"({"limits":{"requestsPerMinute":"1000"}})", same},
+        {R"({"limits":{"requestsPerMinute":1e12}})", same},
+        {R"({"limits":{"requestsPerMinute":18446744073709551615}})", same},
+        {R"({"limits":{"requestsPerMinute":60.5}})", same},
+        {R"({"limits":{"requestsPerMinute":true}})", same},
+        {R"({"limits":{"requestsPerMinute":0}})", [](auto& s) { s.limits.requestsPerMinute = 0; }},
         {R"({"limits":{"requestsPerMinute":120.0}})",
-         [](auto& s) { return s.limits.requestsPerMinute == 120; }},
-        {R"({"limits":{"maxSearchLimit":0,"maxBodyCharacters":-20000,"maxResultBytes":null,"maxArgumentBytes":999999999}})",
-         [&](auto& s) { return s.limits == d.limits; }},
-        {R"({"limits":{"maxSearchLimit":51}})",
-         [](auto& s) { return s.limits.maxSearchLimit == 25; }},
-        {R"({"limits":[1,2,3]})", [&](auto& s) { return s.limits == d.limits; }},
-        {R"({"logSearchText":"yes"})", [](auto& s) { return !s.logSearchText; }},
-        {R"({"retentionDays":null})", [](auto& s) { return !s.retentionDays.has_value(); }},
-        {R"({"retentionDays":-5})", [](auto& s) { return s.retentionDays == 90; }},
-        {R"({"retentionDays":"forever"})", [](auto& s) { return s.retentionDays == 90; }},
-        {R"({"retentionDays":7})", [](auto& s) { return s.retentionDays == 7; }},
-        {R"({"confirmTimeoutSeconds":0})", [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
-        {R"({"confirmTimeoutSeconds":-1})", [](auto& s) { return s.confirmTimeoutSeconds == 120; }},
+         [](auto& s) { s.limits.requestsPerMinute = 120; }},
+        {R"({"limits":{"maxSearchLimit":0,"maxBodyCharacters":-20000,"maxResultBytes":null,)"
+         R"("maxArgumentBytes":999999999}})",
+         same},
+        {R"({"limits":{"maxSearchLimit":51}})", same},
+        {R"({"limits":[1,2,3]})", same},
+        {R"({"logSearchText":"yes"})", same},
+        {R"({"retentionDays":null})", [](auto& s) { s.retentionDays.reset(); }},
+        {R"({"retentionDays":-5})", same},
+        {R"({"retentionDays":"forever"})", same},
+        {R"({"retentionDays":7})", [](auto& s) { s.retentionDays = 7; }},
+        {R"({"confirmTimeoutSeconds":0})", same},
+        {R"({"confirmTimeoutSeconds":-1})", same},
+        {"{}", same},
     };
-    for (const auto& row : rows) {
-        EXPECT_TRUE(row.holds(decodeSettings(row.json))) << row.json;
+    for (const auto& [json, change] : rows) {
+        MCPSettings expected;
+        change(expected);
+        EXPECT_EQ(decodeSettings(json), expected) << json;
     }
     // A settings value that is not an object is the defaults.
-    for (const char* settings : {"null", "[]", "\"on\"", "true", "{}"}) {
+    for (const char* settings : {"null", "[]", "\"on\"", "true"}) {
         MCPState state = stateFromJson(
             parseJson(std::string(R"({"settings":)") + settings + R"(,"harnesses":[]})"));
-        EXPECT_EQ(state.settings, d) << settings;
+        EXPECT_EQ(state.settings, MCPSettings{}) << settings;
     }
 }
 

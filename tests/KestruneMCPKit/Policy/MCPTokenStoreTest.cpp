@@ -8,15 +8,13 @@
 #include "KestruneMCPKit/Link/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Link/MCPTokenStore.h"
 #include "MailCore/Common/Json.h"
-#include "tests/KestruneMCPKit/Policy/PolicyTestSupport.h"
+#include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
 namespace {
 
-using testing::fileMode;
-using testing::readText;
-using testing::TemporaryDirectory;
-using testing::writeText;
+using namespace testfiles;
 
 // Behaviour every store shares, run against each implementation.
 class TokenStoreContract : public ::testing::TestWithParam<std::string> {
@@ -25,7 +23,7 @@ protected:
         if (GetParam() == "memory") return std::make_unique<MCPMemoryTokenStore>();
         return std::make_unique<MCPFileTokenStore>(dir_ / "tokens.json");
     }
-    TemporaryDirectory dir_;
+    linktest::TempDir dir_;
 };
 
 TEST_P(TokenStoreContract, SetReplaceRemove) {
@@ -68,7 +66,7 @@ INSTANTIATE_TEST_SUITE_P(Stores, TokenStoreContract, ::testing::Values("memory",
 
 class FileTokenStoreTest : public ::testing::Test {
 protected:
-    TemporaryDirectory dir_;
+    linktest::TempDir dir_;
     std::filesystem::path url_ = dir_ / "tokens.json";
 };
 
@@ -83,39 +81,32 @@ TEST_F(FileTokenStoreTest, BadFilesReadAsEmptyAndTheNextSetWritesAnObject) {
                               R"({"claude":"kmt_a","cursor":null})",
                               "\xff\xfe\x00"};
     for (const char* content : contents) {
-        writeText(url_, content);
+        writeFile(url_, content);
         MCPFileTokenStore store(url_);
         EXPECT_EQ(store.token("claude"), std::nullopt) << content;
         store.set("kmt_new", "zed");
-        mailcore::Json json = mailcore::parseJson(readText(url_));
+        mailcore::Json json = mailcore::parseJson(readFile(url_));
         EXPECT_EQ(json, mailcore::Json({{"zed", "kmt_new"}})) << content;
         EXPECT_EQ(store.token("zed"), "kmt_new");
     }
 }
 
-TEST_F(FileTokenStoreTest, MissingFileReadsAsEmptyAndRemoveCreatesAValidFile) {
-    MCPFileTokenStore store(url_);
-    EXPECT_EQ(store.token("claude"), std::nullopt);
-    EXPECT_FALSE(std::filesystem::exists(url_));
-    store.remove("claude");
-    EXPECT_EQ(readText(url_), "{}");
-}
-
 TEST_F(FileTokenStoreTest, WritesReplaceTheFileWithModeOwnerOnly) {
-    writeText(url_, R"({"claude":"kmt_old"})");
+    MCPFileTokenStore missing(dir_ / "missing.json");
+    EXPECT_EQ(missing.token("claude"), std::nullopt);
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "missing.json"));
+    missing.remove("claude");
+    EXPECT_EQ(readFile(dir_ / "missing.json"), "{}");
+
+    writeFile(url_, R"({"claude":"kmt_old"})");
     std::filesystem::permissions(url_, std::filesystem::perms(0644));
     MCPFileTokenStore store(url_);
     store.set("kmt_cursor", "cursor");
     EXPECT_EQ(fileMode(url_), 0600u);
-    EXPECT_EQ(mailcore::parseJson(readText(url_)),
+    EXPECT_EQ(mailcore::parseJson(readFile(url_)),
               mailcore::Json({{"claude", "kmt_old"}, {"cursor", "kmt_cursor"}}));
-    // Nothing but the token file is left behind (no temporary files).
-    int files = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(dir_.path())) {
-        (void)entry;
-        ++files;
-    }
-    EXPECT_EQ(files, 1);
+    EXPECT_EQ(namesIn(dir_.path()), (std::vector<std::string>{"missing.json", "tokens.json"}))
+        << "no temporary files are left behind";
 }
 
 TEST_F(FileTokenStoreTest, AReaderNeverSeesAHalfWrittenFile) {
@@ -125,7 +116,7 @@ TEST_F(FileTokenStoreTest, AReaderNeverSeesAHalfWrittenFile) {
     std::atomic<int> badReads{0};
     std::thread reader([&] {
         while (!done) {
-            auto text = readText(url_);
+            auto text = readFile(url_);
             mailcore::Json json;
             if (!mailcore::tryParseJson(text, json) || !json.is_object()) ++badReads;
         }
@@ -140,21 +131,20 @@ TEST_F(FileTokenStoreTest, EditsByAnotherProgramAreSeenByTheSameStore) {
     MCPFileTokenStore store(url_);
     store.set("kmt_first", "claude");
     EXPECT_EQ(store.token("claude"), "kmt_first");
-    writeText(url_, R"({"claude":"kmt_second_value"})");  // in place, same inode
+    writeFile(url_, R"({"claude":"kmt_second_value"})");  // in place, same inode
     EXPECT_EQ(store.token("claude"), "kmt_second_value");
-    writeText(url_, "garbage");
+    writeFile(url_, "garbage");
     EXPECT_EQ(store.token("claude"), std::nullopt);
     std::filesystem::remove(url_);
     EXPECT_EQ(store.token("claude"), std::nullopt);
     MCPFileTokenStore(url_).set("kmt_third", "claude");  // another instance, atomic replace
     EXPECT_EQ(store.token("claude"), "kmt_third");
-}
 
-TEST_F(FileTokenStoreTest, AFailedSaveIsSilent) {
-    MCPFileTokenStore store(dir_ / "missing-directory" / "tokens.json");
-    EXPECT_NO_THROW(store.set("kmt_x", "claude"));
-    EXPECT_NO_THROW(store.remove("claude"));
-    EXPECT_EQ(store.token("claude"), std::nullopt);
+    // A store whose directory is gone fails silently.
+    MCPFileTokenStore gone(dir_ / "missing-directory" / "tokens.json");
+    EXPECT_NO_THROW(gone.set("kmt_x", "claude"));
+    EXPECT_NO_THROW(gone.remove("claude"));
+    EXPECT_EQ(gone.token("claude"), std::nullopt);
 }
 
 }  // namespace
