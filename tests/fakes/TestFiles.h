@@ -7,8 +7,10 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,6 +31,18 @@ std::vector<std::string> namesIn(const std::filesystem::path& dir, const std::st
 std::vector<std::string> tree(const std::filesystem::path& dir);
 // Splits text at line feeds; a last piece without one counts as a line.
 std::vector<std::string> splitLines(const std::string& text);
+
+// The error of type E that `action` throws; none when it returns normally.
+// Other exceptions pass through and fail the test.
+template <typename E>
+std::optional<E> caught(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const E& error) {
+        return error;
+    }
+    return std::nullopt;
+}
 
 // A clock that stands still until the test moves it; copies share the time.
 class FakeClock {

@@ -8,18 +8,15 @@
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 #include "KestruneMCPKit/Link/Posix.h"
 #include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using mcpkit::MCPSocketError;
 namespace MCPPaths = mcpkit::MCPPaths;
-
-mode_t modeOf(const fs::path& p) {
-    struct stat st {};
-    EXPECT_EQ(::lstat(p.c_str(), &st), 0) << p;
-    return st.st_mode & 07777;
-}
+using testfiles::caught;
+using testfiles::fileMode;
 
 TEST(MCPPathsTest, BaseDirectoryIsUnderTheDataDirectoryOrTheHome) {
     EXPECT_EQ(MCPPaths::baseDirectory(fs::path("/data"), "/home/u"), fs::path("/data/mcp"));
@@ -57,22 +54,18 @@ TEST(MCPPathsTest, PrepareCreatesOrTightensDirectoriesAndRefusesLinksAndFiles) {
     const fs::path deep = tmp / "a/b/c";
     MCPPaths::preparePrivateDirectory(deep);
     MCPPaths::preparePrivateDirectory(deep);  // again: nothing changes, nothing thrown
-    for (const char* made : {"a", "a/b", "a/b/c"}) EXPECT_EQ(modeOf(tmp / made), 0700u) << made;
+    for (const char* made : {"a", "a/b", "a/b/c"}) EXPECT_EQ(fileMode(tmp / made), 0700u) << made;
     ASSERT_EQ(::mkdir((tmp / "open").c_str(), 0755), 0);
     ASSERT_EQ(::chmod((tmp / "open").c_str(), 0755), 0);
     MCPPaths::preparePrivateDirectory(tmp / "open");
-    EXPECT_EQ(modeOf(tmp / "open"), 0700u);
+    EXPECT_EQ(fileMode(tmp / "open"), 0700u);
 
     fs::create_directory_symlink(tmp / "open", tmp / "link");
     fs::create_directory_symlink(tmp / "missing", tmp / "dangling");
     std::fclose(std::fopen((tmp / "file").c_str(), "w"));
     for (const char* name : {"link", "dangling", "file"}) {
-        try {
-            MCPPaths::preparePrivateDirectory(tmp / name);
-            ADD_FAILURE() << "accepted " << name;
-        } catch (const MCPSocketError& e) {
-            EXPECT_EQ(e, MCPSocketError::insecureDirectory((tmp / name).string()));
-        }
+        EXPECT_EQ(caught<MCPSocketError>([&] { MCPPaths::preparePrivateDirectory(tmp / name); }),
+                  MCPSocketError::insecureDirectory((tmp / name).string()));
     }
 }
 
@@ -88,12 +81,8 @@ TEST(MCPPathsTest, PrepareRefusesADirectoryOfAnotherUser) {
 
 TEST(PosixTest, AddressAcceptsFewerThan104Bytes) {
     EXPECT_NO_THROW(mcpkit::Posix::address(std::string(103, 'p')));
-    try {
-        mcpkit::Posix::address(std::string(104, 'p'));
-        ADD_FAILURE() << "accepted 104 bytes";
-    } catch (const MCPSocketError& e) {
-        EXPECT_EQ(e, MCPSocketError::pathTooLong());
-    }
+    EXPECT_EQ(caught<MCPSocketError>([] { mcpkit::Posix::address(std::string(104, 'p')); }),
+              MCPSocketError::pathTooLong());
 }
 
 TEST(PosixTest, WriteAllToAClosedPeerFailsWithoutASignal) {

@@ -209,93 +209,22 @@ TEST(MCPToolsTest, WorkflowCatalogIsTheSixToolsWithExactTexts) {
     EXPECT_EQ(mailcore::WorkflowTools::specSchema(), specSchemaText);
 }
 
-TEST(MCPToolsTest, EverySchemaIsCompactJsonInTheHouseKeyOrder) {
-    for (const auto& spec : MCPTools::all()) {
-        SCOPED_TRACE(spec.name);
-        Json schema;
-        ASSERT_TRUE(mailcore::tryParseJson(spec.inputSchema, schema));
-        ASSERT_TRUE(schema.is_object());
-        // Re-encoding gives the same bytes: compact, no duplicate keys, valid UTF-8.
-        EXPECT_EQ(mailcore::encodeJson(schema), spec.inputSchema);
-        std::vector<std::string> keys;
-        for (auto it = schema.begin(); it != schema.end(); ++it) keys.push_back(it.key());
-        if (schema.contains("required")) {
-            EXPECT_EQ(keys, (std::vector<std::string>{"type", "required", "additionalProperties",
-                                                      "properties"}));
-            for (const auto& name : schema["required"])
-                EXPECT_TRUE(schema["properties"].contains(name.get<std::string>())) << name;
-        } else {
-            EXPECT_EQ(keys,
-                      (std::vector<std::string>{"type", "additionalProperties", "properties"}));
-        }
-        EXPECT_EQ(schema["type"], "object");
-        EXPECT_EQ(schema["additionalProperties"], false);
-    }
-}
-
-TEST(MCPToolsTest, SpecSchemaCoversEveryKindOfTheWorkflowModel) {
-    const Json spec = mailcore::parseJson(specSchemaText);
-    auto kinds = [](const Json& variants) {
-        std::vector<std::string> out;
-        for (const auto& v : variants) {
-            const Json& type = v["properties"]["type"];
-            if (type.contains("const"))
-                out.push_back(type["const"]);
-            else
-                for (const auto& e : type["enum"]) out.push_back(e);
-        }
-        return out;
-    };
-    EXPECT_EQ(kinds(spec["properties"]["trigger"]["oneOf"]),
-              (std::vector<std::string>{"new_message", "schedule", "no_reply"}));
-    EXPECT_EQ(kinds(spec["properties"]["conditions"]["items"]["oneOf"]),
-              (std::vector<std::string>{"from", "from_domain", "sender_outside", "to", "subject",
-                                        "body", "text", "attachment_kind", "in_thread",
-                                        "has_attachment", "unread", "classified"}));
-    EXPECT_EQ(kinds(spec["properties"]["actions"]["items"]["oneOf"]),
-              (std::vector<std::string>{"apply_label", "mark_read", "star", "remind", "notify",
-                                        "show_notice", "add_to_collection", "draft_reply", "digest",
-                                        "extract"}));
-}
-
-TEST(MCPToolsTest, PermissionIDsFollowCatalogOrderAndSendIsOffByDefault) {
+TEST(MCPToolsTest, PermissionIDsFollowCatalogOrder) {
     const std::vector<std::string> expected = {"list_accounts", "list_folders", "search_messages",
                                                "read_message",  "mark_read",    "create_draft",
                                                "apply_label",   "send_message", "manage_workflows"};
     EXPECT_EQ(MCPTools::permissionIDs(), expected);
-    std::set<std::string> enabled(expected.begin(), expected.end());
-    enabled.erase("send_message");
-    EXPECT_EQ(MCPTools::defaultEnabledPermissions(), enabled);
     EXPECT_EQ(MCPTools::workflowNames(),
               (std::set<std::string>{"create_workflow", "list_workflows", "update_workflow",
                                      "pause_workflow", "delete_workflow", "preview_workflow"}));
 }
 
 TEST(MCPToolsTest, SpecNamedIsAnExactCaseSensitiveLookup) {
-    struct Case {
-        const char* name;
-        bool found;
-        const char* permission;
-    };
-    const Case cases[] = {
-        {"list_accounts", true, "list_accounts"},
-        {"send_message", true, "send_message"},
-        {"preview_workflow", true, "manage_workflows"},
-        {"List_Accounts", false, ""},
-        {"PREVIEW_WORKFLOW", false, ""},
-        {"manage_workflows", false, ""},
-        {"list_accounts ", false, ""},
-        {"", false, ""},
-    };
-    for (const auto& c : cases) {
-        SCOPED_TRACE(c.name);
-        auto spec = MCPTools::spec(c.name);
-        ASSERT_EQ(spec.has_value(), c.found);
-        if (spec) {
-            EXPECT_EQ(spec->name, c.name);
-            EXPECT_EQ(spec->permission, c.permission);
-        }
-    }
+    EXPECT_EQ(MCPTools::spec("send_message")->permission, "send_message");
+    EXPECT_EQ(MCPTools::spec("preview_workflow")->permission, "manage_workflows");
+    for (const char* name :
+         {"List_Accounts", "PREVIEW_WORKFLOW", "manage_workflows", "list_accounts ", ""})
+        EXPECT_FALSE(MCPTools::spec(name)) << name;
 }
 
 TEST(MCPToolsTest, ListingFormCarriesSchemaAndAllFourHints) {
@@ -344,17 +273,7 @@ TEST(MCPToolsTest, AnUnknownToolGetsTheWorstCaseHintsAndAnUnreadableSchemaIsRepl
     EXPECT_TRUE(MCPTools::annotations(spec).readOnlyHint);
 }
 
-TEST(MCPToolsTest, ListingOfASubsetKeepsTheGivenOrder) {
-    std::vector<MCPToolSpec> subset = {*MCPTools::spec("send_message"),
-                                       *MCPTools::spec("list_accounts")};
-    const Json tools = MCPTools::listing(subset);
-    ASSERT_EQ(tools.size(), 2u);
-    EXPECT_EQ(tools[0]["name"], "send_message");
-    EXPECT_EQ(tools[1]["name"], "list_accounts");
-    EXPECT_EQ(MCPTools::listing({}), Json::array());
-}
-
-TEST(MCPMailBackendRecordsTest, RecordsRoundTripThroughJsonByFieldName) {
+TEST(MCPMailBackendRecordsTest, RecordsRoundTripThroughJsonByFieldNameAndRefuseWrongShapes) {
     MCPMessage message{"m1",
                        "a@example.com",
                        "Bob <b@example.com>",
@@ -385,9 +304,7 @@ TEST(MCPMailBackendRecordsTest, RecordsRoundTripThroughJsonByFieldName) {
     MCPAccount account{"a@example.com", "Work"};
     EXPECT_EQ(Json(account).get<MCPAccount>(), account);
     EXPECT_STREQ(toString(MCPSendDelivery::undone), "undone");
-}
-
-TEST(MCPMailBackendRecordsTest, DecodingAWrongShapeThrowsInsteadOfGuessing) {
+    // A wrong shape throws instead of guessing.
     EXPECT_ANY_THROW(mailcore::parseJson(R"({"email":1,"label":"x"})").get<MCPAccount>());
     EXPECT_ANY_THROW(mailcore::parseJson(R"({"id":"x","name":"y"})").get<MCPFolder>());
 }
