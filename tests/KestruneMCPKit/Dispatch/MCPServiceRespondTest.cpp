@@ -81,11 +81,20 @@ TEST_F(MCPServiceRespondTest, ToolsListShowsOnlyEnabledPermissions) {
     EXPECT_EQ(tool["title"], "Read a message");
 }
 
-TEST_F(MCPServiceRespondTest, UnknownOperationsAndByeAnswer) {
+TEST_F(MCPServiceRespondTest, UnknownOperationsAnswerAndByeOrClearingForgetsSessions) {
     EXPECT_EQ(service->respond(request("dance"))["error"], "Unknown operation.");
     call("search_messages", {{"query", "report"}});
     EXPECT_EQ(service->mailInfluencedSessions(), 1);
     EXPECT_EQ(service->respond(request("bye"))["ok"], true);
+    EXPECT_EQ(service->mailInfluencedSessions(), 0);
+
+    // Clearing a harness forgets its sessions and no other harness's.
+    call("read_message", {{"message_id", "m3"}}, "A");
+    call("read_message", {{"message_id", "m3"}}, "B");
+    EXPECT_EQ(service->mailInfluencedSessions(), 2);
+    service->clearMailInfluence(std::string("codex"));
+    EXPECT_EQ(service->mailInfluencedSessions(), 2);
+    service->clearMailInfluence(std::string("claude"));
     EXPECT_EQ(service->mailInfluencedSessions(), 0);
 }
 
@@ -137,7 +146,7 @@ TEST_F(MCPServiceRespondTest, PipelineChecksToolPermissionAndSizeBeforeRunning) 
     EXPECT_EQ(backend->searchCount(), 0);
 }
 
-TEST_F(MCPServiceRespondTest, BackendFailuresNeverLookLikeEmptyResultsOrLeakTheirText) {
+TEST_F(MCPServiceRespondTest, FailuresAndOversizedResultsBecomeErrorsWithoutBackendText) {
     backend->failing = true;
     for (const auto& [tool, args] :
          std::vector<std::pair<std::string, Json>>{{"list_accounts", Json::object()},
@@ -149,9 +158,7 @@ TEST_F(MCPServiceRespondTest, BackendFailuresNeverLookLikeEmptyResultsOrLeakThei
         EXPECT_EQ(lastAudit().summary, "failed");
         EXPECT_EQ(lastAudit().result, MCPResult::error);
     }
-}
-
-TEST_F(MCPServiceRespondTest, OversizedResultsAreReplacedByAnError) {
+    backend->failing = false;
     settings([](MCPSettings& s) { s.limits.maxResultBytes = 300; });
     const auto a = call("read_message", {{"message_id", "m2"}});
     EXPECT_TRUE(a.isError);
@@ -159,6 +166,7 @@ TEST_F(MCPServiceRespondTest, OversizedResultsAreReplacedByAnError) {
               "The result is too large. Narrow the request (fewer results, a smaller page).");
 }
 
+// One entry per request; an audit log that cannot write never fails one.
 TEST_F(MCPServiceRespondTest, EveryRequestLeavesOneAuditEntry) {
     const auto before = audit->entries().size();
     service->respond(request("hello"));
@@ -170,17 +178,13 @@ TEST_F(MCPServiceRespondTest, EveryRequestLeavesOneAuditEntry) {
     EXPECT_EQ(e.tool, "read_message");
     EXPECT_EQ(e.result, MCPResult::error);
     EXPECT_EQ(e.summary, "Message not found.");
-}
 
-TEST_F(MCPServiceRespondTest, AnAuditLogThatCannotWriteNeverFailsARequest) {
     auto brokenAudit = std::make_shared<MCPAuditLog>(dir / "no-such-dir" / "audit.jsonl", clock());
     MCPService s(policy, brokenAudit, backend, confirmer, workflows, clock());
     auto r = request("call");
     r["name"] = "list_accounts";
     r["arguments"] = Json::object();
-    const auto reply = s.respond(r);
-    EXPECT_EQ(reply["ok"], true);
-    EXPECT_EQ(reply["isError"], false);
+    EXPECT_EQ(s.respond(r)["isError"], false);
 }
 
 }  // namespace

@@ -111,16 +111,6 @@ TEST_F(MCPServiceTaintTest, SendConfirmationsShowTheMailTheSessionRead) {
     EXPECT_EQ(confirmer->sends().back().mailReadTotal, 0);
 }
 
-TEST_F(MCPServiceTaintTest, ClearingAHarnessForgetsItsSessions) {
-    readMail("A");
-    readMail("B");
-    EXPECT_EQ(service->mailInfluencedSessions(), 2);
-    service->clearMailInfluence(std::string("codex"));
-    EXPECT_EQ(service->mailInfluencedSessions(), 2);
-    service->clearMailInfluence(std::string("claude"));
-    EXPECT_EQ(service->mailInfluencedSessions(), 0);
-}
-
 TEST_F(MCPServiceTaintTest, AWaitingConfirmationBlocksNoOtherCall) {
     settings([](MCPSettings& s) { s.enabledPermissions.insert("send_message"); });
     confirmer->holdAnswers(true);

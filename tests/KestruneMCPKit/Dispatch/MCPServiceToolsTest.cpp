@@ -10,7 +10,7 @@ using mailcore::Json;
 
 class MCPServiceToolsTest : public ServiceFixture {};
 
-TEST_F(MCPServiceToolsTest, ListAccountsAndFoldersHideExcludedAccounts) {
+TEST_F(MCPServiceToolsTest, ExcludedAccountsAreInvisibleToEveryReadTool) {
     auto a = call("list_accounts");
     EXPECT_EQ(a.json["accounts"].size(), 2u);
     EXPECT_EQ(lastAudit().summary, "2 accounts");
@@ -26,8 +26,16 @@ TEST_F(MCPServiceToolsTest, ListAccountsAndFoldersHideExcludedAccounts) {
     EXPECT_EQ(a.json["folders"][1], (Json{{"id", "inbox"}, {"name", "Inbox"}, {"unread", 3}}));
     EXPECT_EQ(lastAudit().summary, "3 folders");
     EXPECT_EQ(lastAudit().account, "me@example.com");
-    a = call("list_folders");
-    EXPECT_EQ(a.text, "'account' must be a string.");
+    EXPECT_EQ(call("list_folders").text, "'account' must be a string.");
+
+    // Search without an account sees only the allowed ones; reads find nothing else.
+    settings([](MCPSettings& s) { s.excludedAccounts = {"me@example.com"}; });
+    const auto others = call("search_messages", {{"query", ""}});
+    EXPECT_FALSE(others.json["results"].empty());
+    for (const auto& r : others.json["results"]) EXPECT_EQ(r["account"], "work@example.org");
+    EXPECT_EQ(call("search_messages", {{"account", "me@example.com"}}).text,
+              "Unknown account. Use an address from list_accounts.");
+    EXPECT_EQ(call("read_message", {{"message_id", "m1"}}).text, "Message not found.");
 }
 
 TEST_F(MCPServiceToolsTest, SearchPagesAreBoundedAndMarkedUntrusted) {
@@ -57,15 +65,6 @@ TEST_F(MCPServiceToolsTest, SearchPagesAreBoundedAndMarkedUntrusted) {
               "'unread_only' must be true or false.");
     EXPECT_TRUE(call("search_messages", {{"query", std::string(501, 'q')}}).isError);
     EXPECT_TRUE(call("search_messages", {{"account", std::string(201, 'a')}}).isError);
-}
-
-TEST_F(MCPServiceToolsTest, SearchNeverReturnsMailOfExcludedAccounts) {
-    settings([](MCPSettings& s) { s.excludedAccounts = {"me@example.com"}; });
-    auto a = call("search_messages", {{"query", ""}});
-    for (const auto& r : a.json["results"]) EXPECT_EQ(r["account"], "work@example.org");
-    EXPECT_EQ(call("search_messages", {{"account", "me@example.com"}}).text,
-              "Unknown account. Use an address from list_accounts.");
-    EXPECT_EQ(call("read_message", {{"message_id", "m1"}}).text, "Message not found.");
 }
 
 TEST_F(MCPServiceToolsTest, ReadMessageGivesCleanedTextWithoutSecretsOrTrackers) {
