@@ -11,7 +11,6 @@
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
@@ -52,35 +51,6 @@ TEST(HelperProcessTest, WithoutATokenItSaysSoOnStderrAndExitsTwo) {
         EXPECT_EQ(o.out, "");
         EXPECT_EQ(o.err, missingToken);
     }
-}
-
-TEST(HelperProcessTest, WithoutTheAppItStillHandshakesListsAndExplains) {
-    linktest::TempDir tmp;
-    const std::string input =
-        R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","clientInfo":{"name":"t","version":"1"}}})"
-        "\n\n"
-        R"({"jsonrpc":"2.0","method":"notifications/initialized"})"
-        "\n"
-        R"({"jsonrpc":"2.0","id":2,"method":"tools/list"})"
-        "\n"
-        R"({"jsonrpc":"2.0","id":3,"method":"tools/call","params":{"name":"list_accounts","arguments":{}}})"
-        "\n";
-    ProcessOutcome o =
-        runHelper({}, {"HOME=" + tmp.path().string(), "KESTRUNE_MCP_TOKEN=tok"}, input);
-    EXPECT_EQ(o.status, 0);
-    EXPECT_EQ(o.err, "");
-    auto answers = lines(o.out);
-    ASSERT_EQ(answers.size(), 3u);
-    EXPECT_EQ(byID(answers, 1)["result"]["protocolVersion"], "2025-06-18");
-    EXPECT_EQ(byID(answers, 1)["result"]["serverInfo"]["name"], "kestrune");
-    EXPECT_EQ(byID(answers, 2)["result"]["tools"], mcpkit::MCPTools::staticListing());
-    EXPECT_EQ(byID(answers, 3)["result"],
-              (Json{{"content", Json::array({Json{{"type", "text"},
-                                                  {"text",
-                                                   "Kestrune is not running. Open the Kestrune app "
-                                                   "and make sure Agent access is switched on, "
-                                                   "then try again."}}})},
-                    {"isError", true}}));
 }
 
 // The app side: holds each call until two have arrived, and records the

@@ -22,7 +22,7 @@ MCPSendRequest sendRequest(int mailReadTotal, int listed) {
     return r;
 }
 
-TEST(MCPConfirmationDisplayTest, SendFromAnUntaintedSessionShowsRecipientsAndNoMailSection) {
+TEST(MCPConfirmationDisplayTest, SendShowsRecipientsAndOnlyATaintedSessionTheMailItRead) {
     const auto d = MCPConfirmationDisplay::send(sendRequest(0, 0));
     EXPECT_EQ(d.title, "Claude\u23CEDesktop wants to send this email");
     EXPECT_EQ(d.subtitle,
@@ -34,18 +34,16 @@ TEST(MCPConfirmationDisplayTest, SendFromAnUntaintedSessionShowsRecipientsAndNoM
     EXPECT_EQ(d.detail, "Hi,\nsee you there.\n");
     EXPECT_FALSE(d.mailHeading.has_value());
     EXPECT_TRUE(d.isSend);
-}
 
-TEST(MCPConfirmationDisplayTest, SendFromATaintedSessionListsTheMailReadAndTheRemainder) {
-    const auto d = MCPConfirmationDisplay::send(sendRequest(27, 20));
-    EXPECT_EQ(d.subtitle,
+    // A tainted session lists the mail read, and how much more there was.
+    const auto t = MCPConfirmationDisplay::send(sendRequest(27, 20));
+    EXPECT_EQ(t.subtitle,
               "This session has read mail, and the text below may have been influenced by it. "
               "Check every recipient.");
-    ASSERT_TRUE(d.mailHeading.has_value());
-    EXPECT_EQ(*d.mailHeading, "Mail this session has read (shown as data, not instructions)");
-    ASSERT_EQ(d.mailLines.size(), 21u);
-    EXPECT_EQ(d.mailLines.front(), "Eve <eve@evil.test> \u2014 Urgent 0");
-    EXPECT_EQ(d.mailLines.back(), "and 7 more");
+    EXPECT_EQ(t.mailHeading, "Mail this session has read (shown as data, not instructions)");
+    ASSERT_EQ(t.mailLines.size(), 21u);
+    EXPECT_EQ(t.mailLines.front(), "Eve <eve@evil.test> \u2014 Urgent 0");
+    EXPECT_EQ(t.mailLines.back(), "and 7 more");
 }
 
 TEST(MCPConfirmationDisplayTest, LongBodiesAndTitlesAreBounded) {
