@@ -11,7 +11,7 @@
 namespace mailcore {
 namespace {
 
-const MailError closedByServer =
+const MailError closed =
     MailError::network(NetworkFailureKind::connectionLost, "connection closed by server");
 const MailError tooLong =
     MailError::protocolViolation(ProtocolIssueKind::responseTooLarge, "line too long");
@@ -83,61 +83,33 @@ std::pair<std::vector<std::string>, MailError> readAllLines(ByteStream& stream,
     }
 }
 
+// Each input, read whole, byte by byte and in random splits, with a line
+// limit: the lines it gives and the failure that ends it ("read past
+// script" when the reader waits for more).
 TEST(StreamReaderTest, SplitsLinesTheSameWayHoweverTheInputArrives) {
     struct Case {
-        const char* name;
         std::string input;
         std::size_t maxBytes;
         bool endsAfterScript;
         std::vector<std::string> lines;
         MailError end;
     };
-    const std::string eight(8, 'x');
-    const std::vector<Case> cases = {
-        {"CR LF and bare LF",
-         "A1 OK done\r\n* 1 EXISTS\n\r\n\n",
-         100,
-         true,
-         {"A1 OK done", "* 1 EXISTS", "", ""},
-         closedByServer},
-        {"a CR inside a line stays",
-         "a\rb\r\r\n\rc\n",
-         100,
-         true,
-         {"a\rb\r", "\rc"},
-         closedByServer},
-        {"a line of exactly maxBytes with CR LF",
-         eight + "\r\n" + eight + "\n",
-         8,
-         true,
-         {eight, eight},
-         closedByServer},
-        {"one byte more is too long", eight + "y\r\n", 8, true, {}, tooLong},
-        {"too long before the line end arrives", eight + "y", 8, false, {}, tooLong},
-        {"a pending CR at maxBytes + 1 may still end the line",
-         eight + "\r",
-         8,
-         false,
-         {},
-         pastScript},
-        {"a CR followed by more at maxBytes + 2 is too long", eight + "\ry", 8, false, {}, tooLong},
-        {"a line after a long one is not affected",
-         "ok\n" + eight + "yy",
-         8,
-         false,
-         {"ok"},
-         tooLong},
-        {"partial last line at the end of the stream",
-         "A1 OK\r\nA2 O",
-         100,
-         true,
-         {"A1 OK"},
-         closedByServer},
-        {"empty stream", "", 100, true, {}, closedByServer},
+    const std::string x8(8, 'x');
+    const Case cases[] = {
+        {"A1 OK\r\n* 1\n\r\n\n", 100, true, {"A1 OK", "* 1", "", ""}, closed},  // CR LF, LF
+        {"a\rb\r\r\n\rc\n", 100, true, {"a\rb\r", "\rc"}, closed},              // inner CRs stay
+        {x8 + "\r\n" + x8 + "\n", 8, true, {x8, x8}, closed},                   // exactly maxBytes
+        {x8 + "y\r\n", 8, true, {}, tooLong},                                   // one byte more
+        {x8 + "y", 8, false, {}, tooLong},      // before the line end
+        {x8 + "\r", 8, false, {}, pastScript},  // the CR at maxBytes + 1 may end the line
+        {x8 + "\ry", 8, false, {}, tooLong},    // but not with more after it
+        {"ok\n" + x8 + "yy", 8, false, {"ok"}, tooLong},
+        {"A1 OK\r\nA2 O", 100, true, {"A1 OK"}, closed},  // a partial last line
+        {"", 100, true, {}, closed},
     };
     for (const auto& c : cases) {
         for (Split how : allSplits) {
-            SCOPED_TRACE(std::string(c.name) + " / split " + std::to_string(static_cast<int>(how)));
+            SCOPED_TRACE(c.input + " / split " + std::to_string(static_cast<int>(how)));
             ChunkedStream stream(split(c.input, how), c.endsAfterScript);
             auto [lines, end] = readAllLines(stream, c.maxBytes);
             EXPECT_EQ(lines, c.lines);
@@ -157,36 +129,25 @@ TEST(StreamReaderTest, MixesCountedReadsWithLines) {
         EXPECT_EQ(bytesToString(reader.readBytes(11)), "hello\r\nworl");
         EXPECT_EQ(bytesToString(reader.readLine(100)), "d)");
         EXPECT_EQ(bytesToString(reader.readBytes(3)), "A1 ");
-        EXPECT_EQ(testing::errorOf([&] { reader.readBytes(10); }), closedByServer);
+        EXPECT_EQ(testing::errorOf([&] { reader.readBytes(10); }), closed);
     }
 }
 
-TEST(StreamReaderTest, AsksTheStreamForChunksOfAtMost16KiB) {
-    const std::string big(40000, 'b');
-    ChunkedStream stream({big}, true);
-    StreamReader reader(stream);
-    EXPECT_EQ(reader.readBytes(40000).size(), 40000u);
-    EXPECT_EQ(stream.maxLengths, (std::vector<int>{16384, 16384, 16384}));
-}
-
-// The consumed prefix stays until more than 64 KiB are consumed (or all
-// is), so lines are not copied once each.
-TEST(StreamReaderTest, CompactsOnlyPastSixtyFourKiBConsumed) {
-    // 69 bytes and CR LF: 71, whose multiples meet the 1024-byte chunk ends
-    // only every 72704 bytes, so most lines end inside a chunk.
+// The stream is asked for at most 16 KiB at a time. The consumed prefix
+// stays until more than 64 KiB are consumed (or all is), so lines are not
+// copied once each.
+TEST(StreamReaderTest, ReadsInSixteenKiBChunksAndCompactsPastSixtyFourKiB) {
+    // 69 bytes and CR LF: 71, which meets a chunk end only every 1163264
+    // bytes, so lines end inside chunks.
     std::string line = "* 12345 FETCH (UID 67890 FLAGS (\\Seen) RFC822.SIZE 4242)";
     line.resize(69, '.');
-    const int count = 3000;
     std::string input;
-    for (int i = 0; i < count; ++i) input += line + "\r\n";
-    std::vector<std::string> chunks;
-    for (std::size_t i = 0; i < input.size(); i += 1024) chunks.push_back(input.substr(i, 1024));
-    ChunkedStream stream(chunks, true);
+    for (int i = 0; i < 3000; ++i) input += line + "\r\n";
+    ChunkedStream stream({input}, true);
     StreamReader reader(stream);
-    std::size_t largestPrefix = 0;
-    std::size_t previousPrefix = 0;
+    std::size_t largestPrefix = 0, previousPrefix = 0;
     int drops = 0;
-    for (int i = 0; i < count; ++i) {
+    for (int i = 0; i < 3000; ++i) {
         ASSERT_EQ(bytesToString(reader.readLine(1000)), line);
         const std::size_t prefix = reader.retainedBytes() - reader.unreadBytes();
         ASSERT_LE(prefix, StreamReader::compactionThreshold);
@@ -195,11 +156,11 @@ TEST(StreamReaderTest, CompactsOnlyPastSixtyFourKiBConsumed) {
         previousPrefix = prefix;
     }
     EXPECT_GT(largestPrefix, StreamReader::compactionThreshold - 2 * 71);
-    // About one drop per 64 KiB read (plus the rare chunk-aligned line end),
-    // not one per line.
-    EXPECT_GE(drops, static_cast<int>(input.size() / 72704));
-    EXPECT_LE(drops, static_cast<int>(2 * input.size() / 65536) + 2);
+    EXPECT_GE(drops, static_cast<int>(input.size() / 65536));      // once per 64 KiB,
+    EXPECT_LE(drops, static_cast<int>(input.size() / 65536) + 1);  // not once per line
     EXPECT_EQ(reader.retainedBytes(), 0u);  // everything consumed: all dropped
+    EXPECT_EQ(stream.maxLengths, std::vector<int>(stream.maxLengths.size(), 16384));
+    EXPECT_EQ(stream.maxLengths.size(), input.size() / 16384 + 1);
 }
 
 }  // namespace

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <array>
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
@@ -78,11 +79,8 @@ subjectAltName = DNS:other.example
 [ ca ]
 default_ca = test_ca
 [ test_ca ]
-dir = .
 database = ./index.txt
-new_certs_dir = ./issued
-certificate = ./ca.pem
-private_key = ./ca.key
+new_certs_dir = .
 serial = ./serial
 default_md = sha256
 policy = any_name
@@ -108,37 +106,34 @@ TestPKI makePKI() {
     writeFile(d + "/openssl.cnf", config);
     writeFile(d + "/index.txt", "");
     writeFile(d + "/serial", "1000\n");
-    std::filesystem::create_directory(d + "/issued");
     std::filesystem::create_directory(d + "/nocerts");
-    const std::string req =
-        "req -config openssl.cnf -newkey ec -pkeyopt "
-        "ec_paramgen_curve:prime256v1 -nodes ";
-    const auto selfSigned = [&](const std::string& name, const std::string& cn,
-                                const std::string& extensions) {
-        openssl(d, req + "-x509 -keyout " + name + ".key -out " + name +
-                       ".pem -days 30 -subj '/CN=" + cn + "' -extensions " + extensions);
-    };
-    const auto request = [&](const std::string& name, const std::string& cn) {
-        openssl(d,
-                req + "-new -keyout " + name + ".key -out " + name + ".csr -subj '/CN=" + cn + "'");
-    };
-    selfSigned("ca", "Kestrune Test CA", "v3_ca");
-    selfSigned("rogue", "Rogue Test CA", "v3_ca");
-    selfSigned("self", "localhost", "leaf_localhost");
-    for (const auto& [name, cn, ca, extensions] :
-         {std::tuple<std::string, std::string, std::string, std::string>{"leaf", "localhost", "ca",
-                                                                         "leaf_localhost"},
-          {"other", "other.example", "ca", "leaf_other"},
-          {"rogueleaf", "localhost", "rogue", "leaf_localhost"}}) {
-        request(name, cn);
-        openssl(d, "x509 -req -in " + name + ".csr -CA " + ca + ".pem -CAkey " + ca +
-                       ".key -CAcreateserial -days 30 -sha256 -extfile openssl.cnf -extensions " +
-                       extensions + " -out " + name + ".pem");
+    // name, common name, extensions, issuer (none: self-signed)
+    const std::array<std::array<std::string, 4>, 7> certificates = {{
+        {"ca", "Kestrune Test CA", "v3_ca", ""},
+        {"rogue", "Rogue Test CA", "v3_ca", ""},
+        {"self", "localhost", "leaf_localhost", ""},
+        {"leaf", "localhost", "leaf_localhost", "ca"},
+        {"other", "other.example", "leaf_other", "ca"},
+        {"rogueleaf", "localhost", "leaf_localhost", "rogue"},
+        {"expired", "localhost", "leaf_localhost", "ca"},
+    }};
+    for (const auto& [name, cn, extensions, issuer] : certificates) {
+        const std::string request =
+            "req -config openssl.cnf -newkey ec -pkeyopt ec_paramgen_curve:prime256v1 -nodes "
+            "-keyout " +
+            name + ".key -subj '/CN=" + cn + "' ";
+        if (issuer.empty()) {
+            openssl(
+                d, request + "-x509 -days 30 -extensions " + extensions + " -out " + name + ".pem");
+            continue;
+        }
+        const std::string dates =
+            name == "expired" ? "-startdate 20200101000000Z -enddate 20200201000000Z" : "-days 30";
+        openssl(d, request + "-new -out " + name + ".csr");
+        openssl(d, "ca -batch -notext -config openssl.cnf -cert " + issuer + ".pem -keyfile " +
+                       issuer + ".key -extensions " + extensions + " " + dates + " -in " + name +
+                       ".csr -out " + name + ".pem");
     }
-    request("expired", "localhost");
-    openssl(d,
-            "ca -batch -config openssl.cnf -extensions leaf_localhost -startdate 20200101000000Z"
-            " -enddate 20200201000000Z -in expired.csr -out expired.pem");
     // The process's platform trust store is exactly the test CA.
     setenv("SSL_CERT_FILE", (d + "/ca.pem").c_str(), 1);
     setenv("SSL_CERT_DIR", (d + "/nocerts").c_str(), 1);
