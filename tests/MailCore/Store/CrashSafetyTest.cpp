@@ -5,15 +5,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <nlohmann/json.hpp>
-
 #include "StoreTestSupport.h"
 
 namespace mailcore {
 namespace {
 
 using testing::message;
-using testing::TempDir;
 
 constexpr int batchSize = 4000;
 
@@ -33,45 +30,18 @@ std::vector<MessageIndexFields> bigBatch(const AccountID& account, FolderID fold
     return batch;
 }
 
-struct Counts {
-    std::int64_t messages, search, participants, orphanThreads, folderTotal;
-};
+using CrashSafetyTest = testing::StoreFixture;
 
-Counts countsOf(SQLiteMailStore& store) {
-    return store.read([](SQLiteDatabase& db) {
-        auto integrity = db.queryOne<std::string>("PRAGMA integrity_check", {},
-                                                  [](const SQLRow& r) { return r.text(0); });
-        EXPECT_EQ(integrity, "ok");
-        EXPECT_FALSE(db.scalarInt("SELECT 1 FROM pragma_foreign_key_check").has_value());
-        return Counts{
-            *db.scalarInt("SELECT COUNT(*) FROM messages"),
-            *db.scalarInt("SELECT COUNT(*) FROM message_search"),
-            *db.scalarInt("SELECT COUNT(*) FROM participants"),
-            *db.scalarInt("SELECT COUNT(*) FROM threads t WHERE NOT EXISTS (SELECT 1 FROM messages "
-                          "m WHERE m.thread_id = t.id)"),
-            *db.scalarInt("SELECT total_count FROM folders WHERE path = 'INBOX'"),
-        };
-    });
-}
-
-TEST(CrashSafetyTest, KilledBatchIsAllOrNothing) {
-    TempDir dir;
-    std::string path = dir.file("mail.db");
-    AccountID account("acct");
-    FolderID inbox;
-    {
-        SQLiteMailStore store(StoreLocation::file(path));
-        store.saveAccount(account, Json::object(), testing::at(1));
-        inbox = store.createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
-        store.upsertSync({message(account, inbox, 1, "<seed@x>", "", "", "seed")});
-    }
+TEST_F(CrashSafetyTest, KilledBatchIsAllOrNothing) {
+    store->upsertSync({message(account, inbox, 1, "<seed@x>", "", "", "seed")});
     std::int64_t expected = 1;
     int killedMidway = 0;
-    const int delaysMs[] = {15, 60, 150, 400};
     std::uint32_t nextUID = 10;
-    for (int delay : delaysMs) {
+    for (int delay : {15, 60, 150, 400}) {
+        SCOPED_TRACE("killed after " + std::to_string(delay) + " ms");
         auto batch = bigBatch(account, inbox, nextUID);
         nextUID += batchSize;
+        store.reset();
         int ready[2];
         ASSERT_EQ(::pipe(ready), 0);
         pid_t pid = ::fork();
@@ -79,10 +49,10 @@ TEST(CrashSafetyTest, KilledBatchIsAllOrNothing) {
         if (pid == 0) {
             ::close(ready[0]);
             try {
-                SQLiteMailStore store(StoreLocation::file(path));
+                SQLiteMailStore child(StoreLocation::file(dir.file("mail.db")));
                 char byte = 1;
                 if (::write(ready[1], &byte, 1) != 1) ::_exit(2);
-                store.upsertSync(batch);
+                child.upsertSync(batch);
             } catch (...) {
                 ::_exit(1);
             }
@@ -97,21 +67,25 @@ TEST(CrashSafetyTest, KilledBatchIsAllOrNothing) {
         int status = 0;
         ::waitpid(pid, &status, 0);
         bool killed = WIFSIGNALED(status);
-        if (!killed) {
-            ASSERT_EQ(WEXITSTATUS(status), 0);
-        }
+        if (!killed) ASSERT_EQ(WEXITSTATUS(status), 0);
 
-        SQLiteMailStore store(StoreLocation::file(path));
-        Counts c = countsOf(store);
-        ASSERT_TRUE(c.messages == expected || c.messages == expected + batchSize)
-            << "delay " << delay << ": " << c.messages << " messages";
-        bool applied = c.messages == expected + batchSize;
-        if (killed && !applied) ++killedMidway;
-        expected = c.messages;
-        EXPECT_EQ(c.search, c.messages);
-        EXPECT_EQ(c.participants, 2 * c.messages);  // one sender and one recipient each
-        EXPECT_EQ(c.orphanThreads, 0);
-        EXPECT_EQ(c.folderTotal, c.messages);
+        reopen();
+        store->read([](SQLiteDatabase& db) {
+            EXPECT_EQ(db.queryOne<std::string>("PRAGMA integrity_check", {},
+                                               [](const SQLRow& r) { return r.text(0); }),
+                      "ok");
+            EXPECT_FALSE(db.scalarInt("SELECT 1 FROM pragma_foreign_key_check").has_value());
+        });
+        std::int64_t messages = rows("messages");
+        ASSERT_TRUE(messages == expected || messages == expected + batchSize) << messages;
+        if (killed && messages == expected) ++killedMidway;
+        expected = messages;
+        EXPECT_EQ(rows("message_search"), messages);
+        EXPECT_EQ(rows("participants"), 2 * messages);  // one sender and one recipient each
+        EXPECT_EQ(rows("threads t WHERE NOT EXISTS (SELECT 1 FROM messages m WHERE m.thread_id = "
+                       "t.id)"),
+                  0);
+        EXPECT_EQ(store->folder(inbox)->totalCount, messages);
     }
     // At least one kill must have landed inside a batch for the test to mean anything.
     EXPECT_GT(killedMidway, 0);

@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <nlohmann/json.hpp>
+#include <sstream>
 #include <string>
 
 #include "MailCore/Store/SQLiteMailStore.h"
@@ -126,6 +127,17 @@ struct OutboxStoreFixture : StoreFixture {
     }
     static FlagChange add(std::int64_t flags) { return FlagChange{flags, 0, {}, {}}; }
     static FlagChange remove(std::int64_t flags) { return FlagChange{0, flags, {}, {}}; }
+    // An outbox item as "state attempts due error" ("gone" once deleted),
+    // with its due time in seconds after `since`.
+    std::string summary(const OutboxItemID& id, double since = 0) {
+        auto row = store->outboxItem(id);
+        if (!row) return "gone";
+        std::ostringstream out;
+        out << rawValue(row->item.state) << " " << row->item.attemptCount << " "
+            << secondsSince1970(row->item.notBefore) - since << " "
+            << (row->item.lastError ? row->item.lastError->what() : "-");
+        return out.str();
+    }
     OutboxItem send(const std::string& subject, std::optional<std::string> draft, double when) {
         std::optional<DraftID> d;
         if (draft) d = DraftID(*draft);
