@@ -7,6 +7,8 @@
 #include <cstddef>
 #include <string>
 
+#include "KestruneMCPKit/Link/LineBuffer.h"
+
 namespace mcpkit {
 
 class FrameReader {
@@ -33,11 +35,8 @@ public:
     Next next();
 
 private:
-    int fd_;
+    LineBuffer buffer_;
     std::size_t maxBytes_;
-    std::string buffer_;
-    std::size_t start_ = 0;    // first unread byte in buffer_
-    std::size_t scanned_ = 0;  // bytes after start_ known to hold no line feed
 };
 
 }  // namespace mcpkit

@@ -9,6 +9,8 @@
 #include <optional>
 #include <string>
 
+#include "KestruneMCPKit/Link/LineBuffer.h"
+
 namespace mcpkit {
 
 class MCPInputLines {
@@ -27,13 +29,9 @@ public:
     std::optional<Line> next();
 
 private:
-    bool fill();
-
-    int fd_;
+    LineBuffer buffer_;
     std::size_t maxBytes_;
-    std::string buffer_;
-    std::size_t start_ = 0;
-    bool ended_ = false;
+    bool ended_ = false;  // the stream ended or failed: nothing more is read
 };
 
 }  // namespace mcpkit
