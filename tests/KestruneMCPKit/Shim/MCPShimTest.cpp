@@ -15,39 +15,25 @@ using mcpkit::MCPLinkError;
 using mcpkit::MCPShim;
 
 // A link whose answers the test scripts; it records every request.
-struct Script {
+class ScriptedLink : public mcpkit::MCPAppLink {
+public:
+    Json send(const Json& request) override {
+        std::lock_guard guard(lock);
+        requests.push_back(request);
+        return answer(request);
+    }
     std::mutex lock;
     std::vector<Json> requests;
     std::function<Json(const Json&)> answer = [](const Json&) { return Json{{"ok", true}}; };
 };
 
-class ScriptedLink : public mcpkit::MCPAppLink {
-public:
-    explicit ScriptedLink(std::shared_ptr<Script> script) : script_(std::move(script)) {}
-    Json send(const Json& request) override {
-        std::function<Json(const Json&)> answer;
-        {
-            std::lock_guard guard(script_->lock);
-            script_->requests.push_back(request);
-            answer = script_->answer;
-        }
-        return answer(request);
-    }
-
-private:
-    std::shared_ptr<Script> script_;
-};
-
 class MCPShimTest : public ::testing::Test {
 protected:
-    std::shared_ptr<Script> script = std::make_shared<Script>();
-    std::mutex outputLock;
+    std::unique_ptr<ScriptedLink> owned = std::make_unique<ScriptedLink>();
+    ScriptedLink* link = owned.get();  // the shim owns it
     std::vector<std::string> output;
-    MCPShim shim{std::make_unique<ScriptedLink>(script), "tok-123",
-                 [this](const std::string& line) {
-                     std::lock_guard guard(outputLock);
-                     output.push_back(line);
-                 }};
+    MCPShim shim{std::move(owned), "tok-123",
+                 [this](const std::string& line) { output.push_back(line); }};
 
     // Handles `line` and returns the one line written (without its line
     // feed), or none when nothing was written.
@@ -68,17 +54,12 @@ protected:
     }
 
     void answerWith(Json reply) {
-        std::lock_guard guard(script->lock);
-        script->answer = [reply](const Json&) { return reply; };
+        link->answer = [reply](const Json&) { return reply; };
     }
     void failWith(MCPLinkError error) {
-        std::lock_guard guard(script->lock);
-        script->answer = [error](const Json&) -> Json { throw error; };
+        link->answer = [error](const Json&) -> Json { throw error; };
     }
-    std::vector<Json> requests() {
-        std::lock_guard guard(script->lock);
-        return script->requests;
-    }
+    const std::vector<Json>& requests() { return link->requests; }
 };
 
 TEST_F(MCPShimTest, AnswersJsonRpcFramingExactly) {
@@ -262,10 +243,7 @@ TEST_F(MCPShimTest, ToolsCallRelaysTheCallAndAlwaysAnswersAResult) {
     };
     for (const auto& c : cases) {
         SCOPED_TRACE(c.name);
-        {
-            std::lock_guard guard(script->lock);
-            script->answer = c.app;
-        }
+        link->answer = c.app;
         Json answered = answerJson(
             R"({"jsonrpc":"2.0","id":9,"method":"tools/call","params":{"name":"search_messages",)"
             R"("arguments":{"query":"invoice"}}})");
