@@ -28,24 +28,26 @@ const std::string envDiffers = "The token or environment differs from this app's
 
 MCPHarnessSpec harness(const std::string& id) { return *MCPHarnessCatalog::spec(id); }
 
-// Formats and snippets of every row; ids, names and paths are checked
+// Formats, client hints and snippets of every row; ids, names and paths are checked
 // through --list-harnesses and --print-config.
-TEST(MCPHarnessCatalogTest, FormatsAndSnippetsOfEveryRow) {
-    const std::map<std::string, MCPConfigFormat> formats = {
-        {"claude-code", MCPConfigFormat::json({"mcpServers"}, true)},
-        {"zcode", MCPConfigFormat::json({"mcp", "servers"}, true)},
-        {"cursor", MCPConfigFormat::json({"mcpServers"}, false)},
-        {"codex", MCPConfigFormat::toml()},
-        {"claude-desktop", MCPConfigFormat::json({"mcpServers"}, false)},
-        {"windsurf", MCPConfigFormat::json({"mcpServers"}, false)},
-        {"vscode", MCPConfigFormat::snippetOnly()},
+TEST(MCPHarnessCatalogTest, FormatsHintsAndSnippetsOfEveryRow) {
+    using Hints = std::vector<std::string>;
+    const std::map<std::string, std::pair<MCPConfigFormat, Hints>> rows = {
+        {"claude-code", {MCPConfigFormat::json({"mcpServers"}, true), {"claude"}}},
+        {"zcode", {MCPConfigFormat::json({"mcp", "servers"}, true), {}}},
+        {"cursor", {MCPConfigFormat::json({"mcpServers"}, false), {"cursor"}}},
+        {"codex", {MCPConfigFormat::toml(), {"codex"}}},
+        {"claude-desktop", {MCPConfigFormat::json({"mcpServers"}, false), {"claude"}}},
+        {"windsurf", {MCPConfigFormat::json({"mcpServers"}, false), {"windsurf"}}},
+        {"vscode", {MCPConfigFormat::snippetOnly(), {}}},
     };
     MCPInstaller installer("/home/u", {}, mailcore::systemClock());
     auto entry = MCPServerEntry::make("/opt/k", "<KESTRUNE_MCP_TOKEN>", std::nullopt);
-    ASSERT_EQ(MCPHarnessCatalog::all().size(), formats.size());
+    ASSERT_EQ(MCPHarnessCatalog::all().size(), rows.size());
     for (const auto& spec : MCPHarnessCatalog::all()) {
         SCOPED_TRACE(spec.id);
-        EXPECT_EQ(spec.format, formats.at(spec.id));
+        EXPECT_EQ(spec.format, rows.at(spec.id).first);
+        EXPECT_EQ(spec.clientHints, rows.at(spec.id).second);
         EXPECT_FALSE(spec.detectionPaths.empty());
         MCPSnippet snippet = installer.snippet(spec, entry);
         EXPECT_EQ(snippet.file, fs::path("/home/u") / spec.configPath);
