@@ -1,42 +1,27 @@
-#include <gtest/gtest.h>
+// The whole sanitizer: its documented examples, the order of its steps, its
+// options, and the character budget with head and tail.
+#include <cmath>
+#include <random>
 
-#include <string>
+#include "SanitizerTestSupport.h"
 
-#include "MailCore/AI/AIContentSanitizer.h"
-
-namespace mailcore {
+namespace mailcore::testing {
 namespace {
 
-using S = AIContentSanitizer;
-
-SanitizedText clean(std::string_view text, std::int64_t budget = 100000) {
-    return S::sanitize(text, AIContentSanitizerOptions::standard(budget));
-}
-
-TEST(AIContentSanitizerTest, StandardOptionsAndDefaults) {
-    AIContentSanitizerOptions standard = AIContentSanitizerOptions::standard(4000);
-    EXPECT_EQ(standard.maxQuoteLevels, 1);
-    EXPECT_EQ(standard.maxSignatureLines, 6);
+TEST(AIContentSanitizerTest, StandardOptions) {
+    const AIContentSanitizerOptions standard = AIContentSanitizerOptions::standard(4000);
+    const AIContentSanitizerOptions defaults;
+    for (const auto& o : {standard, defaults}) {
+        EXPECT_EQ(std::tuple(o.maxQuoteLevels, o.maxSignatureLines, o.headFraction, o.redactSecrets,
+                             o.maxInputCharacters),
+                  std::tuple(1, 6, 0.7, true, std::int64_t{1'000'000}));
+    }
     EXPECT_EQ(standard.maxCharacters, 4000);
-    EXPECT_DOUBLE_EQ(standard.headFraction, 0.7);
-    EXPECT_TRUE(standard.redactSecrets);
-    EXPECT_EQ(standard.maxInputCharacters, 1000000);
     EXPECT_EQ(AIContentSanitizerOptions::standard(-5).maxCharacters, 0);
-
-    AIContentSanitizerOptions defaults;
-    EXPECT_EQ(defaults.maxQuoteLevels, 1);
-    EXPECT_EQ(defaults.maxSignatureLines, 6);
-    EXPECT_DOUBLE_EQ(defaults.headFraction, 0.7);
-    EXPECT_TRUE(defaults.redactSecrets);
-    EXPECT_EQ(defaults.maxInputCharacters, 1000000);
 }
 
 TEST(AIContentSanitizerTest, DocumentedExamples) {
-    struct Case {
-        std::string input;
-        std::string output;
-    };
-    const Case cases[] = {
+    const std::vector<Case> cases = {
         {"Card 4111 1111 1111 1111 on file", "Card [number redacted] on file"},
         {"Order 1234 5678 9012 3456 shipped", "Order 1234 5678 9012 3456 shipped"},
         {"password: hunter22", "password: [token redacted]"},
@@ -45,12 +30,11 @@ TEST(AIContentSanitizerTest, DocumentedExamples) {
          "Visible text"},
         {"Read it at https://click.example.com/ABC123", "Read it at [tracking link removed]"},
         {"", ""},
+        {"caf\xe9 \xff\xfe ok \xe2\x82",
+         "caf\uFFFD \uFFFD\uFFFD ok \uFFFD\uFFFD"},  // invalid UTF-8
     };
-    for (const auto& c : cases) {
-        SanitizedText result = clean(c.input);
-        EXPECT_EQ(result.text, c.output) << c.input;
-        EXPECT_FALSE(result.truncated);
-    }
+    for (const auto& c : cases)
+        EXPECT_EQ(clean(c.input), (SanitizedText{c.output, false})) << c.input;
 }
 
 TEST(AIContentSanitizerTest, StepsRunInTheWrittenOrder) {
@@ -65,63 +49,31 @@ TEST(AIContentSanitizerTest, StepsRunInTheWrittenOrder) {
     EXPECT_EQ(clean("Hi\n> -- \n> a\n> b\n> c\n> d\n> e\n> f\n> g").text,
               "Hi\n> --\n> a\n> b\n> c\n> d\n> e\n> f\n> g");
     // Secrets go before blank-line collapsing and truncation (8, 9, 10).
-    std::string filler;
-    for (int i = 0; i < 40; ++i) filler += "filler ";
-    SanitizedText cut = clean("password: hunter22\n\n\n\n" + filler + "end", 80);
+    SanitizedText cut = clean("password: hunter22\n\n\n\n" + repeated("filler ", 280) + "end", 80);
     EXPECT_TRUE(cut.truncated);
     EXPECT_EQ(cut.text.rfind("password: [token redacted]", 0), 0u) << cut.text;
     EXPECT_EQ(cut.text.find("hunter22"), std::string::npos);
 }
 
-TEST(AIContentSanitizerTest, RedactionCanBeTurnedOff) {
+TEST(AIContentSanitizerTest, OptionsSwitchRedactionInputCapAndFormat) {
     AIContentSanitizerOptions options = AIContentSanitizerOptions::standard(1000);
     options.redactSecrets = false;
     EXPECT_EQ(S::sanitize("password: hunter22", options).text, "password: hunter22");
-}
+    // The input cap counts characters, not bytes; nothing beyond it is read.
+    options = AIContentSanitizerOptions::standard(1000);
+    for (const auto& [cap, output] :
+         {std::pair<std::int64_t, std::string>{3, "äöü"}, {0, ""}, {-1, ""}}) {
+        options.maxInputCharacters = cap;
+        EXPECT_EQ(S::sanitize("äöüß", options).text, output) << cap;
+    }
+    const std::string input = repeated("word ", 1'000'000) + " password: hunter22";
+    SanitizedText result = S::sanitize(input, AIContentSanitizerOptions::standard(100));
+    EXPECT_TRUE(result.truncated);
+    EXPECT_EQ(result.text.find("hunter22"), std::string::npos);
+    options = AIContentSanitizerOptions::standard(1'000'000);
+    options.maxInputCharacters = 10;
+    EXPECT_EQ(S::sanitize(input, options).text, "word word");
 
-TEST(AIContentSanitizerTest, InputCapCountsCharactersNotBytes) {
-    AIContentSanitizerOptions options = AIContentSanitizerOptions::standard(1000);
-    options.maxInputCharacters = 3;
-    EXPECT_EQ(S::sanitize("äöüß", options).text, "äöü");
-    options.maxInputCharacters = 0;
-    EXPECT_EQ(S::sanitize("anything", options).text, "");
-    options.maxInputCharacters = -1;
-    EXPECT_EQ(S::sanitize("anything", options).text, "");
-}
-
-TEST(AIContentSanitizerTest, InvalidUTF8BecomesReplacementCharacters) {
-    SanitizedText result = clean("caf\xe9 \xff\xfe ok \xe2\x82");
-    EXPECT_EQ(result.text, "caf\xEF\xBF\xBD \xEF\xBF\xBD\xEF\xBF\xBD ok \xEF\xBF\xBD\xEF\xBF\xBD");
-}
-
-TEST(AIContentSanitizerTest, ControlCharactersAreStrippedAndLineBreaksNormalised) {
-    struct Case {
-        std::string input;
-        std::string output;
-    };
-    const Case cases[] = {
-        {"a\x01"
-         "b\x1b[31mc\x7f",
-         "ab[31mc"},
-        {"tab\tkept\r\nCRLF\rCR\nLF", "tab\tkept\nCRLF\nCR\nLF"},
-        {std::string("nul\0byte", 8), "nulbyte"},
-        {"c1\xC2\x85here\xC2\x9F", "c1here"},
-        {"line\xE2\x80\xA8sep\xE2\x80\xA9para", "line\nsep\npara"},
-        {"emoji 😀 kept", "emoji 😀 kept"},
-    };
-    for (const auto& c : cases) EXPECT_EQ(S::stripControlCharacters(c.input), c.output);
-}
-
-TEST(AIContentSanitizerTest, EstimatedTokensCountsCharacters) {
-    EXPECT_EQ(S::estimatedTokens(""), 0);
-    EXPECT_EQ(S::estimatedTokens("a"), 1);
-    EXPECT_EQ(S::estimatedTokens("abcd"), 1);
-    EXPECT_EQ(S::estimatedTokens("abcde"), 2);
-    EXPECT_EQ(S::estimatedTokens("ääää"), 1);  // 4 characters, 8 bytes
-    EXPECT_EQ(S::estimatedTokens(std::string(4000, 'x')), 1000);
-}
-
-TEST(AIContentSanitizerTest, FormatCanBeForced) {
     EXPECT_EQ(S::sanitize("Joe <b>bold</b>", {}, AIContentFormat::plainText).text,
               "Joe <b>bold</b>");
     EXPECT_EQ(S::sanitize("Joe <b>bold</b>", {}, AIContentFormat::html).text, "Joe bold");
@@ -130,23 +82,96 @@ TEST(AIContentSanitizerTest, FormatCanBeForced) {
 }
 
 TEST(AIContentSanitizerTest, PlainTextWithAngleBracketsIsNotHTML) {
-    const char* const plain[] = {
-        "From: Joe <joe@example.com>", "Mail <a.b@example.com> and <b.smith@example.org>",
-        "if (a < b && c > d) return;", "<https://example.com/path>",
-        "I <3 this <<<< >>>>",
-    };
-    for (const char* text : plain) {
+    for (const char* text :
+         {"From: Joe <joe@example.com>", "Mail <a.b@example.com> and <b.smith@example.org>",
+          "if (a < b && c > d) return;", "<https://example.com/path>", "I <3 this <<<< >>>>"}) {
         EXPECT_FALSE(S::looksLikeHTML(text)) << text;
         EXPECT_EQ(clean(text).text, text);
     }
-    const char* const html[] = {"<p>x</p>",
-                                "<!DOCTYPE html><x>",
-                                "<div class=\"a\">",
-                                "<BR>",
-                                "<a href=\"https://example.com\">x</a>",
-                                "text<br/>more"};
-    for (const char* text : html) EXPECT_TRUE(S::looksLikeHTML(text)) << text;
+    for (const char* text : {"<p>x</p>", "<!DOCTYPE html><x>", "<div class=\"a\">", "<BR>",
+                             "<a href=\"https://example.com\">x</a>", "text<br/>more"}) {
+        EXPECT_TRUE(S::looksLikeHTML(text)) << text;
+    }
+}
+
+TEST(AIContentSanitizerTest, EstimatedTokensCountCharacters) {
+    const std::pair<std::string, std::int64_t> cases[] = {
+        {"", 0}, {"a", 1}, {"abcd", 1}, {"abcde", 2}, {"ääää", 1}, {std::string(4000, 'x'), 1000}};
+    for (const auto& [text, tokens] : cases) EXPECT_EQ(S::estimatedTokens(text), tokens) << text;
+}
+
+TEST(AIContentSanitizerTest, TruncationJoinsHeadAndTailAtWordsWithinTheBudget) {
+    std::string text;
+    for (int i = 0; i < 100; ++i) text += "word" + std::to_string(i) + " ";
+    text += "END";
+    SanitizedText result = S::truncateHeadTail(text, 200, 0.7);
+    EXPECT_TRUE(result.truncated);
+    EXPECT_LE(utf8::characterCount(result.text), 200u);
+    std::size_t marker = result.text.find(S::truncationMarker);
+    ASSERT_NE(marker, std::string::npos);
+    // Head gets about 70 % of what the marker leaves, words stay whole.
+    std::string head = result.text.substr(0, marker);
+    std::string tail = result.text.substr(marker + S::truncationMarker.size());
+    EXPECT_GE(utf8::characterCount(head), 100u);
+    EXPECT_LE(utf8::characterCount(head), 124u);
+    EXPECT_GE(utf8::characterCount(tail), 30u);
+    EXPECT_EQ(text.find(head + " "), 0u);                         // ends at a word
+    EXPECT_NE(text.find(" " + tail), std::string::npos) << tail;  // starts at a word
+    EXPECT_EQ(tail.substr(tail.size() - 3), "END");
+
+    // Mail through the whole pipeline keeps its first and last lines.
+    std::string mail = "Dear team,\n\n";
+    for (int i = 0; i < 400; ++i) mail += "Line " + std::to_string(i) + " of the report.\n";
+    result = clean(mail + "Regards", 500);
+    EXPECT_TRUE(result.truncated);
+    EXPECT_EQ(result.text.rfind("Dear team,", 0), 0u);
+    EXPECT_EQ(result.text.substr(result.text.size() - 7), "Regards");
+    EXPECT_EQ(clean(mail, 0), (SanitizedText{"", true}));
+}
+
+TEST(AIContentSanitizerTest, HeadFractionIsHonouredAndClamped) {
+    const std::size_t available = 100 - utf8::characterCount(S::truncationMarker);
+    const std::pair<double, std::size_t> cases[] = {
+        {0.7, available * 7 / 10},         {0.0, 0}, {1.0, available}, {-2.0, 0}, {5.0, available},
+        {std::nan(""), available * 7 / 10}};
+    for (const auto& [fraction, head] : cases) {
+        SanitizedText result = S::truncateHeadTail(std::string(1000, 'a'), 100, fraction);
+        EXPECT_EQ(result.text.find(S::truncationMarker), head) << fraction;
+        EXPECT_EQ(utf8::characterCount(result.text), 100u) << fraction;
+    }
+}
+
+TEST(AIContentSanitizerTest, TinyBudgetsKeepOnlyTheBeginning) {
+    const std::string text = "alpha beta gamma delta epsilon zeta eta theta";
+    for (std::int64_t limit : {0, 1, 5, 6, 12, 23}) {
+        SanitizedText result = S::truncateHeadTail(text, limit, 0.7);
+        EXPECT_TRUE(result.truncated);
+        EXPECT_LE(utf8::characterCount(result.text), static_cast<std::size_t>(limit));
+        EXPECT_EQ(result.text.find(S::truncationMarker), std::string::npos);
+        EXPECT_EQ(text.find(result.text), 0u);
+    }
+    EXPECT_EQ(S::truncateHeadTail(text, -5, 0.7), (SanitizedText{"", true}));
+    EXPECT_EQ(S::truncateHeadTail(text, 12, 0.7).text, "alpha beta");
+}
+
+TEST(AIContentSanitizerTest, TruncationNeverExceedsTheBudgetNorSplitsACharacter) {
+    // Random multi-byte text without spaces (no word boundary to move to) and
+    // with them, at every budget from 0 to past its length.
+    std::mt19937 rng(7);
+    const char* const pieces[] = {"a", "é", "€", "😀", " ", "\n", "日本"};
+    for (int round = 0; round < 20; ++round) {
+        std::string text;
+        for (int i = 0; i < 120; ++i) text += pieces[rng() % (round % 2 ? 7 : 4)];
+        std::size_t length = utf8::characterCount(text);
+        for (std::int64_t limit = 0; limit <= static_cast<std::int64_t>(length) + 2; ++limit) {
+            SanitizedText result = S::truncateHeadTail(text, limit, 0.7);
+            ASSERT_LE(utf8::characterCount(result.text), static_cast<std::size_t>(limit));
+            ASSERT_TRUE(utf8::isValid(result.text));
+            ASSERT_EQ(result.truncated, static_cast<std::int64_t>(length) > limit);
+            if (!result.truncated) ASSERT_EQ(result.text, text);
+        }
+    }
 }
 
 }  // namespace
-}  // namespace mailcore
+}  // namespace mailcore::testing

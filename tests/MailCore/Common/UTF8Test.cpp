@@ -1,9 +1,9 @@
-#include "MailCore/Common/UTF8.h"
-
 #include <gtest/gtest.h>
 
 #include <random>
 #include <vector>
+
+#include "MailCore/Common/UTF8.h"
 
 namespace mailcore::utf8 {
 namespace {
@@ -34,18 +34,18 @@ TEST(UTF8Test, EveryScalarEncodesDecodesAndValidates) {
 // Each malformed byte is one character of its own, decoded and repaired as U+FFFD.
 TEST(UTF8Test, MalformedFormsAreSingleBytes) {
     const std::vector<std::pair<std::string, std::size_t>> cases = {
-        {"\x80", 1},                  // stray continuation
-        {"\xC3", 1},                  // truncated pair
-        {"\xE2\x82", 2},              // truncated triple
-        {"\xC0\xAF", 2},              // overlong '/'
-        {"\xC1\xBF", 2},              // overlong
-        {"\xE0\x80\xAF", 3},          // overlong triple
-        {"\xF0\x80\x80\xAF", 4},      // overlong quadruple
-        {"\xED\xA0\x80", 3},          // surrogate
-        {"\xF4\x90\x80\x80", 4},      // above U+10FFFF
-        {"\xF5\x80\x80\x80", 4},      // lead byte that never starts a sequence
+        {"\x80", 1},              // stray continuation
+        {"\xC3", 1},              // truncated pair
+        {"\xE2\x82", 2},          // truncated triple
+        {"\xC0\xAF", 2},          // overlong '/'
+        {"\xC1\xBF", 2},          // overlong
+        {"\xE0\x80\xAF", 3},      // overlong triple
+        {"\xF0\x80\x80\xAF", 4},  // overlong quadruple
+        {"\xED\xA0\x80", 3},      // surrogate
+        {"\xF4\x90\x80\x80", 4},  // above U+10FFFF
+        {"\xF5\x80\x80\x80", 4},  // lead byte that never starts a sequence
         {"\xFF", 1},
-        {"\xC3(", 2},                 // lead followed by no continuation: '(' kept
+        {"\xC3(", 2},  // lead followed by no continuation: '(' kept
     };
     for (const auto& [bytes, characters] : cases) {
         SCOPED_TRACE(testing::PrintToString(bytes));
@@ -81,8 +81,8 @@ TEST(UTF8Test, CutsFallBetweenCharacters) {
 // forward walk, and repair keeps every character.
 TEST(UTF8Test, PrefixSuffixAndRepairAgreeOnRandomBytes) {
     std::mt19937 random(7);
-    const std::string pieces[] = {"a", "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\x80",
-                                  "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xED\xA0\x80", "\xFF"};
+    const std::string pieces[] = {"a",    "\xC3\xA9", "\xE2\x82\xAC", "\xF0\x9F\x98\x80", "\x80",
+                                  "\xC3", "\xE2\x82", "\xF0\x9F\x98", "\xED\xA0\x80",     "\xFF"};
     for (int round = 0; round < 2000; ++round) {
         std::string text;
         const int n = static_cast<int>(random() % 12);
