@@ -314,6 +314,7 @@ TEST(SanitizerSteps, TokenShapesAndLuhnValidCardsAreRedacted) {
          {"ref 4111 1111 1111 1111 cvv 123", "ref [number redacted] cvv 123"},
          // A card with more digits beside it is still found.
          {"4111 1111 1111 1111 123", "[number redacted] 123"},
+         {"4222222222222 123", "[number redacted] 123"},  // a 13-digit card
          {"99 4111 1111 1111 1111", "99 [number redacted]"},
          {"order 5555 5555 5555 4444 and 4012 8888 8888 1881",
           "order [number redacted] and [number redacted]"}},
