@@ -66,17 +66,6 @@ TEST(MailErrorTest, TextualFormNamesCaseKindAndDetail) {
     EXPECT_STREQ(MailError::cancelled().what(), "cancelled");
 }
 
-TEST(JsonTest, EncodingIsCompactOrderedAndReplacesInvalidUTF8) {
-    Json j = Json::object();
-    j["z"] = "a/b";
-    j["a"] = std::string("bad \xff byte");
-    EXPECT_EQ(encodeJson(j), "{\"z\":\"a/b\",\"a\":\"bad \xEF\xBF\xBD byte\"}");
-    Json out;
-    EXPECT_TRUE(tryParseJson("42", out));
-    EXPECT_EQ(out, 42);
-    EXPECT_FALSE(tryParseJson("{", out));
-}
-
 TEST(RandomTest, UUIDsAreUpperCaseVersion4AndDistinct) {
     std::string a = makeUUID(), b = makeUUID();
     ASSERT_EQ(a.size(), 36u);

@@ -1,14 +1,11 @@
 #include "MIMETestSupport.h"
 
-#include "MailCore/MIME/GMimeSupport.h"
-
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
-#include <stdlib.h>
+
+#include "MailCore/MIME/GMimeSupport.h"
 
 namespace mailcore::testing {
 
@@ -36,8 +33,8 @@ std::string crlf(std::string_view text) {
 }
 
 std::string pythonEmailDataDirectory() {
-    for (const char* candidate : {"/usr/lib/python3.11/test/test_email/data",
-                                  "/usr/lib/python3/test/test_email/data"}) {
+    for (const char* candidate :
+         {"/usr/lib/python3.11/test/test_email/data", "/usr/lib/python3/test/test_email/data"}) {
         if (std::filesystem::exists(std::string(candidate) + "/msg_01.txt")) return candidate;
     }
     return {};
@@ -50,26 +47,14 @@ std::string readFile(const std::string& path) {
     return out.str();
 }
 
-}  // namespace mailcore::testing
-
-namespace mailcore::testing {
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "kestrune-mime-XXXXXX").string();
-    char* made = ::mkdtemp(pattern.data());
-    if (made == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = made;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ec;
-    std::filesystem::remove_all(path_, ec);
-}
-
-void writeFile(const std::string& path, std::string_view content) {
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
+void writeFile(const std::filesystem::path& path, std::string_view content) {
+    std::filesystem::create_directories(path.parent_path());
     std::ofstream out(path, std::ios::binary | std::ios::trunc);
     out.write(content.data(), static_cast<std::streamsize>(content.size()));
+}
+
+void makeMaildir(const std::filesystem::path& dir) {
+    for (const char* sub : {"cur", "new", "tmp"}) std::filesystem::create_directories(dir / sub);
 }
 
 }  // namespace mailcore::testing

@@ -1,11 +1,17 @@
-// Helpers shared by the MIME tests: message text with CRLF or LF line ends,
-// and the directory of Python's e-mail test messages.
+// Helpers shared by the MIME tests: message text with CRLF line ends, files,
+// maildirs, and the directory of Python's e-mail test messages. Temporary
+// directories come from the shared linktest::TempDir.
 #pragma once
 
+#include <filesystem>
 #include <string>
 #include <string_view>
 
+#include "tests/fakes/LinkTestSupport.h"
+
 namespace mailcore::testing {
+
+using linktest::TempDir;
 
 // `text` with every "\n" turned into "\r\n".
 std::string crlf(std::string_view text);
@@ -14,25 +20,9 @@ std::string crlf(std::string_view text);
 std::string pythonEmailDataDirectory();
 
 std::string readFile(const std::string& path);
+void writeFile(const std::filesystem::path& path, std::string_view content);
 
-}  // namespace mailcore::testing
-
-namespace mailcore::testing {
-
-// A fresh directory under the system's temporary directory, removed with
-// everything in it when the object goes away.
-class TemporaryDirectory {
-public:
-    TemporaryDirectory();
-    ~TemporaryDirectory();
-    TemporaryDirectory(const TemporaryDirectory&) = delete;
-    TemporaryDirectory& operator=(const TemporaryDirectory&) = delete;
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
-
-void writeFile(const std::string& path, std::string_view content);
+// `dir` with empty cur/, new/ and tmp/ folders.
+void makeMaildir(const std::filesystem::path& dir);
 
 }  // namespace mailcore::testing

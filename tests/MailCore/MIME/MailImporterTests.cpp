@@ -1,3 +1,5 @@
+// Importing maildirs and mbox files into the store, and filing single
+// messages: folders, flags, threads, bodies, attachments, resumption.
 #include "MIMETestSupport.h"
 
 #include "MailCore/Common/Json.h"
@@ -11,12 +13,10 @@
 #include <filesystem>
 #include <map>
 
-namespace mailcore {
+namespace mailcore::testing {
 namespace {
 
 namespace fs = std::filesystem;
-using testing::TemporaryDirectory;
-using testing::writeFile;
 
 const AccountID account("local");
 
@@ -30,13 +30,8 @@ std::string message(const std::string& subject, const std::string& messageID,
 class MailImporterTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        store_ = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir_.path() + "/store/mail.db"));
+        store_ = std::make_unique<SQLiteMailStore>(StoreLocation::file(dir_ / "store/mail.db"));
         store_->saveAccount(account, Json::object(), dateFromSeconds(1700000000));
-        root_ = fs::path(dir_.path()) / "Maildir";
-    }
-
-    void makeMaildir(const fs::path& dir) {
-        for (const char* sub : {"cur", "new", "tmp"}) fs::create_directories(dir / sub);
     }
 
     // INBOX with three messages (one with an attachment, one a reply to a
@@ -46,21 +41,21 @@ protected:
         makeMaildir(root_);
         makeMaildir(root_ / ".Sent");
         makeMaildir(root_ / "Lists" / "dev");
-        writeFile((root_ / "cur" / "1700000001.A.host:2,S").string(),
+        writeFile(root_ / "cur" / "1700000001.A.host:2,S",
                   message("Budget", "budget@example.com", "", "Numbers for zanzibar attached.\n"));
-        writeFile((root_ / "cur" / "1700000002.B.host:2,FS").string(),
+        writeFile(root_ / "cur" / "1700000002.B.host:2,FS",
                   message("Re: Plan", "reply@example.com", "In-Reply-To: <plan@example.com>\n"));
-        writeFile((root_ / "new" / "1700000003.C.host").string(),
+        writeFile(root_ / "new" / "1700000003.C.host",
                   message("Report", "report@example.com",
                           "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=M\n",
                           "--M\nContent-Type: text/plain\n\nsee file\n--M\n"
                           "Content-Type: application/pdf; name=r.pdf\nContent-Transfer-Encoding: base64\n\n"
                           "JVBERi0xLjQK\n--M--\n"));
-        writeFile((root_ / "cur" / "1700000004.D.host:2,S").string(), "");
-        writeFile((root_ / "tmp" / "1700000005.E.host").string(), message("Half", "half@example.com"));
-        writeFile((root_ / ".Sent" / "cur" / "1600000000.F.host:2,S").string(),
+        writeFile(root_ / "cur" / "1700000004.D.host:2,S", "");
+        writeFile(root_ / "tmp" / "1700000005.E.host", message("Half", "half@example.com"));
+        writeFile(root_ / ".Sent" / "cur" / "1600000000.F.host:2,S",
                   message("Plan", "plan@example.com"));
-        writeFile((root_ / "Lists" / "dev" / "cur" / "1700000006.G.host:2,").string(),
+        writeFile(root_ / "Lists" / "dev" / "cur" / "1700000006.G.host:2,",
                   message("[dev] Release", "release@example.com"));
     }
 
@@ -81,9 +76,9 @@ protected:
         return store_->messages(q).rows;
     }
 
-    TemporaryDirectory dir_;
+    TempDir dir_;
     std::unique_ptr<SQLiteMailStore> store_;
-    fs::path root_;
+    fs::path root_ = dir_ / "Maildir";
 };
 
 TEST_F(MailImporterTest, MaildirTreeBecomesFoldersMessagesThreadsBodiesAndAttachments) {
@@ -169,7 +164,7 @@ TEST_F(MailImporterTest, SecondImportAddsNothingAndPicksUpChangedFlags) {
 TEST_F(MailImporterTest, InterruptedImportResumesWithoutDuplicates) {
     makeMaildir(root_);
     for (int i = 0; i < 9; ++i) {
-        writeFile((root_ / "cur" / ("17000000" + std::to_string(10 + i) + ".X.host:2,S")).string(),
+        writeFile(root_ / "cur" / ("17000000" + std::to_string(10 + i) + ".X.host:2,S"),
                   message("Message " + std::to_string(i), "m" + std::to_string(i) + "@example.com"));
     }
     ImportOptions options;
@@ -196,7 +191,7 @@ TEST_F(MailImporterTest, MboxImportIsIdempotentAndKeepsIdenticalCopies) {
                              message("Same", "same@example.com", "Status: RO\n");
     const std::string mbox = copy + "\n" + copy + "\n" + "From b@example.com Tue Feb 13 11:00:00 2024\n" +
                              message("Other", "other@example.com", "", "quoted:\n>From somewhere\n");
-    const std::string path = dir_.path() + "/archive.mbox";
+    const fs::path path = dir_ / "archive.mbox";
     writeFile(path, mbox);
 
     MailImporter importer(*store_, account);
@@ -228,8 +223,8 @@ TEST_F(MailImporterTest, MissingAccountAndMissingSourcesAreClearErrors) {
         EXPECT_EQ(e.detail(), "account not found");
     }
     MailImporter importer(*store_, account);
-    EXPECT_THROW(importer.importMbox(dir_.path() + "/missing.mbox", "X"), MailError);
-    EXPECT_THROW(importer.importMaildir(dir_.path() + "/missing"), MailError);
+    EXPECT_THROW(importer.importMbox(dir_ / "missing.mbox", "X"), MailError);
+    EXPECT_THROW(importer.importMaildir(dir_ / "missing"), MailError);
     EXPECT_EQ(count("SELECT COUNT(*) FROM folders"), 0);  // a failed import creates nothing
 }
 
@@ -284,4 +279,4 @@ TEST(PrepareMessage, MapsParsedFieldsToStoreRecords) {
 }
 
 }  // namespace
-}  // namespace mailcore
+}  // namespace mailcore::testing

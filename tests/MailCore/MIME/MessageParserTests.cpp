@@ -1,3 +1,5 @@
+// Parsing messages into what the store keeps: headers, charsets, body
+// choice, attachments, snippets, hostile structures and a real corpus.
 #include "MIMETestSupport.h"
 
 #include "MailCore/Common/MailError.h"
@@ -8,6 +10,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <map>
 
 namespace mailcore {
 namespace {
@@ -30,35 +33,25 @@ std::string attachmentSummary(const ParsedMessage& m) {
 
 // --- headers ---
 
-struct SubjectCase {
-    const char* name;
-    const char* header;  // raw Subject header value
-    const char* expected;
-};
-
-class SubjectDecoding : public ::testing::TestWithParam<SubjectCase> {};
-
-TEST_P(SubjectDecoding, DecodesToUTF8) {
-    const auto& c = GetParam();
-    const auto m = parse(std::string("From: a@example.com\nSubject: ") + c.header + "\n\nbody\n");
-    EXPECT_EQ(m.subject, c.expected);
+TEST(MessageParserHeaders, SubjectsDecodeToUTF8) {
+    const std::pair<std::string, std::string> cases[] = {
+        {"Hello world", "Hello world"},
+        {"=?UTF-8?B?R3LDvMOfZSBhdXMgS8O2bG4=?=", "Grüße aus Köln"},  // base64 utf8
+        {"=?iso-8859-1?Q?Caf=E9_cr=E8me?=", "Café crème"},  // q latin1
+        {"=?utf-8?q?Hal?= =?utf-8?q?lo?=", "Hallo"},  // adjacent words join
+        {"Re: =?utf-8?b?0J/RgNC40LLQtdGC?= there", "Re: Привет there"},  // mixed with plain
+        {"first\n second", "first second"},  // folded
+        {"Gr\xC3\xBC\xC3\x9F" "e", "Grüße"},  // raw utf8 header
+        {"Gr\xFC\xDF" "e", "Grüße"},  // raw latin1 header
+        {"=?x-unknown-thing?Q?abc?=", "abc"},  // unknown charset word
+        {"=?shift_jis?B?k/qWe4zq?=", "日本語"},  // shift jis word
+        {"=?utf-8?B?not base64 at all", "=?utf-8?B?not base64 at all"},  // broken word kept
+    };
+    for (const auto& [header, expected] : cases) {
+        EXPECT_EQ(parse("From: a@example.com\nSubject: " + header + "\n\nbody\n").subject, expected)
+            << header;
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Headers, SubjectDecoding,
-    ::testing::Values(
-        SubjectCase{"plain", "Hello world", "Hello world"},
-        SubjectCase{"base64_utf8", "=?UTF-8?B?R3LDvMOfZSBhdXMgS8O2bG4=?=", "Grüße aus Köln"},
-        SubjectCase{"q_latin1", "=?iso-8859-1?Q?Caf=E9_cr=E8me?=", "Café crème"},
-        SubjectCase{"adjacent_words_join", "=?utf-8?q?Hal?= =?utf-8?q?lo?=", "Hallo"},
-        SubjectCase{"mixed_with_plain", "Re: =?utf-8?b?0J/RgNC40LLQtdGC?= there", "Re: Привет there"},
-        SubjectCase{"folded", "first\n second", "first second"},
-        SubjectCase{"raw_utf8_header", "Gr\xC3\xBC\xC3\x9F" "e", "Grüße"},
-        SubjectCase{"raw_latin1_header", "Gr\xFC\xDF" "e", "Grüße"},
-        SubjectCase{"unknown_charset_word", "=?x-unknown-thing?Q?abc?=", "abc"},
-        SubjectCase{"shift_jis_word", "=?shift_jis?B?k/qWe4zq?=", "日本語"},
-        SubjectCase{"broken_word_kept", "=?utf-8?B?not base64 at all", "=?utf-8?B?not base64 at all"}),
-    [](const auto& param) { return std::string(param.param.name); });
 
 TEST(MessageParserHeaders, AddressListsKeepDisplayNamesAndGroups) {
     const auto m = parse(
@@ -124,36 +117,32 @@ struct CharsetCase {
     std::string expected;
 };
 
-class BodyCharsets : public ::testing::TestWithParam<CharsetCase> {};
-
-TEST_P(BodyCharsets, TextBecomesUTF8) {
-    const auto& c = GetParam();
-    const auto m = parse("From: a@example.com\nMIME-Version: 1.0\nContent-Type: text/plain" +
-                         c.charsetParam + "\nContent-Transfer-Encoding: " + c.encoding + "\n\n" +
-                         c.body);
-    EXPECT_EQ(m.text, c.expected);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Charsets, BodyCharsets,
-    ::testing::Values(
-        CharsetCase{"latin1_qp", "; charset=iso-8859-1", "quoted-printable", "Gr=FC=DFe\n", "Grüße\n"},
-        CharsetCase{"windows1252_quotes", "; charset=windows-1252", "8bit", "\x93hi\x94 \x80\n",
+TEST(MessageParserCharsets, TextBecomesUTF8) {
+    const CharsetCase cases[] = {
+        {"latin1_qp", "; charset=iso-8859-1", "quoted-printable", "Gr=FC=DFe\n", "Grüße\n"},
+        {"windows1252_quotes", "; charset=windows-1252", "8bit", "\x93hi\x94 \x80\n",
                     "“hi” €\n"},
-        CharsetCase{"latin1_label_on_utf8", "; charset=iso-8859-1", "8bit", "Gr\xC3\xBC\xC3\x9F" "e\n",
+        {"latin1_label_on_utf8", "; charset=iso-8859-1", "8bit", "Gr\xC3\xBC\xC3\x9F" "e\n",
                     "Grüße\n"},
-        CharsetCase{"utf8_label_on_latin1", "; charset=utf-8", "8bit", "Gr\xFC\xDF" "e\n", "Grüße\n"},
-        CharsetCase{"no_label_8bit", "", "8bit", "caf\xE9\n", "café\n"},
-        CharsetCase{"koi8r", "; charset=koi8-r", "8bit", "\xF0\xD2\xC9\xD7\xC5\xD4\n", "Привет\n"},
-        CharsetCase{"shift_jis_base64", "; charset=shift_jis", "base64", "k/qWe4zq\n", "日本語"},
-        CharsetCase{"utf16_base64", "; charset=utf-16", "base64", "//5oAGkA\n", "hi"},
-        CharsetCase{"unknown_charset", "; charset=x-no-such-charset", "8bit", "plain \xC3\xA9\n",
+        {"utf8_label_on_latin1", "; charset=utf-8", "8bit", "Gr\xFC\xDF" "e\n", "Grüße\n"},
+        {"no_label_8bit", "", "8bit", "caf\xE9\n", "café\n"},
+        {"koi8r", "; charset=koi8-r", "8bit", "\xF0\xD2\xC9\xD7\xC5\xD4\n", "Привет\n"},
+        {"shift_jis_base64", "; charset=shift_jis", "base64", "k/qWe4zq\n", "日本語"},
+        {"utf16_base64", "; charset=utf-16", "base64", "//5oAGkA\n", "hi"},
+        {"unknown_charset", "; charset=x-no-such-charset", "8bit", "plain \xC3\xA9\n",
                     "plain é\n"},
-        CharsetCase{"invalid_sequence_in_sjis", "; charset=shift_jis", "8bit", "a\x81\xFF" "b\n",
+        {"invalid_sequence_in_sjis", "; charset=shift_jis", "8bit", "a\x81\xFF" "b\n",
                     "a\xEF\xBF\xBD\xEF\xBF\xBD" "b\n"},
-        CharsetCase{"crlf_to_lf_and_nul_dropped", "; charset=us-ascii", "7bit", "one\ntw\0o\n"s,
-                    "one\ntwo\n"}),
-    [](const auto& param) { return std::string(param.param.name); });
+        {"crlf_to_lf_and_nul_dropped", "; charset=us-ascii", "7bit", "one\ntw\0o\n"s,
+                    "one\ntwo\n"},
+    };
+    for (const auto& c : cases) {
+        const auto m = parse("From: a@example.com\nMIME-Version: 1.0\nContent-Type: text/plain" +
+                             c.charsetParam + "\nContent-Transfer-Encoding: " + c.encoding + "\n\n" +
+                             c.body);
+        EXPECT_EQ(m.text, c.expected) << c.name;
+    }
+}
 
 // --- body selection ---
 
@@ -165,37 +154,25 @@ struct BodyCase {
     std::string attachments;  // expected attachment summary
 };
 
-class BodySelection : public ::testing::TestWithParam<BodyCase> {};
-
-TEST_P(BodySelection, ChoosesWhatReadersExpect) {
-    const auto& c = GetParam();
-    const auto m = parse(c.message);
-    EXPECT_EQ(m.text, c.text);
-    EXPECT_EQ(m.html.value_or(""), c.html);
-    EXPECT_EQ(attachmentSummary(m), c.attachments);
-    EXPECT_FALSE(m.isTruncated);
-}
-
 const std::string head = "From: a@example.com\nTo: b@example.com\nSubject: t\nMIME-Version: 1.0\n";
 
-INSTANTIATE_TEST_SUITE_P(
-    Structures, BodySelection,
-    ::testing::Values(
-        BodyCase{"text_only", head + "Content-Type: text/plain\n\nJust text.\n", "Just text.\n", "", ""},
-        BodyCase{"no_mime_headers", "From: a@example.com\n\nOld style.\n", "Old style.\n", "", ""},
-        BodyCase{"html_only",
+TEST(MessageParserBody, ChoosesWhatReadersExpect) {
+    const BodyCase cases[] = {
+        {"text_only", head + "Content-Type: text/plain\n\nJust text.\n", "Just text.\n", "", ""},
+        {"no_mime_headers", "From: a@example.com\n\nOld style.\n", "Old style.\n", "", ""},
+        {"html_only",
                  head + "Content-Type: text/html\n\n<html><head><style>p{}</style></head><body>"
                         "<p>Hello&nbsp;<b>there</b></p><p>second &amp; last</p></body></html>\n",
                  "Hello there\n\nsecond & last",
                  "<html><head><style>p{}</style></head><body><p>Hello&nbsp;<b>there</b></p><p>second "
                  "&amp; last</p></body></html>\n",
                  ""},
-        BodyCase{"alternative",
+        {"alternative",
                  head + "Content-Type: multipart/alternative; boundary=XX\n\n--XX\n"
                         "Content-Type: text/plain\n\nplain version\n--XX\nContent-Type: text/html\n\n"
                         "<p>html version</p>\n--XX--\n",
                  "plain version", "<p>html version</p>", ""},
-        BodyCase{"related_in_alternative",
+        {"related_in_alternative",
                  head + "Content-Type: multipart/alternative; boundary=A\n\n--A\n"
                         "Content-Type: text/plain\n\nsee logo\n--A\n"
                         "Content-Type: multipart/related; boundary=R; type=\"text/html\"\n\n--R\n"
@@ -204,7 +181,7 @@ INSTANTIATE_TEST_SUITE_P(
                         "iVBORw0KGgo=\n--R--\n--A--\n",
                  "see logo", "<img src=\"cid:logo@x\">see logo",
                  "2.2 image/png attachment.png 8 cid=logo@x inline"},
-        BodyCase{"mixed_with_attachment_and_footer",
+        {"mixed_with_attachment_and_footer",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\n"
                         "Content-Type: text/plain\n\nmain text\n--M\n"
                         "Content-Type: application/pdf; name=\"report.pdf\"\n"
@@ -212,7 +189,7 @@ INSTANTIATE_TEST_SUITE_P(
                         "Content-Transfer-Encoding: base64\n\nJVBERi0xLjQK\n--M\n"
                         "Content-Type: text/plain\n\n-- list footer\n--M--\n",
                  "main text\n\n-- list footer", "", "2 application/pdf report.pdf 9"},
-        BodyCase{"nested_forward_inline",
+        {"nested_forward_inline",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\n"
                         "Content-Type: text/plain\n\nFYI\n--M\nContent-Type: message/rfc822\n\n"
                         "From: Old Sender <old@example.com>\nTo: a@example.com\nSubject: Original\n"
@@ -225,28 +202,28 @@ INSTANTIATE_TEST_SUITE_P(
                  "Date: Mon, 1 Jan 2024 10:00:00 +0000\nSubject: Original\nTo: a@example.com\n\n\n"
                  "inner text",
                  "", "2 message/rfc822 Original.eml 332; 2.2 image/gif x.gif 6"},
-        BodyCase{"forward_as_attachment_not_shown",
+        {"forward_as_attachment_not_shown",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\n"
                         "Content-Type: text/plain\n\nsee attached\n--M\nContent-Type: message/rfc822\n"
                         "Content-Disposition: attachment; filename=\"old mail.eml\"\n\n"
                         "Subject: Original\n\ninner text\n--M--\n",
                  "see attached", "", "2 message/rfc822 old mail.eml 29"},
-        BodyCase{"signed_hides_signature",
+        {"signed_hides_signature",
                  head + "Content-Type: multipart/signed; boundary=S; protocol=\"application/pgp-signature\"\n\n"
                         "--S\nContent-Type: text/plain\n\nsigned words\n--S\n"
                         "Content-Type: application/pgp-signature; name=signature.asc\n\nsig\n--S--\n",
                  "signed words", "", ""},
-        BodyCase{"encrypted_has_no_body",
+        {"encrypted_has_no_body",
                  head + "Content-Type: multipart/encrypted; boundary=E; protocol=\"application/pgp-encrypted\"\n\n"
                         "--E\nContent-Type: application/pgp-encrypted\n\nVersion: 1\n--E\n"
                         "Content-Type: application/octet-stream; name=encrypted.asc\n\nciphertext\n--E--\n",
                  "", "",
                  "1 application/pgp-encrypted attachment 10; 2 application/octet-stream encrypted.asc 10"},
-        BodyCase{"text_attachment_with_filename_is_attachment",
+        {"text_attachment_with_filename_is_attachment",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\nContent-Type: text/plain\n\nbody\n"
                         "--M\nContent-Type: text/plain; name=\"notes.txt\"\n\nnotes\n--M--\n",
                  "body", "", "2 text/plain notes.txt 5"},
-        BodyCase{"rfc2231_filename_and_path_stripped",
+        {"rfc2231_filename_and_path_stripped",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\nContent-Type: text/plain\n\nx\n"
                         "--M\nContent-Type: application/octet-stream\n"
                         "Content-Disposition: attachment;\n filename*0*=utf-8''%C3%BCber%20;\n"
@@ -259,20 +236,29 @@ INSTANTIATE_TEST_SUITE_P(
                  "x", "",
                  "2 application/octet-stream über den Berg.txt 4; 3 application/octet-stream passwd 4; "
                  "4 application/octet-stream résumé.pdf 2"},
-        BodyCase{"inline_image_in_mixed",
+        {"inline_image_in_mixed",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\nContent-Type: text/plain\n\nphoto:\n"
                         "--M\nContent-Type: image/jpeg\nContent-Disposition: inline; filename=a.jpg\n"
                         "Content-ID: <a@b>\nContent-Transfer-Encoding: base64\n\n/9j/4AAQ\n--M--\n",
                  "photo:", "", "2 image/jpeg a.jpg 6 cid=a@b inline"},
-        BodyCase{"html_and_text_pieces_in_mixed",
+        {"html_and_text_pieces_in_mixed",
                  head + "Content-Type: multipart/mixed; boundary=M\n\n--M\nContent-Type: text/html\n\n"
                         "<p>first</p>\n--M\nContent-Type: text/plain\n\nsecond <b>\n--M--\n",
                  "first\n\nsecond <b>", "<p>first</p>\n<pre>second &lt;b&gt;</pre>", ""},
-        BodyCase{"top_level_attachment_only",
+        {"top_level_attachment_only",
                  head + "Content-Type: application/pdf\nContent-Disposition: attachment; filename=x.pdf\n"
                         "Content-Transfer-Encoding: base64\n\nJVBERi0xLjQK\n",
-                 "", "", "1 application/pdf x.pdf 9"}),
-    [](const auto& param) { return std::string(param.param.name); });
+                 "", "", "1 application/pdf x.pdf 9"},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.name);
+        const auto m = parse(c.message);
+        EXPECT_EQ(m.text, c.text);
+        EXPECT_EQ(m.html.value_or(""), c.html);
+        EXPECT_EQ(attachmentSummary(m), c.attachments);
+        EXPECT_FALSE(m.isTruncated);
+    }
+}
 
 TEST(MessageParserBody, HasAttachmentsIgnoresInlineResources) {
     const auto related = parse(head +
@@ -418,10 +404,32 @@ TEST(MessageParserHostile, HugeTextBodyIsCutAtTheBodyLimit) {
 
 // --- Python's e-mail test messages ---
 
-TEST(MessageParserCorpus, EveryPythonTestMessageParses) {
+struct CorpusCase {
+    const char* subject;
+    const char* textStart;    // prefix of the text
+    const char* attachments;  // expected summary
+};
+
+TEST(MessageParserCorpus, EveryPythonTestMessageParsesAndKnownOnesReadAsExpected) {
     const std::string dir = testing::pythonEmailDataDirectory();
     if (dir.empty()) GTEST_SKIP() << "libpython3.11-testsuite is not installed";
+    const std::map<std::string, CorpusCase> known = {
+        {"msg_01.txt", {"This is a test message", "\nHi,\n\nDo you like this message?", ""}},
+        {"msg_07.txt",
+         {"Here is your dingus fish", "Hi there,\n\nThis is the dingus fish.",
+          "2 image/gif dingusfish.gif 3512"}},
+        {"msg_11.txt",
+         {"The enclosing message", "---------- Forwarded message ----------\nSubject: An enclosed message",
+          "1 message/rfc822 An enclosed message.eml 63"}},
+        {"msg_22.txt",
+         {"", "Text text text.",
+          "2 image/jpeg wibble.JPG 272 cid=a05001902b7f1c33773e9@[134.84.183.138].0.0; "
+          "3 image/jpeg wibble2.JPG 317 cid=a05001902b7f1c33773e9@[134.84.183.138].0.1"}},
+        {"msg_44.txt", {"a simple multipart", "", "1 text/plain msg.txt 48; 2 text/plain msg.txt 48"}},
+        {"msg_45.txt", {"test", "This is the signed contents.", ""}},
+    };
     int count = 0;
+    std::size_t checked = 0;
     for (const auto& entry : std::filesystem::directory_iterator(dir)) {
         const std::string name = entry.path().filename().string();
         if (name.rfind("msg_", 0) != 0) continue;
@@ -431,48 +439,17 @@ TEST(MessageParserCorpus, EveryPythonTestMessageParses) {
         EXPECT_TRUE(utf8::isValid(m.subject));
         EXPECT_FALSE(m.isTruncated);
         ++count;
+        if (auto c = known.find(name); c != known.end()) {
+            EXPECT_EQ(m.subject, c->second.subject);
+            EXPECT_EQ(m.text.substr(0, std::string(c->second.textStart).size()), c->second.textStart)
+                << m.text;
+            EXPECT_EQ(attachmentSummary(m), c->second.attachments);
+            ++checked;
+        }
     }
     EXPECT_GE(count, 40);
+    EXPECT_EQ(checked, known.size());
 }
-
-struct CorpusCase {
-    const char* file;
-    const char* subject;
-    const char* textStart;    // prefix of the text
-    const char* attachments;  // expected summary
-};
-
-class PythonCorpus : public ::testing::TestWithParam<CorpusCase> {};
-
-TEST_P(PythonCorpus, KnownMessagesReadAsExpected) {
-    const std::string dir = testing::pythonEmailDataDirectory();
-    if (dir.empty()) GTEST_SKIP() << "libpython3.11-testsuite is not installed";
-    const auto& c = GetParam();
-    const auto m = MessageParser().parse(testing::readFile(dir + "/" + c.file));
-    EXPECT_EQ(m.subject, c.subject);
-    EXPECT_EQ(m.text.substr(0, std::string(c.textStart).size()), c.textStart) << m.text;
-    EXPECT_EQ(attachmentSummary(m), c.attachments);
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Python, PythonCorpus,
-    ::testing::Values(
-        CorpusCase{"msg_01.txt", "This is a test message", "\nHi,\n\nDo you like this message?", ""},
-        CorpusCase{"msg_07.txt", "Here is your dingus fish", "Hi there,\n\nThis is the dingus fish.",
-                   "2 image/gif dingusfish.gif 3512"},
-        CorpusCase{"msg_11.txt", "The enclosing message",
-                   "---------- Forwarded message ----------\nSubject: An enclosed message",
-                   "1 message/rfc822 An enclosed message.eml 63"},
-        CorpusCase{"msg_22.txt", "", "Text text text.",
-                   "2 image/jpeg wibble.JPG 272 cid=a05001902b7f1c33773e9@[134.84.183.138].0.0; "
-                   "3 image/jpeg wibble2.JPG 317 cid=a05001902b7f1c33773e9@[134.84.183.138].0.1"},
-        CorpusCase{"msg_44.txt", "a simple multipart", "",
-                   "1 text/plain msg.txt 48; 2 text/plain msg.txt 48"},
-        CorpusCase{"msg_45.txt", "test", "This is the signed contents.", "" }),
-    [](const auto& param) {
-        std::string n = param.param.file;
-        return n.substr(0, n.find('.'));
-    });
 
 }  // namespace
 }  // namespace mailcore

@@ -10,7 +10,7 @@
 #include "MailCore/Workflow/WorkflowPolicy.h"
 #include "MailCore/Workflow/WorkflowToolHandler.h"
 #include "MailCore/Workflow/WorkflowTools.h"
-#include "TempDirectory.h"
+#include "tests/fakes/LinkTestSupport.h"
 
 namespace mailcore {
 namespace {
@@ -29,7 +29,7 @@ std::set<std::string> kindsIn(const Json& oneOfSchema) {
 }
 
 TEST(WorkflowCatalog, EveryCatalogToolIsHandled) {
-    testing::TempDirectory temp;
+    linktest::TempDir temp;
     WorkflowStore store(temp.path() / "w");
     WorkflowToolHandler handler(store, nullptr, systemClock());
     ASSERT_EQ(WorkflowToolHandler::toolNames().size(), 6u);

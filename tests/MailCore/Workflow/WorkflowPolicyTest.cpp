@@ -28,7 +28,8 @@ std::vector<std::string> problemsOf(const std::string& specText,
                                     const std::vector<std::string>& granted = allPermissions,
                                     const std::optional<std::vector<std::string>>& known = accounts,
                                     const WorkflowLimits& limits = {}) {
-    return WorkflowPolicy::problems(WorkflowSpec::fromJson(parseJson(specText)), granted, known, limits);
+    return WorkflowPolicy::problems(WorkflowSpec::fromJson(parseJson(specText)), granted, known,
+                                    limits);
 }
 
 class WorkflowPolicyRules : public ::testing::TestWithParam<Case> {};
@@ -83,24 +84,20 @@ const Case cases[] = {
      R"({"name":"D","trigger":{"type":"new_message"},"conditions":[{"type":"unread"}],
          "actions":[{"type":"digest","title":"D"}]})",
      {"actions[0]: digest needs a schedule trigger."}},
-    {"DigestOnNoReply",
-     R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},"actions":[{"type":"digest","title":"D"}]})",
-     {"actions[0]: digest needs a schedule trigger."}},
+    {"DigestOnNoReplyAndEmptyTemplate",
+     R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},
+         "actions":[{"type":"digest","title":"D"},{"type":"draft_reply","template":"  "}]})",
+     {"actions[0]: digest needs a schedule trigger.", "actions[1].template must not be empty."}},
     {"TwoDraftReplies",
      R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},
          "actions":[{"type":"draft_reply","template":"a"},{"type":"draft_reply","instruction":"b"}]})",
      {"At most one draft_reply action per workflow."}},
-    {"DraftReplyWithBoth",
+    {"DraftReplyWithBothAndWithNeither",
      R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},
-         "actions":[{"type":"draft_reply","template":"a","instruction":"b"}]})",
-     {"actions[0]: set exactly one of template or instruction."}},
-    {"DraftReplyWithNeither",
-     R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},"actions":[{"type":"draft_reply"}]})",
-     {"actions[0]: set exactly one of template or instruction."}},
-    {"DraftReplyEmptyTemplate",
-     R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},
-         "actions":[{"type":"draft_reply","template":"  "}]})",
-     {"actions[0].template must not be empty."}},
+         "actions":[{"type":"draft_reply","template":"a","instruction":"b"},{"type":"draft_reply"}]})",
+     {"At most one draft_reply action per workflow.",
+      "actions[0]: set exactly one of template or instruction.",
+      "actions[1]: set exactly one of template or instruction."}},
     {"UnknownPlaceholder",
      R"({"name":"D","trigger":{"type":"no_reply","after_hours":5},
          "actions":[{"type":"draft_reply","template":"Dear {{ recipient }}, {{subject}} {{Sender_Name}}"}]})",
@@ -142,27 +139,22 @@ const Case cases[] = {
          "actions":[{"type":"digest","title":"D"}]})",
      {"schedule hour must be 0\u201323.", "schedule minute must be 0\u201359.",
       "schedule weekdays must be 1 (Sunday) to 7 (Saturday)."}},
-    {"ScheduleWithoutHour",
-     R"({"name":"S","trigger":{"type":"schedule","minute":5},"actions":[{"type":"digest","title":"D"}]})",
-     {"schedule hour must be 0\u201323."}},
+    {"ScheduleWithoutHourAndDigestWithoutTitle",
+     R"({"name":"S","trigger":{"type":"schedule","minute":5},"actions":[{"type":"digest"}]})",
+     {"schedule hour must be 0\u201323.", "actions[0].title must not be empty."}},
     {"ScheduleNegativeHourAndMinute",
      R"({"name":"S","trigger":{"type":"schedule","hour":-1,"minute":-1},"actions":[{"type":"digest","title":"D"}]})",
      {"schedule hour must be 0\u201323.", "schedule minute must be 0\u201359."}},
-    {"NoReplyBounds",
-     R"({"name":"N","trigger":{"type":"no_reply","after_hours":721},"actions":[{"type":"remind"}]})",
-     {"no_reply after_hours must be 1\u2013720."}},
-    {"NoReplyZero",
-     R"({"name":"N","trigger":{"type":"no_reply","after_hours":0},"actions":[{"type":"remind"}]})",
-     {"no_reply after_hours must be 1\u2013720."}},
-    {"NoReplyMissingHours",
-     R"({"name":"N","trigger":{"type":"no_reply"},"actions":[{"type":"remind"}]})",
-     {"no_reply after_hours must be 1\u2013720."}},
-    {"NameEmpty",
-     R"({"name":" ","trigger":{"type":"no_reply","after_hours":1},"actions":[{"type":"remind"}]})",
-     {"name must not be empty."}},
-    {"NameMissing",
-     R"({"trigger":{"type":"no_reply","after_hours":1},"actions":[{"type":"remind"}]})",
-     {"name must not be empty."}},
+    {"NoReplyAboveTheMaximumAndNoActions",
+     R"({"name":"N","trigger":{"type":"no_reply","after_hours":721},"match":"some","actions":[]})",
+     {"no_reply after_hours must be 1\u2013720.", "match must be \"all\" or \"any\".",
+      "At least one action is required."}},
+    {"NoReplyZeroAndBlankName",
+     R"({"name":" ","trigger":{"type":"no_reply","after_hours":0},"actions":[{"type":"remind"}]})",
+     {"name must not be empty.", "no_reply after_hours must be 1\u2013720."}},
+    {"NoReplyWithoutHoursAndNoName",
+     R"({"trigger":{"type":"no_reply"},"actions":[{"type":"remind"}]})",
+     {"name must not be empty.", "no_reply after_hours must be 1\u2013720."}},
     {"ControlCharacters",
      R"({"name":"A\u0007B","note":"ok\nfine\u001b","trigger":{"type":"new_message"},
          "conditions":[{"type":"from","values":["x\ty"]}],
@@ -178,27 +170,19 @@ const Case cases[] = {
          "accounts":["anna@example.com","Anna@Example.com","bob@example.net"],"actions":[{"type":"remind"}]})",
      {"accounts must not repeat.",
       "Unknown account \"bob@example.net\". Use list_accounts for valid account keys."}},
-    {"MatchValue",
-     R"({"name":"A","trigger":{"type":"no_reply","after_hours":1},"match":"some","actions":[{"type":"remind"}]})",
-     {"match must be \"all\" or \"any\"."}},
-    {"NoActions",
-     R"({"name":"A","trigger":{"type":"no_reply","after_hours":1},"actions":[]})",
-     {"At least one action is required."}},
     {"ValueConditionProblems",
      R"({"name":"V","trigger":{"type":"new_message"},
          "conditions":[{"type":"from"},{"type":"subject","values":["ok"," "]},{"type":"unread","values":["x"]},
                        {"type":"classified","category":"","description":"d"}],
          "actions":[{"type":"star"}]})",
-     {"conditions[0].values must have at least one value.", "conditions[1].values must not be blank.",
-      "conditions[2] (unread) takes no values.", "conditions[3].category must not be empty."}},
+     {"conditions[0].values must have at least one value.",
+      "conditions[1].values must not be blank.", "conditions[2] (unread) takes no values.",
+      "conditions[3].category must not be empty."}},
     {"ActionFieldsRequired",
      R"({"name":"F","trigger":{"type":"new_message"},"conditions":[{"type":"unread"}],
          "actions":[{"type":"apply_label"},{"type":"show_notice"},{"type":"add_to_collection"}]})",
      {"actions[0].label must not be empty.", "actions[1].title must not be empty.",
       "actions[2].collection must not be empty."}},
-    {"DigestTitleRequired",
-     R"({"name":"S","trigger":{"type":"schedule","hour":8},"actions":[{"type":"digest"}]})",
-     {"actions[0].title must not be empty."}},
     {"ExtractRules",
      R"({"name":"E","trigger":{"type":"new_message"},"conditions":[{"type":"unread"}],
          "actions":[{"type":"extract","fields":["amount","amount","Due","9x"],"file":"../etc/passwd"},
@@ -239,7 +223,8 @@ TEST(WorkflowPolicy, FieldLimitsAtAndBeyondTheirBounds) {
                 {{"type", "subject"}, {"values", std::vector<std::string>(values, value)}});
         }
         spec["actions"] = nlohmann::ordered_json::array();
-        for (int i = 0; i < actions; ++i) spec["actions"].push_back({{"type", "apply_label"}, {"label", label}});
+        for (int i = 0; i < actions; ++i)
+            spec["actions"].push_back({{"type", "apply_label"}, {"label", label}});
         return WorkflowPolicy::problems(WorkflowSpec::fromJson(spec), allPermissions, accounts, {});
     };
     // "é" is one character of two bytes: limits count characters.
@@ -249,68 +234,49 @@ TEST(WorkflowPolicy, FieldLimitsAtAndBeyondTheirBounds) {
         for (int i = 0; i < n; ++i) out += s;
         return out;
     };
-    EXPECT_TRUE(with(repeat(e, 80), repeat(e, 500), 12, 50, repeat(e, 200), 8, repeat(e, 40)).empty());
+    EXPECT_TRUE(
+        with(repeat(e, 80), repeat(e, 500), 12, 50, repeat(e, 200), 8, repeat(e, 40)).empty());
+    std::vector<std::string> expected = {"name must be at most 80 characters.",
+                                         "note must be at most 500 characters.",
+                                         "At most 12 conditions are allowed."};
+    for (int i = 0; i < 13; ++i) {
+        const std::string field = "conditions[" + std::to_string(i) + "].values";
+        expected.push_back(field + " must have at most 50 values.");
+        expected.push_back(field + " must be at most 200 characters each.");
+    }
+    expected.push_back("At most 8 actions are allowed.");
+    for (int i = 0; i < 9; ++i) {
+        expected.push_back("actions[" + std::to_string(i) +
+                           "].label must be at most 40 characters.");
+    }
     EXPECT_EQ(with(repeat(e, 81), repeat(e, 501), 13, 51, repeat(e, 201), 9, repeat(e, 41)),
-              (std::vector<std::string>{"name must be at most 80 characters.",
-                                        "note must be at most 500 characters.",
-                                        "At most 12 conditions are allowed.",
-                                        "conditions[0].values must have at most 50 values.",
-                                        "conditions[0].values must be at most 200 characters each.",
-                                        "conditions[1].values must have at most 50 values.",
-                                        "conditions[1].values must be at most 200 characters each.",
-                                        "conditions[2].values must have at most 50 values.",
-                                        "conditions[2].values must be at most 200 characters each.",
-                                        "conditions[3].values must have at most 50 values.",
-                                        "conditions[3].values must be at most 200 characters each.",
-                                        "conditions[4].values must have at most 50 values.",
-                                        "conditions[4].values must be at most 200 characters each.",
-                                        "conditions[5].values must have at most 50 values.",
-                                        "conditions[5].values must be at most 200 characters each.",
-                                        "conditions[6].values must have at most 50 values.",
-                                        "conditions[6].values must be at most 200 characters each.",
-                                        "conditions[7].values must have at most 50 values.",
-                                        "conditions[7].values must be at most 200 characters each.",
-                                        "conditions[8].values must have at most 50 values.",
-                                        "conditions[8].values must be at most 200 characters each.",
-                                        "conditions[9].values must have at most 50 values.",
-                                        "conditions[9].values must be at most 200 characters each.",
-                                        "conditions[10].values must have at most 50 values.",
-                                        "conditions[10].values must be at most 200 characters each.",
-                                        "conditions[11].values must have at most 50 values.",
-                                        "conditions[11].values must be at most 200 characters each.",
-                                        "conditions[12].values must have at most 50 values.",
-                                        "conditions[12].values must be at most 200 characters each.",
-                                        "At most 8 actions are allowed.",
-                                        "actions[0].label must be at most 40 characters.",
-                                        "actions[1].label must be at most 40 characters.",
-                                        "actions[2].label must be at most 40 characters.",
-                                        "actions[3].label must be at most 40 characters.",
-                                        "actions[4].label must be at most 40 characters.",
-                                        "actions[5].label must be at most 40 characters.",
-                                        "actions[6].label must be at most 40 characters.",
-                                        "actions[7].label must be at most 40 characters.",
-                                        "actions[8].label must be at most 40 characters."}));
+              expected);
 }
 
 TEST(WorkflowPolicy, TextLimitsOfActionsAndClassified) {
     const std::string spec = R"({"name":"T","trigger":{"type":"no_reply","after_hours":3},
-        "conditions":[{"type":"classified","category":")" + std::string(61, 'c') +
-                             R"(","description":")" + std::string(301, 'd') + R"("}],
-        "actions":[{"type":"notify","message":")" + std::string(201, 'm') + R"("},
-                   {"type":"show_notice","title":")" + std::string(81, 't') + R"(","body":")" +
-                             std::string(301, 'b') + R"("},
-                   {"type":"add_to_collection","collection":")" + std::string(81, 'k') + R"("},
-                   {"type":"draft_reply","instruction":")" + std::string(1001, 'i') + R"("}]})";
-    EXPECT_EQ(problemsOf(spec),
-              (std::vector<std::string>{"conditions[0].category must be at most 60 characters.",
-                                        "conditions[0].description must be at most 300 characters.",
-                                        "actions[0].message must be at most 200 characters.",
-                                        "actions[1].title must be at most 80 characters.",
-                                        "actions[1].body must be at most 300 characters.",
-                                        "actions[2].collection must be at most 80 characters.",
-                                        "actions[3].instruction must be at most 1000 characters."}));
+        "conditions":[{"type":"classified","category":")" +
+                             std::string(61, 'c') + R"(","description":")" + std::string(301, 'd') +
+                             R"("}],
+        "actions":[{"type":"notify","message":")" +
+                             std::string(201, 'm') + R"("},
+                   {"type":"show_notice","title":")" +
+                             std::string(81, 't') + R"(","body":")" + std::string(301, 'b') + R"("},
+                   {"type":"add_to_collection","collection":")" +
+                             std::string(81, 'k') + R"("},
+                   {"type":"draft_reply","instruction":")" +
+                             std::string(1001, 'i') + R"("}]})";
+    EXPECT_EQ(problemsOf(spec), (std::vector<std::string>{
+                                    "conditions[0].category must be at most 60 characters.",
+                                    "conditions[0].description must be at most 300 characters.",
+                                    "actions[0].message must be at most 200 characters.",
+                                    "actions[1].title must be at most 80 characters.",
+                                    "actions[1].body must be at most 300 characters.",
+                                    "actions[2].collection must be at most 80 characters.",
+                                    "actions[3].instruction must be at most 1000 characters."}));
     const std::string longTemplate = R"({"name":"T","trigger":{"type":"no_reply","after_hours":3},
-        "actions":[{"type":"draft_reply","template":")" + std::string(5001, 'x') + R"("}]})";
+        "actions":[{"type":"draft_reply","template":")" +
+                                     std::string(5001, 'x') + R"("}]})";
     EXPECT_EQ(problemsOf(longTemplate),
               std::vector<std::string>{"actions[0].template must be at most 5000 characters."});
 }
@@ -340,7 +306,8 @@ TEST(WorkflowPolicy, ActionsNeedTheHarnessPermission) {
                   "star needs the apply_label permission, which this app does not have.",
                   "mark_read needs the mark_read permission, which this app does not have.",
                   "draft_reply needs the create_draft permission, which this app does not have."}));
-    EXPECT_TRUE(problemsOf(spec, {"manage_workflows", "apply_label", "mark_read", "create_draft"}).empty());
+    EXPECT_TRUE(
+        problemsOf(spec, {"manage_workflows", "apply_label", "mark_read", "create_draft"}).empty());
 
     const std::string digest = R"({"name":"D","trigger":{"type":"schedule","hour":6},
         "actions":[{"type":"digest","title":"D"}]})";
@@ -354,10 +321,11 @@ TEST(WorkflowPolicy, AccountCheckIsSkippedWithoutKnownAccounts) {
         "accounts":["nobody@nowhere","nobody@nowhere"],"actions":[{"type":"remind"}]})";
     EXPECT_EQ(problemsOf(spec, allPermissions, std::nullopt),
               std::vector<std::string>{"accounts must not repeat."});
-    EXPECT_EQ(problemsOf(spec, allPermissions, std::vector<std::string>{}),
-              (std::vector<std::string>{
-                  "accounts must not repeat.",
-                  "Unknown account \"nobody@nowhere\". Use list_accounts for valid account keys."}));
+    EXPECT_EQ(
+        problemsOf(spec, allPermissions, std::vector<std::string>{}),
+        (std::vector<std::string>{
+            "accounts must not repeat.",
+            "Unknown account \"nobody@nowhere\". Use list_accounts for valid account keys."}));
 }
 
 TEST(WorkflowPolicy, QuotedAgentTextIsCutAndCleaned) {

@@ -1,22 +1,20 @@
 // The stored workflows: persistence across reopening, file modes, atomic
 // replacement, unreadable files, and the user's decisions.
 #include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <nlohmann/json.hpp>
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Workflow/WorkflowStore.h"
-#include "TempDirectory.h"
+#include "tests/fakes/LinkTestSupport.h"
 
 namespace mailcore {
 namespace {
 
-using testing::TempDirectory;
+using linktest::TempDir;
 
 StoredWorkflow workflow(const std::string& id, const std::string& author) {
     StoredWorkflow w;
@@ -44,16 +42,31 @@ std::string contentOf(const std::filesystem::path& path) {
 
 class WorkflowStoreTest : public ::testing::Test {
 protected:
-    TempDirectory temp;
+    TempDir temp;
     std::filesystem::path dir = temp.path() / "data" / "workflows";
 };
 
-TEST_F(WorkflowStoreTest, StartsEmptyInAFreshPrivateDirectory) {
+std::vector<std::string> filesIn(const std::filesystem::path& dir) {
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
+        names.push_back(entry.path().filename().string());
+    }
+    return names;
+}
+
+TEST_F(WorkflowStoreTest, DirectoryIsMadePrivateAndNeverALink) {
     WorkflowStore store(dir);
     EXPECT_TRUE(store.all().empty());
     EXPECT_FALSE(store.loadProblem());
     EXPECT_EQ(modeOf(dir), 0700u);
     EXPECT_FALSE(std::filesystem::exists(store.fileURL()));
+    ::chmod(dir.c_str(), 0755);  // an existing directory is tightened
+    WorkflowStore again(dir);
+    EXPECT_EQ(modeOf(dir), 0700u);
+
+    const auto link = temp.path() / "link";
+    std::filesystem::create_directory_symlink(dir, link);
+    EXPECT_THROW(WorkflowStore linked(link), MailError);
 }
 
 TEST_F(WorkflowStoreTest, RecordsSurviveReopeningWithEveryField) {
@@ -65,6 +78,7 @@ TEST_F(WorkflowStoreTest, RecordsSurviveReopeningWithEveryField) {
         store.pause("B", dateFromSeconds(3000));
     }
     EXPECT_EQ(modeOf(dir / "workflows.json"), 0600u);
+    EXPECT_EQ(filesIn(dir), std::vector<std::string>{"workflows.json"});  // no temporary files
     WorkflowStore reopened(dir);
     const auto all = reopened.all();
     ASSERT_EQ(all.size(), 2u);
@@ -83,34 +97,10 @@ TEST_F(WorkflowStoreTest, RecordsSurviveReopeningWithEveryField) {
     EXPECT_EQ(reopened.countByAuthor("claude"), 1u);
 }
 
-TEST_F(WorkflowStoreTest, NoTemporaryFilesAreLeftBehind) {
-    WorkflowStore store(dir);
-    for (int i = 0; i < 5; ++i) store.insert(workflow("W" + std::to_string(i), "h"), 25);
-    store.removeByUser("W0");
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        names.push_back(entry.path().filename().string());
-    }
-    EXPECT_EQ(names, std::vector<std::string>{"workflows.json"});
-}
-
-TEST_F(WorkflowStoreTest, TightensAnExistingDirectory) {
-    std::filesystem::create_directories(dir);
-    ::chmod(dir.c_str(), 0755);
-    WorkflowStore store(dir);
-    EXPECT_EQ(modeOf(dir), 0700u);
-}
-
-TEST_F(WorkflowStoreTest, RefusesASymbolicLinkAsDirectory) {
-    std::filesystem::create_directories(temp.path() / "real");
-    std::filesystem::create_directories(dir.parent_path());
-    std::filesystem::create_directory_symlink(temp.path() / "real", dir);
-    EXPECT_THROW(WorkflowStore store(dir), MailError);
-}
-
 TEST_F(WorkflowStoreTest, PerAuthorMaximumIsEnforcedAtomically) {
     WorkflowStore store(dir);
-    for (int i = 0; i < 3; ++i) EXPECT_FALSE(store.insert(workflow("A" + std::to_string(i), "a"), 3));
+    for (int i = 0; i < 3; ++i)
+        EXPECT_FALSE(store.insert(workflow("A" + std::to_string(i), "a"), 3));
     EXPECT_EQ(store.insert(workflow("A3", "a"), 3), std::optional<std::size_t>(3));
     EXPECT_FALSE(store.insert(workflow("B0", "b"), 3));
     EXPECT_EQ(store.all().size(), 4u);
@@ -130,18 +120,22 @@ TEST_F(WorkflowStoreTest, UserDecisions) {
     EXPECT_EQ(store.pause("A", dateFromSeconds(2100)).workflow.status, WorkflowStatus::paused);
     EXPECT_EQ(store.pause("A", dateFromSeconds(2200)).outcome, WorkflowStore::Outcome::unchanged);
     EXPECT_EQ(store.resume("A", dateFromSeconds(2300)).workflow.status, WorkflowStatus::active);
-    EXPECT_EQ(store.approve("missing", dateFromSeconds(1)).outcome, WorkflowStore::Outcome::notFound);
+    EXPECT_EQ(store.approve("missing", dateFromSeconds(1)).outcome,
+              WorkflowStore::Outcome::notFound);
     EXPECT_EQ(store.removeByUser("A").outcome, WorkflowStore::Outcome::changed);
     EXPECT_EQ(store.removeByUser("A").outcome, WorkflowStore::Outcome::notFound);
 }
 
 TEST_F(WorkflowStoreTest, UnreadableFileIsKeptAsideAndTheStoreStartsEmpty) {
-    const char* const broken[] = {"{not json", "[]", R"({"workflows":{}})",
-                                  R"({"workflows":[{"id":"A"}]})",
-                                  R"({"workflows":[{"id":"A","author":"a","status":"running","approved":true,"risk":"low","createdAt":1,"updatedAt":1,"spec":{}}]})",
-                                  R"({"workflows":[{"id":"A","author":"a","status":"active","approved":true,"risk":"low","createdAt":1,"updatedAt":1,"spec":{"name":3}}]})"};
+    const char* const broken[] = {
+        "{not json",
+        "[]",
+        R"({"workflows":{}})",
+        R"({"workflows":[{"id":"A"}]})",
+        R"({"workflows":[{"id":"A","author":"a","status":"running","approved":true,"risk":"low","createdAt":1,"updatedAt":1,"spec":{}}]})",
+        R"({"workflows":[{"id":"A","author":"a","status":"active","approved":true,"risk":"low","createdAt":1,"updatedAt":1,"spec":{"name":3}}]})"};
     for (const char* content : broken) {
-        TempDirectory fresh;
+        TempDir fresh;
         const auto d = fresh.path() / "wf";
         std::filesystem::create_directories(d);
         { std::ofstream(d / "workflows.json") << content; }
@@ -173,12 +167,7 @@ TEST_F(WorkflowStoreTest, FailedWriteKeepsMemoryAsItWasAndLeavesNoTemporaryFile)
     EXPECT_THROW(store.removeByUser("A"), MailError);
     EXPECT_EQ(store.all().size(), 1u);
     EXPECT_FALSE(store.find("A")->approved);
-    std::size_t entries = 0;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        ++entries;
-        EXPECT_EQ(entry.path().filename(), "workflows.json");
-    }
-    EXPECT_EQ(entries, 1u);
+    EXPECT_EQ(filesIn(dir), std::vector<std::string>{"workflows.json"});
 }
 
 }  // namespace

@@ -2,18 +2,17 @@
 // maximum, other harnesses' workflows and the preview.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
 #include <mutex>
+#include <nlohmann/json.hpp>
 #include <stdexcept>
 
 #include "MailCore/Workflow/WorkflowToolHandler.h"
-#include "TempDirectory.h"
+#include "tests/fakes/LinkTestSupport.h"
 
 namespace mailcore {
 namespace {
 
-using testing::TempDirectory;
+using linktest::TempDir;
 
 const std::vector<std::string> defaultPermissions = {
     "list_accounts", "list_folders", "search_messages", "read_message",
@@ -32,7 +31,8 @@ public:
         if (fail) throw std::runtime_error("imap: connection reset by peer 10.0.0.1");
         std::vector<WorkflowMailMessage> out;
         for (const auto& m : messages) {
-            if (!accounts.empty() && std::find(accounts.begin(), accounts.end(), m.account) == accounts.end()) {
+            if (!accounts.empty() &&
+                std::find(accounts.begin(), accounts.end(), m.account) == accounts.end()) {
                 continue;
             }
             if (static_cast<int>(out.size()) < limit) out.push_back(m);
@@ -74,7 +74,7 @@ Json idArgs(const std::string& id, const std::optional<std::string>& specText = 
 
 class WorkflowToolHandlerTest : public ::testing::Test {
 protected:
-    TempDirectory temp;
+    TempDir temp;
     WorkflowStore store{temp.path() / "workflows"};
     FakeMailSource source;
     Date now = dateFromSeconds(1795255200);  // Saturday 2026-11-21 10:00 UTC
@@ -85,7 +85,8 @@ protected:
     WorkflowCaller codex{"codex", "Codex", defaultPermissions,
                          std::vector<std::string>{"anna@example.com"}};
 
-    WorkflowToolAnswer call(const WorkflowCaller& caller, const std::string& tool, const Json& arguments) {
+    WorkflowToolAnswer call(const WorkflowCaller& caller, const std::string& tool,
+                            const Json& arguments) {
         return handler.handle(caller, tool, arguments);
     }
 
@@ -100,10 +101,13 @@ TEST_F(WorkflowToolHandlerTest, CreateSavesAPendingWorkflowOfTheCaller) {
     const auto answer = call(claude, "create_workflow", args(invoiceSpec));
     ASSERT_FALSE(answer.isError) << answer.text;
     const Json result = parseJson(answer.text);
-    EXPECT_EQ(result["message"], "Saved. It will not run until the user reviews and approves it in the app.");
+    EXPECT_EQ(result["message"],
+              "Saved. It will not run until the user reviews and approves it in the app.");
     EXPECT_EQ(result["status"], "pending_approval");
     EXPECT_EQ(result["risk"], "medium");
-    EXPECT_EQ(result["summary"], "When a new message arrives that has \"invoice\" in the subject: label it \"Invoices\".");
+    EXPECT_EQ(
+        result["summary"],
+        "When a new message arrives that has \"invoice\" in the subject: label it \"Invoices\".");
     EXPECT_EQ(answer.summary, "created workflow, pending approval, risk medium");
 
     const auto stored = store.find(result["id"].get<std::string>());
@@ -115,33 +119,39 @@ TEST_F(WorkflowToolHandlerTest, CreateSavesAPendingWorkflowOfTheCaller) {
     EXPECT_EQ(secondsSince1970(stored->createdAt), 1795255200);
 }
 
-TEST_F(WorkflowToolHandlerTest, InvalidSpecIsRefusedWithEveryProblem) {
-    const auto answer = call(claude, "create_workflow",
-                             args(R"({"name":"","trigger":{"type":"new_message"},"actions":[{"type":"send"}]})"));
+TEST_F(WorkflowToolHandlerTest, InvalidSpecsAreRefusedWithTheirProblemsAndLongListsCut) {
+    auto answer =
+        call(claude, "create_workflow",
+             args(R"({"name":"","trigger":{"type":"new_message"},"actions":[{"type":"send"}]})"));
     EXPECT_TRUE(answer.isError);
     EXPECT_EQ(answer.text,
               "The workflow is not valid: name must not be empty.\n"
-              "A new_message workflow needs at least one condition; workflows cannot act on all incoming mail.\n"
-              "\"send\" is not available to workflows. Workflows never send, forward, move or delete mail; "
+              "A new_message workflow needs at least one condition; workflows cannot act on all "
+              "incoming mail.\n"
+              "\"send\" is not available to workflows. Workflows never send, forward, move or "
+              "delete mail; "
               "use draft_reply to prepare a message for the user.");
     EXPECT_EQ(answer.summary, "not valid: 3 problems");
-    EXPECT_TRUE(store.all().empty());
-}
 
-TEST_F(WorkflowToolHandlerTest, LongProblemListsAreCut) {
-    Json spec = parseJson(R"({"name":"n","trigger":{"type":"new_message"},"conditions":[{"type":"unread"}]})");
+    Json spec = parseJson(
+        R"({"name":"n","trigger":{"type":"new_message"},"conditions":[{"type":"unread"}]})");
     spec["actions"] = Json::array();
     for (int i = 0; i < 30; ++i) spec["actions"].push_back(parseJson(R"({"type":"apply_label"})"));
     Json a = Json::object();
     a["spec"] = spec;
-    const auto answer = call(claude, "create_workflow", a);
+    answer = call(claude, "create_workflow", a);
     EXPECT_TRUE(answer.isError);
     EXPECT_NE(answer.text.find("actions[18].label must not be empty."), std::string::npos);
     EXPECT_EQ(answer.text.find("actions[19].label"), std::string::npos);
     EXPECT_NE(answer.text.find("\n(11 more problems not shown.)"), std::string::npos);
+    EXPECT_TRUE(store.all().empty());
 }
 
-TEST_F(WorkflowToolHandlerTest, UnreadableArguments) {
+TEST_F(WorkflowToolHandlerTest, UnreadableArgumentsAndUnknownToolsAreRefused) {
+    Json badUTF8 = parseJson(R"({"spec":{}})");
+    badUTF8["spec"]["name"] = std::string("\xFF\xFE");
+    Json badID = Json::object();
+    badID["id"] = std::string("\xC3");
     const std::vector<std::pair<std::string, Json>> calls = {
         {"create_workflow", Json(nullptr)},
         {"create_workflow", Json::array()},
@@ -149,30 +159,23 @@ TEST_F(WorkflowToolHandlerTest, UnreadableArguments) {
         {"create_workflow", parseJson(R"({"spec":"name: x"})")},
         {"create_workflow", parseJson(R"({"spec":[1,2]})")},
         {"create_workflow", parseJson(R"({"spec":{"name":1}})")},
+        {"create_workflow", badUTF8},
         {"preview_workflow", parseJson(R"({"spec":{"actions":[{"type":"star","label":false}]}})")},
         {"update_workflow", parseJson(R"({"spec":{"name":"x"}})")},
         {"update_workflow", parseJson(R"({"id":"x"})")},
         {"update_workflow", parseJson(R"({"id":7,"spec":{"name":"x"}})")},
         {"pause_workflow", parseJson(R"({})")},
         {"pause_workflow", parseJson(R"({"id":""})")},
+        {"pause_workflow", badID},
         {"delete_workflow", parseJson(R"({"id":["A"]})")},
         {"delete_workflow", parseJson(R"("A")")},
     };
     for (const auto& [tool, arguments] : calls) {
         const auto answer = call(claude, tool, arguments);
         EXPECT_TRUE(answer.isError) << tool << " " << encodeJson(arguments);
-        EXPECT_EQ(answer.text, "The arguments could not be read.") << tool << " " << encodeJson(arguments);
+        EXPECT_EQ(answer.text, "The arguments could not be read.")
+            << tool << " " << encodeJson(arguments);
     }
-    Json badUTF8 = Json::object();
-    badUTF8["spec"] = Json::object();
-    badUTF8["spec"]["name"] = std::string("\xFF\xFE");
-    EXPECT_EQ(call(claude, "create_workflow", badUTF8).text, "The arguments could not be read.");
-    Json badID = Json::object();
-    badID["id"] = std::string("\xC3");
-    EXPECT_EQ(call(claude, "pause_workflow", badID).text, "The arguments could not be read.");
-}
-
-TEST_F(WorkflowToolHandlerTest, UnknownToolsIncludingApprovalAreRefused) {
     for (const char* tool : {"approve_workflow", "resume_workflow", "Create_Workflow", ""}) {
         const auto answer = call(claude, tool, Json::object());
         EXPECT_TRUE(answer.isError);
@@ -197,12 +200,24 @@ TEST_F(WorkflowToolHandlerTest, UpdateReplacesTheSpecAndWaitsForApprovalAgain) {
     const auto id = createdID(claude);
     now += std::chrono::hours(1);
     store.approve(id, now);
+    // An invalid spec changes nothing.
+    EXPECT_EQ(
+        call(
+            claude, "update_workflow",
+            idArgs(
+                id,
+                R"({"name":"x","trigger":{"type":"schedule","hour":8},"actions":[{"type":"star"}]})"))
+            .text,
+        "The workflow is not valid: A schedule workflow may only contain digest actions.");
+    EXPECT_TRUE(store.find(id)->approved);
+
     const char* changed =
         R"({"name":"Invoices","trigger":{"type":"new_message"},"conditions":[{"type":"subject","values":["invoice"]}],"actions":[{"type":"mark_read"}]})";
     const auto answer = call(claude, "update_workflow", idArgs(id, changed));
     ASSERT_FALSE(answer.isError) << answer.text;
     const Json result = parseJson(answer.text);
-    EXPECT_EQ(result["message"], "Saved. The workflow is stopped until the user approves the changes in the app.");
+    EXPECT_EQ(result["message"],
+              "Saved. The workflow is stopped until the user approves the changes in the app.");
     EXPECT_EQ(result["status"], "pending_approval");
     const auto stored = store.find(id);
     EXPECT_FALSE(stored->approved);
@@ -213,57 +228,35 @@ TEST_F(WorkflowToolHandlerTest, UpdateReplacesTheSpecAndWaitsForApprovalAgain) {
     EXPECT_EQ(secondsSince1970(stored->createdAt), 1795255200);
 }
 
-TEST_F(WorkflowToolHandlerTest, UpdateWithAnInvalidSpecChangesNothing) {
-    const auto id = createdID(claude);
-    store.approve(id, now);
-    const auto answer = call(claude, "update_workflow",
-                             idArgs(id, R"({"name":"x","trigger":{"type":"schedule","hour":8},"actions":[{"type":"star"}]})"));
-    EXPECT_EQ(answer.text, "The workflow is not valid: A schedule workflow may only contain digest actions.");
-    EXPECT_TRUE(store.find(id)->approved);
-}
-
-TEST_F(WorkflowToolHandlerTest, AnotherHarnessCannotChangeAWorkflow) {
+TEST_F(WorkflowToolHandlerTest, PauseAndDeleteActOnlyOnTheCallersOwnWorkflows) {
     const auto id = createdID(claude);
     const std::string refusal =
         "The workflow \"Invoices\" was created by another app and cannot be changed from here.";
-    EXPECT_EQ(call(codex, "update_workflow", idArgs(id, invoiceSpec)).text, refusal);
-    EXPECT_EQ(call(codex, "pause_workflow", idArgs(id)).text, refusal);
-    EXPECT_EQ(call(codex, "delete_workflow", idArgs(id)).text, refusal);
-    EXPECT_TRUE(call(codex, "delete_workflow", idArgs(id)).isError);
-    const auto stored = store.find(id);
-    ASSERT_TRUE(stored);
-    EXPECT_EQ(stored->status, WorkflowStatus::pendingApproval);
-    EXPECT_EQ(parseJson(call(codex, "list_workflows", Json::object()).text)["workflows"].size(), 0u);
-}
-
-TEST_F(WorkflowToolHandlerTest, UnknownIDs) {
-    for (const char* tool : {"pause_workflow", "delete_workflow"}) {
-        const auto answer = call(claude, tool, idArgs("NOPE"));
-        EXPECT_TRUE(answer.isError);
-        EXPECT_EQ(answer.text, "No workflow with id NOPE");
+    for (const char* tool : {"update_workflow", "pause_workflow", "delete_workflow"}) {
+        const auto foreign = call(codex, tool, idArgs(id, invoiceSpec));
+        const auto unknown = call(claude, tool, idArgs("NOPE", invoiceSpec));
+        EXPECT_TRUE(foreign.isError && unknown.isError) << tool;
+        EXPECT_EQ(foreign.text, refusal);
+        EXPECT_EQ(unknown.text, "No workflow with id NOPE");
     }
-    EXPECT_EQ(call(claude, "update_workflow", idArgs("NOPE", invoiceSpec)).text, "No workflow with id NOPE");
-    EXPECT_EQ(call(claude, "pause_workflow", idArgs("a\nb")).text, "No workflow with id a\xEF\xBF\xBD" "b");
-}
+    EXPECT_EQ(call(claude, "pause_workflow", idArgs("a\nb")).text, "No workflow with id a\uFFFDb");
+    EXPECT_EQ(store.find(id)->status, WorkflowStatus::pendingApproval);
+    EXPECT_EQ(parseJson(call(codex, "list_workflows", Json::object()).text)["workflows"].size(),
+              0u);
 
-TEST_F(WorkflowToolHandlerTest, PauseStopsAndOnlyTheUserResumes) {
-    const auto id = createdID(claude);
     store.approve(id, now);
-    const auto answer = call(claude, "pause_workflow", idArgs(id));
-    ASSERT_FALSE(answer.isError);
-    EXPECT_EQ(parseJson(answer.text)["message"], "Paused. Only the user can resume it.");
+    const auto paused = call(claude, "pause_workflow", idArgs(id));
+    ASSERT_FALSE(paused.isError);
+    EXPECT_EQ(parseJson(paused.text)["message"], "Paused. Only the user can resume it.");
     EXPECT_EQ(store.find(id)->status, WorkflowStatus::paused);
     EXPECT_TRUE(store.find(id)->approved);
     // Pausing again answers the same; the agent has no way back to active.
     EXPECT_EQ(parseJson(call(claude, "pause_workflow", idArgs(id)).text)["status"], "paused");
     EXPECT_EQ(store.resume(id, now).workflow.status, WorkflowStatus::active);
-}
 
-TEST_F(WorkflowToolHandlerTest, DeleteRemovesTheWorkflow) {
-    const auto id = createdID(claude);
-    const auto answer = call(claude, "delete_workflow", idArgs(id));
-    ASSERT_FALSE(answer.isError);
-    EXPECT_EQ(parseJson(answer.text)["deleted"], true);
+    const auto deleted = call(claude, "delete_workflow", idArgs(id));
+    ASSERT_FALSE(deleted.isError);
+    EXPECT_EQ(parseJson(deleted.text)["deleted"], true);
     EXPECT_FALSE(store.find(id));
     EXPECT_EQ(call(claude, "delete_workflow", idArgs(id)).text, "No workflow with id " + id);
 }
@@ -292,55 +285,50 @@ TEST_F(WorkflowToolHandlerTest, ListShowsTheCallersWorkflowsWithTheirFields) {
     EXPECT_EQ(answer.summary, "1 workflow");
 }
 
-TEST_F(WorkflowToolHandlerTest, PreviewMatchesRecentMailWithoutSaving) {
-    source.messages = {mail("1", "anna@example.com", "Shop <billing@shop.example>", "Invoice 12"),
-                       mail("2", "anna@example.com", "Bob <bob@x.org>", "Lunch?"),
-                       mail("3", "work@example.org", "Shop <billing@shop.example>", "Your invoice", false)};
+TEST_F(WorkflowToolHandlerTest, PreviewMatchesRecentMailOfTheChosenAccountsWithoutSaving) {
+    source.messages = {
+        mail("1", "anna@example.com", "Shop <billing@shop.example>", "Invoice 12"),
+        mail("2", "anna@example.com", "Bob <bob@x.org>", "Lunch?"),
+        mail("3", "work@example.org", "Shop <billing@shop.example>", "Your invoice", false)};
     const auto answer = call(claude, "preview_workflow", args(invoiceSpec));
     ASSERT_FALSE(answer.isError) << answer.text;
-    const Json result = parseJson(answer.text);
+    Json result = parseJson(answer.text);
     EXPECT_EQ(result["valid"], true);
     EXPECT_EQ(result["matched_count"], 2);
     ASSERT_EQ(result["sample"].size(), 2u);
-    EXPECT_EQ(encodeJson(result["sample"][0]),
-              R"({"message_id":"1","account":"anna@example.com","from":"Shop <billing@shop.example>",)"
-              R"("subject":"Invoice 12","date":"2026-11-20 09:00","unread":true})");
+    EXPECT_EQ(
+        encodeJson(result["sample"][0]),
+        R"({"message_id":"1","account":"anna@example.com","from":"Shop <billing@shop.example>",)"
+        R"("subject":"Invoice 12","date":"2026-11-20 09:00","unread":true})");
     EXPECT_EQ(result["next_run"], nullptr);
-    EXPECT_EQ(result["summary"], "When a new message arrives that has \"invoice\" in the subject: label it \"Invoices\".");
+    EXPECT_EQ(
+        result["summary"],
+        "When a new message arrives that has \"invoice\" in the subject: label it \"Invoices\".");
     const auto notes = result["notes"].dump();
-    EXPECT_NE(notes.find("It will not run until the user reviews and approves it in the app."), std::string::npos);
-    EXPECT_NE(notes.find("Checked against the 3 most recent messages of the allowed accounts."), std::string::npos);
+    EXPECT_NE(notes.find("It will not run until the user reviews and approves it in the app."),
+              std::string::npos);
+    EXPECT_NE(notes.find("Checked against the 3 most recent messages of the allowed accounts."),
+              std::string::npos);
     EXPECT_NE(notes.find("untrusted data"), std::string::npos);
-    EXPECT_EQ(source.requestedAccounts.back(), (std::vector<std::string>{"anna@example.com", "work@example.org"}));
+    EXPECT_EQ(source.requestedAccounts.back(),
+              (std::vector<std::string>{"anna@example.com", "work@example.org"}));
     EXPECT_TRUE(store.all().empty());
     EXPECT_EQ(answer.summary, "preview, 2 matched");
-}
 
-TEST_F(WorkflowToolHandlerTest, PreviewReadsOnlyTheChosenAccountsAndCutsTheSample) {
-    for (int i = 0; i < 8; ++i) {
-        source.messages.push_back(mail(std::to_string(i), "work@example.org", "x@y.z", "invoice"));
-    }
-    const auto answer = call(claude, "preview_workflow",
-                             args(R"({"name":"n","trigger":{"type":"new_message"},"accounts":["WORK@example.org"],
-                                     "conditions":[{"type":"unread"}],"actions":[{"type":"notify"}]})"));
-    const Json result = parseJson(answer.text);
+    // Only the chosen accounts are read, and the sample is cut at five.
+    for (int i = 0; i < 8; ++i)
+        source.messages.push_back(mail(std::to_string(10 + i), "work@example.org", "x@y.z", "x"));
+    result = parseJson(
+        call(claude, "preview_workflow",
+             args(R"({"name":"n","trigger":{"type":"new_message"},"accounts":["WORK@example.org"],
+                                     "conditions":[{"type":"unread"}],"actions":[{"type":"notify"}]})"))
+            .text);
     EXPECT_EQ(source.requestedAccounts.back(), std::vector<std::string>{"work@example.org"});
     EXPECT_EQ(result["matched_count"], 8);
     EXPECT_EQ(result["sample"].size(), 5u);
 }
 
-TEST_F(WorkflowToolHandlerTest, PreviewOfAScheduleGivesTheNextRun) {
-    source.messages = {mail("1", "anna@example.com", "a@b.c", "x")};
-    const auto answer = call(claude, "preview_workflow",
-                             args(R"({"name":"n","trigger":{"type":"schedule","hour":8,"weekdays":[2]},
-                                     "actions":[{"type":"digest","title":"Monday"}]})"));
-    const Json result = parseJson(answer.text);
-    EXPECT_EQ(result["next_run"], "2026-11-23T08:00:00+00:00");
-    EXPECT_EQ(result["matched_count"], 1);
-    EXPECT_NE(result["notes"].dump().find("Each digest holds at most 50 messages."), std::string::npos);
-}
-
-TEST_F(WorkflowToolHandlerTest, PreviewOfNoReplyCountsOldEnoughSentMail) {
+TEST_F(WorkflowToolHandlerTest, PreviewOfScheduleAndNoReplyTriggers) {
     auto sentOld = mail("1", "anna@example.com", "Anna <Anna@example.com>", "Offer");
     sentOld.sentAt = now - std::chrono::hours(50);
     auto sentNew = mail("2", "anna@example.com", "anna@example.com", "Offer 2");
@@ -348,59 +336,71 @@ TEST_F(WorkflowToolHandlerTest, PreviewOfNoReplyCountsOldEnoughSentMail) {
     auto received = mail("3", "anna@example.com", "bob@x.org", "Offer 3");
     received.sentAt = now - std::chrono::hours(100);
     source.messages = {sentOld, sentNew, received};
-    const auto answer = call(claude, "preview_workflow",
-                             args(R"({"name":"n","trigger":{"type":"no_reply","after_hours":48},"actions":[{"type":"remind"}]})"));
-    const Json result = parseJson(answer.text);
+    Json result =
+        parseJson(call(claude, "preview_workflow",
+                       args(R"({"name":"n","trigger":{"type":"schedule","hour":8,"weekdays":[2]},
+                                          "actions":[{"type":"digest","title":"Monday"}]})"))
+                      .text);
+    EXPECT_EQ(result["next_run"], "2026-11-23T08:00:00+00:00");
+    EXPECT_EQ(result["matched_count"], 3);
+    EXPECT_NE(result["notes"].dump().find("Each digest holds at most 50 messages."),
+              std::string::npos);
+
+    // No reply: only mail the account sent, old enough.
+    result = parseJson(
+        call(
+            claude, "preview_workflow",
+            args(
+                R"({"name":"n","trigger":{"type":"no_reply","after_hours":48},"actions":[{"type":"remind"}]})"))
+            .text);
     EXPECT_EQ(result["matched_count"], 1);
     EXPECT_EQ(result["sample"][0]["message_id"], "1");
 }
 
-TEST_F(WorkflowToolHandlerTest, PreviewOfAnInvalidSpecListsProblems) {
+TEST_F(WorkflowToolHandlerTest, PreviewWithoutValidSpecPermissionAccountsOrMail) {
     source.messages = {mail("1", "anna@example.com", "a@b.c", "invoice")};
-    const auto answer = call(claude, "preview_workflow",
-                             args(R"({"name":"n","trigger":{"type":"new_message"},"actions":[{"type":"star"}]})"));
+    auto answer =
+        call(claude, "preview_workflow",
+             args(R"({"name":"n","trigger":{"type":"new_message"},"actions":[{"type":"star"}]})"));
     ASSERT_FALSE(answer.isError);
-    const Json result = parseJson(answer.text);
+    Json result = parseJson(answer.text);
     EXPECT_EQ(result["valid"], false);
-    EXPECT_EQ(result["problems"],
-              parseJson(R"(["A new_message workflow needs at least one condition; workflows cannot act on all incoming mail."])"));
+    EXPECT_EQ(
+        result["problems"],
+        parseJson(
+            R"(["A new_message workflow needs at least one condition; workflows cannot act on all incoming mail."])"));
     EXPECT_EQ(result["matched_count"], nullptr);
     EXPECT_TRUE(source.requestedAccounts.empty());
     EXPECT_EQ(answer.summary, "preview, 1 problem");
-}
 
-TEST_F(WorkflowToolHandlerTest, PreviewWithoutSearchPermissionShowsNoSample) {
-    source.messages = {mail("1", "anna@example.com", "a@b.c", "invoice")};
     WorkflowCaller limited = claude;
     limited.grantedTools = {"manage_workflows", "apply_label"};
-    const Json result = parseJson(call(limited, "preview_workflow", args(invoiceSpec)).text);
+    result = parseJson(call(limited, "preview_workflow", args(invoiceSpec)).text);
     EXPECT_EQ(result["matched_count"], 1);
     EXPECT_TRUE(result["sample"].empty());
     EXPECT_NE(result["notes"].dump().find("may not search or read mail"), std::string::npos);
-}
 
-TEST_F(WorkflowToolHandlerTest, PreviewWithoutAllowedAccountsReadsNothing) {
-    source.messages = {mail("1", "anna@example.com", "a@b.c", "invoice")};
     WorkflowCaller none = claude;
     none.knownAccounts = std::vector<std::string>{};
-    const Json result = parseJson(call(none, "preview_workflow", args(invoiceSpec)).text);
+    const std::size_t reads = source.requestedAccounts.size();
+    result = parseJson(call(none, "preview_workflow", args(invoiceSpec)).text);
     EXPECT_EQ(result["matched_count"], 0);
-    EXPECT_NE(result["notes"].dump().find("No mail accounts are available to this app."), std::string::npos);
-    EXPECT_TRUE(source.requestedAccounts.empty());
-}
+    EXPECT_NE(result["notes"].dump().find("No mail accounts are available to this app."),
+              std::string::npos);
+    EXPECT_EQ(source.requestedAccounts.size(), reads);
 
-TEST_F(WorkflowToolHandlerTest, PreviewWhenMailCannotBeRead) {
     source.fail = true;
-    const auto answer = call(claude, "preview_workflow", args(invoiceSpec));
+    answer = call(claude, "preview_workflow", args(invoiceSpec));
     ASSERT_FALSE(answer.isError);
     EXPECT_EQ(answer.text.find("connection reset"), std::string::npos);
-    const Json result = parseJson(answer.text);
+    result = parseJson(answer.text);
     EXPECT_EQ(result["matched_count"], nullptr);
-    EXPECT_NE(result["notes"].dump().find("The mail could not be read for the preview."), std::string::npos);
+    EXPECT_NE(result["notes"].dump().find("The mail could not be read for the preview."),
+              std::string::npos);
 
     WorkflowToolHandler noMail(store, nullptr, [this] { return now; });
-    const Json without = parseJson(noMail.handle(claude, "preview_workflow", args(invoiceSpec)).text);
-    EXPECT_NE(without["notes"].dump().find("Mail is not available"), std::string::npos);
+    result = parseJson(noMail.handle(claude, "preview_workflow", args(invoiceSpec)).text);
+    EXPECT_NE(result["notes"].dump().find("Mail is not available"), std::string::npos);
 }
 
 TEST_F(WorkflowToolHandlerTest, AnyJSONValueAsArgumentsIsAnswered) {
@@ -410,13 +410,15 @@ TEST_F(WorkflowToolHandlerTest, AnyJSONValueAsArgumentsIsAnswered) {
     for (std::size_t i = 0; i < levels; ++i) deep += "{\"a\":[";
     deep += "1";
     for (std::size_t i = 0; i < levels; ++i) deep += "]}";
-    const std::vector<std::string> values = {"null", "true", "3.5", "-1e308", "\"x\"", "[]", "{}",
-                                             "[{\"spec\":{}}]", deep};
+    const std::vector<std::string> values = {
+        "null", "true", "3.5", "-1e308", "\"x\"", "[]", "{}", "[{\"spec\":{}}]", deep};
     std::vector<std::string> texts = values;
     for (const std::string& v : values) {
         texts.push_back(R"({"spec":)" + v + R"(,"id":"x"})");
-        for (const char* key : {"name", "note", "trigger", "accounts", "match", "conditions", "actions"}) {
-            texts.push_back(std::string(R"({"id":"x","spec":{"name":"n",")") + key + "\":" + v + "}}");
+        for (const char* key :
+             {"name", "note", "trigger", "accounts", "match", "conditions", "actions"}) {
+            texts.push_back(std::string(R"({"id":"x","spec":{"name":"n",")") + key + "\":" + v +
+                            "}}");
             texts.push_back(std::string(R"({"spec":{"actions":[{"type":"digest","title":"t"}],")") +
                             key + "\":[" + v + "]}}");
         }

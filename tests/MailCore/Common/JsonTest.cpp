@@ -1,5 +1,6 @@
-// Parsing refuses nesting beyond maxJsonDepth instead of overflowing the
-// stack, and keeps accepting everything up to it.
+// JSON text: compact ordered encoding with invalid UTF-8 replaced, and
+// parsing that refuses nesting beyond maxJsonDepth instead of overflowing the
+// stack while accepting everything up to it.
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
@@ -16,6 +17,17 @@ std::string nested(std::size_t depth, const std::string& open, const std::string
     text += inner;
     for (std::size_t i = 0; i < depth; ++i) text += close;
     return text;
+}
+
+TEST(JsonTest, EncodingIsCompactOrderedAndReplacesInvalidUTF8) {
+    Json j = Json::object();
+    j["z"] = "a/b";
+    j["a"] = std::string("bad \xff byte");
+    EXPECT_EQ(encodeJson(j), "{\"z\":\"a/b\",\"a\":\"bad \xEF\xBF\xBD byte\"}");
+    Json out;
+    EXPECT_TRUE(tryParseJson("42", out));
+    EXPECT_EQ(out, 42);
+    EXPECT_FALSE(tryParseJson("{", out));
 }
 
 TEST(JsonDepth, AcceptsNestingUpToTheLimit) {
