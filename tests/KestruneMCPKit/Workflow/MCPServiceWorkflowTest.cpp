@@ -2,10 +2,8 @@
 // the workflow bridge, the stored workflows and the mail backend.
 #include <gtest/gtest.h>
 
-#include <nlohmann/json.hpp>
-
-#include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/MCPTokenStore.h"
 #include "KestruneMCPKit/Service/MCPAuditLog.h"
@@ -13,6 +11,7 @@
 #include "KestruneMCPKit/Service/MCPService.h"
 #include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
 #include "tests/fakes/FakeMailBackend.h"
+#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/ScriptedConfirmer.h"
 
 namespace mcpkit {
@@ -27,11 +26,7 @@ constexpr const char* codexToken = "kmt_codexcodexcodexcodexcodexcodexcodexcodex
 class MCPServiceWorkflowTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        dir = std::filesystem::temp_directory_path() /
-              ("kestrune-service-workflow-" + std::to_string(::getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir);
-        std::filesystem::create_directories(dir);
+        const auto& dir = temp.path();
         auto tokens = std::make_shared<MCPMemoryTokenStore>();
         policy = std::make_shared<MCPPolicyStore>(dir / "state.json", tokens, clock());
         policy->registerHarness("claude", "Claude", {}, claudeToken);
@@ -39,23 +34,19 @@ protected:
         policy->mutate([](MCPState& s) { s.settings.masterEnabled = true; });
         backend = testing::FakeMailBackend::withSampleMail();
         store = std::make_unique<mailcore::WorkflowStore>(dir / "workflows");
-        bridge = std::make_shared<MCPWorkflowBridge>(*store, *backend, clock(), mailcore::WorkflowLimits{},
+        bridge = std::make_shared<MCPWorkflowBridge>(*store, *backend, clock(),
+                                                     mailcore::WorkflowLimits{},
                                                      [](mailcore::Date) { return 0L; });
-        service = std::make_unique<MCPService>(policy, std::make_shared<MCPAuditLog>(dir / "audit.jsonl", clock()),
-                                               backend, std::make_shared<testing::ScriptedConfirmer>(),
-                                               bridge, clock());
+        service = std::make_unique<MCPService>(
+            policy, std::make_shared<MCPAuditLog>(dir / "audit.jsonl", clock()), backend,
+            std::make_shared<testing::ScriptedConfirmer>(), bridge, clock());
     }
-    void TearDown() override {
-        service.reset();
-        std::filesystem::remove_all(dir);
-    }
-
     mailcore::Clock clock() {
         return [this] { return now; };
     }
 
-    Json call(const std::string& tool, const std::string& arguments, const char* token = claudeToken,
-              const char* session = "S1") {
+    Json call(const std::string& tool, const std::string& arguments,
+              const char* token = claudeToken, const char* session = "S1") {
         Json request = {{"v", 1}, {"op", "call"}, {"token", token}, {"session", session}};
         request["client"] = {{"name", "agent"}};
         request["name"] = tool;
@@ -63,7 +54,7 @@ protected:
         return parseJson(service->handleFrame(mailcore::encodeJson(request)));
     }
 
-    std::filesystem::path dir;
+    linktest::TempDir temp;
     mailcore::Date now = mailcore::dateFromSeconds(1'795'255'200);
     std::shared_ptr<MCPPolicyStore> policy;
     std::shared_ptr<testing::FakeMailBackend> backend;
@@ -75,12 +66,22 @@ protected:
 const char* const reportSpec =
     R"({"spec":{"name":"Reports","trigger":{"type":"new_message"},"conditions":[{"type":"attachment_kind","values":["pdf"]}],"actions":[{"type":"apply_label","label":"Reports"}]}})";
 
-TEST_F(MCPServiceWorkflowTest, CreateThroughTheServiceStoresAPendingWorkflow) {
+TEST_F(MCPServiceWorkflowTest, CreateFollowsTheUsersPermissionsAndStoresAPendingWorkflow) {
+    policy->mutate([](MCPState& s) { s.settings.enabledPermissions.erase("apply_label"); });
+    const Json refused = call("create_workflow", reportSpec);
+    EXPECT_EQ(refused["isError"], true);
+    EXPECT_EQ(refused["text"],
+              "The workflow is not valid: apply_label needs the apply_label permission, "
+              "which this app does not have.");
+    EXPECT_TRUE(store->all().empty());
+
+    policy->mutate([](MCPState& s) { s.settings.enabledPermissions.insert("apply_label"); });
     const Json reply = call("create_workflow", reportSpec);
     ASSERT_EQ(reply["ok"], true) << reply.dump();
     EXPECT_EQ(reply["isError"], false);
     const Json answer = parseJson(reply["text"].get<std::string>());
-    EXPECT_EQ(answer["message"], "Saved. It will not run until the user reviews and approves it in the app.");
+    EXPECT_EQ(answer["message"],
+              "Saved. It will not run until the user reviews and approves it in the app.");
     const auto all = store->all();
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all[0].author, "claude");
@@ -89,7 +90,9 @@ TEST_F(MCPServiceWorkflowTest, CreateThroughTheServiceStoresAPendingWorkflow) {
 
     const Json foreign = call("pause_workflow", R"({"id":")" + all[0].id + R"("})", codexToken);
     EXPECT_EQ(foreign["isError"], true);
-    EXPECT_EQ(foreign["text"], "The workflow \"Reports\" was created by another app and cannot be changed from here.");
+    EXPECT_EQ(
+        foreign["text"],
+        "The workflow \"Reports\" was created by another app and cannot be changed from here.");
 }
 
 TEST_F(MCPServiceWorkflowTest, PreviewSeesOnlyAccountsTheUserDidNotExclude) {
@@ -102,21 +105,14 @@ TEST_F(MCPServiceWorkflowTest, PreviewSeesOnlyAccountsTheUserDidNotExclude) {
     EXPECT_EQ(without["matched_count"], 0);
     // The previews showed mail, so that session's workflow changes now need
     // the user's approval; a fresh session checks the validation alone.
-    const Json named = call("create_workflow",
-                            R"({"spec":{"name":"W","trigger":{"type":"no_reply","after_hours":24},"accounts":["work@example.org"],"actions":[{"type":"remind"}]}})",
-                            claudeToken, "S2");
+    const Json named = call(
+        "create_workflow",
+        R"({"spec":{"name":"W","trigger":{"type":"no_reply","after_hours":24},"accounts":["work@example.org"],"actions":[{"type":"remind"}]}})",
+        claudeToken, "S2");
     EXPECT_EQ(named["isError"], true);
-    EXPECT_EQ(named["text"], "The workflow is not valid: Unknown account \"work@example.org\". Use list_accounts "
-                             "for valid account keys.");
-}
-
-TEST_F(MCPServiceWorkflowTest, ActionsFollowThePermissionsTheUserEnabled) {
-    policy->mutate([](MCPState& s) { s.settings.enabledPermissions.erase("apply_label"); });
-    const Json reply = call("create_workflow", reportSpec);
-    EXPECT_EQ(reply["isError"], true);
-    EXPECT_EQ(reply["text"], "The workflow is not valid: apply_label needs the apply_label permission, which "
-                             "this app does not have.");
-    EXPECT_TRUE(store->all().empty());
+    EXPECT_EQ(named["text"],
+              "The workflow is not valid: Unknown account \"work@example.org\". Use list_accounts "
+              "for valid account keys.");
 }
 
 }  // namespace

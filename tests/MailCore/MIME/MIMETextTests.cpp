@@ -1,8 +1,8 @@
 // Text helpers of mail content: HTML to text, UTF-8 repair and snippets.
+#include <gtest/gtest.h>
+
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/MIMEText.h"
-
-#include <gtest/gtest.h>
 
 namespace mailcore {
 namespace {

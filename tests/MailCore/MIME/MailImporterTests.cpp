@@ -1,17 +1,16 @@
 // Importing maildirs and mbox files into the store, and filing single
 // messages: folders, flags, threads, bodies, attachments, resumption.
-#include "MIMETestSupport.h"
+#include <gtest/gtest.h>
 
+#include <filesystem>
+#include <map>
+#include <nlohmann/json.hpp>
+
+#include "MIMETestSupport.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/MailError.h"
 #include "MailCore/MIME/MailImporter.h"
 #include "MailCore/MIME/MessageIngestor.h"
-
-#include <gtest/gtest.h>
-#include <nlohmann/json.hpp>
-
-#include <filesystem>
-#include <map>
 
 namespace mailcore::testing {
 namespace {
@@ -23,8 +22,8 @@ const AccountID account("local");
 std::string message(const std::string& subject, const std::string& messageID,
                     const std::string& extraHeaders = "", const std::string& body = "hello\n") {
     return "From: Alice <alice@example.com>\nTo: Bob <bob@example.com>\nSubject: " + subject +
-           "\nMessage-ID: <" + messageID + ">\nDate: Mon, 12 Feb 2024 10:00:00 +0000\n" + extraHeaders +
-           "\n" + body;
+           "\nMessage-ID: <" + messageID + ">\nDate: Mon, 12 Feb 2024 10:00:00 +0000\n" +
+           extraHeaders + "\n" + body;
 }
 
 class MailImporterTest : public ::testing::Test {
@@ -45,12 +44,14 @@ protected:
                   message("Budget", "budget@example.com", "", "Numbers for zanzibar attached.\n"));
         writeFile(root_ / "cur" / "1700000002.B.host:2,FS",
                   message("Re: Plan", "reply@example.com", "In-Reply-To: <plan@example.com>\n"));
-        writeFile(root_ / "new" / "1700000003.C.host",
-                  message("Report", "report@example.com",
-                          "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=M\n",
-                          "--M\nContent-Type: text/plain\n\nsee file\n--M\n"
-                          "Content-Type: application/pdf; name=r.pdf\nContent-Transfer-Encoding: base64\n\n"
-                          "JVBERi0xLjQK\n--M--\n"));
+        writeFile(
+            root_ / "new" / "1700000003.C.host",
+            message(
+                "Report", "report@example.com",
+                "MIME-Version: 1.0\nContent-Type: multipart/mixed; boundary=M\n",
+                "--M\nContent-Type: text/plain\n\nsee file\n--M\n"
+                "Content-Type: application/pdf; name=r.pdf\nContent-Transfer-Encoding: base64\n\n"
+                "JVBERi0xLjQK\n--M--\n"));
         writeFile(root_ / "cur" / "1700000004.D.host:2,S", "");
         writeFile(root_ / "tmp" / "1700000005.E.host", message("Half", "half@example.com"));
         writeFile(root_ / ".Sent" / "cur" / "1600000000.F.host:2,S",
@@ -164,8 +165,9 @@ TEST_F(MailImporterTest, SecondImportAddsNothingAndPicksUpChangedFlags) {
 TEST_F(MailImporterTest, InterruptedImportResumesWithoutDuplicates) {
     makeMaildir(root_);
     for (int i = 0; i < 9; ++i) {
-        writeFile(root_ / "cur" / ("17000000" + std::to_string(10 + i) + ".X.host:2,S"),
-                  message("Message " + std::to_string(i), "m" + std::to_string(i) + "@example.com"));
+        writeFile(
+            root_ / "cur" / ("17000000" + std::to_string(10 + i) + ".X.host:2,S"),
+            message("Message " + std::to_string(i), "m" + std::to_string(i) + "@example.com"));
     }
     ImportOptions options;
     options.batchSize = 4;
@@ -189,8 +191,9 @@ TEST_F(MailImporterTest, InterruptedImportResumesWithoutDuplicates) {
 TEST_F(MailImporterTest, MboxImportIsIdempotentAndKeepsIdenticalCopies) {
     const std::string copy = "From a@example.com Mon Feb 12 10:00:00 2024\n" +
                              message("Same", "same@example.com", "Status: RO\n");
-    const std::string mbox = copy + "\n" + copy + "\n" + "From b@example.com Tue Feb 13 11:00:00 2024\n" +
-                             message("Other", "other@example.com", "", "quoted:\n>From somewhere\n");
+    const std::string mbox =
+        copy + "\n" + copy + "\n" + "From b@example.com Tue Feb 13 11:00:00 2024\n" +
+        message("Other", "other@example.com", "", "quoted:\n>From somewhere\n");
     const fs::path path = dir_ / "archive.mbox";
     writeFile(path, mbox);
 
@@ -201,14 +204,16 @@ TEST_F(MailImporterTest, MboxImportIsIdempotentAndKeepsIdenticalCopies) {
     EXPECT_EQ(second.imported, 0u);
     EXPECT_EQ(second.skipped, 3u);
     EXPECT_EQ(count("SELECT COUNT(*) FROM messages"), 3);
-    EXPECT_EQ(count("SELECT COUNT(*) FROM messages WHERE subject = 'Same' AND flags_system = 1"), 2);
+    EXPECT_EQ(count("SELECT COUNT(*) FROM messages WHERE subject = 'Same' AND flags_system = 1"),
+              2);
     auto folders = foldersByPath();
     ASSERT_EQ(folders.size(), 1u);
     EXPECT_EQ(folders.begin()->first, "Archive/Old");
     const auto text = store_->read([](SQLiteDatabase& db) {
-        return db.queryOne<std::string>("SELECT b.text FROM bodies b JOIN messages m ON m.id = b.message_id "
-                                        "WHERE m.subject = 'Other'",
-                                        {}, [](const SQLRow& row) { return row.text(0); });
+        return db.queryOne<std::string>(
+            "SELECT b.text FROM bodies b JOIN messages m ON m.id = b.message_id "
+            "WHERE m.subject = 'Other'",
+            {}, [](const SQLRow& row) { return row.text(0); });
     });
     EXPECT_EQ(text, "quoted:\nFrom somewhere\n");
 }
@@ -231,9 +236,11 @@ TEST_F(MailImporterTest, MissingAccountAndMissingSourcesAreClearErrors) {
 // --- single-message ingestion ---
 
 TEST_F(MailImporterTest, IngestFilesOneMessageInOneTransaction) {
-    const FolderID inbox = store_->createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
+    const FolderID inbox =
+        store_->createFolder(account, FolderListing{"INBOX", "/", FolderRole::inbox, {}});
     MessageIngestor ingestor(*store_);
-    IncomingMessage incoming{inbox, IMAPUID(7), MessageFlags{MessageFlags::seen, {}}, std::nullopt, std::nullopt};
+    IncomingMessage incoming{inbox, IMAPUID(7), MessageFlags{MessageFlags::seen, {}}, std::nullopt,
+                             std::nullopt};
     const MessageID id = ingestor.ingest(account, incoming, message("First", "first@example.com"));
     const auto fields = store_->messageFields(id);
     ASSERT_TRUE(fields.has_value());
@@ -242,7 +249,8 @@ TEST_F(MailImporterTest, IngestFilesOneMessageInOneTransaction) {
     EXPECT_EQ(fields->from, (std::vector<MailAddress>{{"Alice", "alice@example.com"}}));
 
     // The same UID again updates the message instead of adding one.
-    const MessageID again = ingestor.ingest(account, incoming, message("First, edited", "first@example.com"));
+    const MessageID again =
+        ingestor.ingest(account, incoming, message("First, edited", "first@example.com"));
     EXPECT_EQ(again, id);
     EXPECT_EQ(count("SELECT COUNT(*) FROM messages"), 1);
     EXPECT_EQ(store_->messageFields(id)->subject, "First, edited");
@@ -259,7 +267,8 @@ TEST_F(MailImporterTest, IngestFilesOneMessageInOneTransaction) {
 TEST(PrepareMessage, MapsParsedFieldsToStoreRecords) {
     const ParsedMessage parsed = MessageParser().parse(
         "From: Alice <alice@example.com>\nTo: bob@example.com\nReply-To: list@example.com\n"
-        "Subject: Re: [team] Fwd: Launch\nMessage-ID: <x@Example.COM>\nIn-Reply-To: <p@example.com>\n"
+        "Subject: Re: [team] Fwd: Launch\nMessage-ID: <x@Example.COM>\nIn-Reply-To: "
+        "<p@example.com>\n"
         "References: <r@example.com> <bad id> <p@example.com>\n\nhello there\n");
     IncomingMessage incoming{FolderID(3), IMAPUID(9), MessageFlags{MessageFlags::seen, {"work"}},
                              dateFromSeconds(1000), std::nullopt};
@@ -274,7 +283,8 @@ TEST(PrepareMessage, MapsParsedFieldsToStoreRecords) {
     EXPECT_EQ(p.body.text, "hello there\n");
     EXPECT_EQ(p.body.bytes, 12);
     ASSERT_TRUE(p.body.structure.has_value());
-    const Json structure = parseJson(std::string(p.body.structure->begin(), p.body.structure->end()));
+    const Json structure =
+        parseJson(std::string(p.body.structure->begin(), p.body.structure->end()));
     EXPECT_EQ(structure[0]["mimeType"], "text/plain");
 }
 

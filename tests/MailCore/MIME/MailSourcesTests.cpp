@@ -32,18 +32,20 @@ TEST(MaildirSources, InfoSuffixGivesFlags) {
 TEST(MaildirSources, FoldersWithRolesAndMessagesFromCurAndNewNeverTmp) {
     TempDir tmp;
     const fs::path root = tmp.path();
-    for (const fs::path& dir : {root, root / ".Sent", root / ".Work.Projects", root / "Archive" / "2024",
-                                root / "Spam"}) {
+    for (const fs::path& dir : {root, root / ".Sent", root / ".Work.Projects",
+                                root / "Archive" / "2024", root / "Spam"}) {
         makeMaildir(dir);
     }
     fs::create_directories(root / ".hidden-tool-dir");
     fs::create_directories(root / ".NotAMaildir");
     std::vector<std::string> found;
     for (const auto& f : findMaildirFolders(root)) {
-        found.push_back(f.path + " " + f.delimiter.value_or("-") + " " + std::string(rawValue(f.role)));
+        found.push_back(f.path + " " + f.delimiter.value_or("-") + " " +
+                        std::string(rawValue(f.role)));
     }
-    EXPECT_EQ(found, (std::vector<std::string>{"INBOX - inbox", "Sent . sent", "Work.Projects . custom",
-                                                "Archive/2024 / custom", "Spam / junk"}));
+    EXPECT_EQ(found,
+              (std::vector<std::string>{"INBOX - inbox", "Sent . sent", "Work.Projects . custom",
+                                        "Archive/2024 / custom", "Spam / junk"}));
 
     writeFile(root / "cur" / "200.B:2,S", "Subject: b\n\nb\n");
     writeFile(root / "new" / "100.A", "Subject: a\n\na\n");

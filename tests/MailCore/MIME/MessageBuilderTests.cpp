@@ -1,10 +1,10 @@
 // Building messages for sending and saving: what goes in comes back out of
 // the parser, every line fits SMTP, and header injection is refused.
+#include <gtest/gtest.h>
+
 #include "MailCore/Common/MailError.h"
 #include "MailCore/MIME/MessageBuilder.h"
 #include "MailCore/MIME/MessageParser.h"
-
-#include <gtest/gtest.h>
 
 namespace mailcore {
 namespace {
@@ -55,7 +55,8 @@ TEST(MessageBuilder, RoundTripGivesBackTheSameFieldsBodiesAndAttachments) {
     in.attachments.push_back({"Übersicht März 2024 – final version with a long name.pdf",
                               "application/pdf", binary, std::nullopt, false});
     in.attachments.push_back({"logo.png", "image/png", "\x89PNG\r\n", std::string("logo@x"), true});
-    in.attachments.push_back({"notes.txt", "text/plain", std::string(3000, 'x'), std::nullopt, false});
+    in.attachments.push_back(
+        {"notes.txt", "text/plain", std::string(3000, 'x'), std::nullopt, false});
     for (const ComposedMessage& m : {plain, in}) {
         const BuiltMessage built = MessageBuilder::build(m);
         expectValidForSMTP(built.data);
@@ -96,7 +97,8 @@ TEST(MessageBuilder, LongLinesAndManyReferencesStayWithinLineLimits) {
     for (int i = 0; i < 40; ++i) in.subject += "word" + std::to_string(i) + " ";
     in.subject += "ünïcödé";
     in.references.clear();
-    for (int i = 0; i < 30; ++i) in.references.push_back("ref" + std::to_string(i) + "@example.org");
+    for (int i = 0; i < 30; ++i)
+        in.references.push_back("ref" + std::to_string(i) + "@example.org");
     const BuiltMessage built = MessageBuilder::build(in);
     expectValidForSMTP(built.data);
     const ParsedMessage out = MessageParser().parse(built.data);
@@ -124,7 +126,8 @@ TEST(MessageBuilder, RefusesHeaderInjectionAndBadAddresses) {
         {"header contains a line break", [](ComposedMessage& m) { m.to[0].name = "x\ny"; }},
         {"invalid address: bob@example.org\r\nX: y",
          [](ComposedMessage& m) { m.to[0].email = "bob@example.org\r\nX: y"; }},
-        {"invalid address: not-an-address", [](ComposedMessage& m) { m.cc[0].email = "not-an-address"; }},
+        {"invalid address: not-an-address",
+         [](ComposedMessage& m) { m.cc[0].email = "not-an-address"; }},
         {"invalid message id", [](ComposedMessage& m) { m.messageID = "has space@x"; }},
         {"invalid message id", [](ComposedMessage& m) { m.references = {"<bracketed@x>"}; }},
     };
