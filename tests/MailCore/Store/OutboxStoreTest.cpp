@@ -1,6 +1,7 @@
 // The store's outbox and draft operations on a real database file: what
-// they record, their failure texts, folding, ordering of due items, claims,
-// retries and launch recovery; and the JSON form of outbox operations.
+// they record, their failure texts, folding, ordering of due items, claims
+// and releases; and the JSON form of outbox operations. The worker tests
+// follow items through retries, failures and launch recovery.
 #include <gtest/gtest.h>
 
 #include "StoreTestSupport.h"
@@ -43,24 +44,21 @@ TEST_F(OutboxStoreTest, EnqueueRecordsEachKindAndRefusesConflicts) {
         EXPECT_EQ(read.id.value.size(), 36u);
     }
     // m2 has a pending delete now.
-    const std::pair<std::function<void()>, std::string> refusals[] = {
-        {[&] {
-             store->enqueue(AccountID("nobody"), OutboxOperation::deleteMessage(ref(m1)), at(2));
-         },
-         "account not found"},
-        {[&] { store->enqueueFlags(account, ref(m2), add(MessageFlags::seen), at(2)); },
-         "message has a pending delete"},
-        {[&] { store->enqueue(account, OutboxOperation::move(ref(m2), archive), at(2)); },
-         "message has a pending delete"},
-        {[&] { store->enqueue(account, OutboxOperation::deleteMessage(ref(m2)), at(2)); },
-         "message has a pending delete"},
-        {[&] {
-             store->saveDraft(
-                 DraftRecord{DraftID("d"), AccountID("nobody"), outgoing("x"), {}, at(1)});
-         },
-         "account not found"},
+    auto refusal = [&](const OutboxOperation& op, const AccountID& who) {
+        return errorDetail([&] { store->enqueue(who, op, at(2)); });
     };
-    for (const auto& [call, detail] : refusals) EXPECT_EQ(errorDetail(call), detail);
+    const std::string deleting = "message has a pending delete";
+    EXPECT_EQ(refusal(OutboxOperation::deleteMessage(ref(m1)), AccountID("x")),
+              "account not found");
+    EXPECT_EQ(refusal(OutboxOperation::setFlags(ref(m2), add(1)), account), deleting);
+    EXPECT_EQ(errorDetail([&] { store->enqueueFlags(account, ref(m2), add(1), at(2)); }), deleting);
+    EXPECT_EQ(refusal(OutboxOperation::move(ref(m2), archive), account), deleting);
+    EXPECT_EQ(refusal(OutboxOperation::deleteMessage(ref(m2)), account), deleting);
+    EXPECT_EQ(
+        errorDetail([&] {
+            store->saveDraft(DraftRecord{DraftID("d"), AccountID("x"), outgoing("x"), {}, at(1)});
+        }),
+        "account not found");
     EXPECT_EQ(store->outboxItems(std::nullopt).size(), 4u);
     EXPECT_TRUE(store->hasPendingDelete(account, m2));
     EXPECT_FALSE(store->hasPendingDelete(account, m1));
@@ -146,7 +144,6 @@ TEST_F(OutboxStoreTest, ItemsOnOneTargetRunInCreationOrderWhateverTheirNotBefore
     EXPECT_EQ(dueIDs(60), (std::vector<std::string>{move.id.value, other.id.value, snd.id.value}));
 }
 
-// (The worker tests follow the attempt count through retries and failures.)
 TEST_F(OutboxStoreTest, ClaimsAndReleasesHoldOnlyForItemsInFlight) {
     auto item = store->enqueueFlags(account, ref(m1), add(1), at(1));
     EXPECT_FALSE(store->release(item.id, at(70)));

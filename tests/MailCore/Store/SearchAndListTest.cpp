@@ -79,7 +79,7 @@ struct SearchTest : StoreFixture {
 TEST_F(SearchTest, RanksMatchesAndAppliesFilters) {
     FolderID other =
         store->createFolder(account, FolderListing{"Other", "/", FolderRole::custom, {}});
-    add("notes", "Weekly notes", "we discussed the budget at length and nothing else", 200);
+    add("notes", "Weekly notes", "budget: the budget, our budget", 200);
     add("budget", "Budget", "numbers attached", 100);
     add("w100", "walrus", "", 100);
     add("w300", "walrus", "", 300);

@@ -44,7 +44,7 @@ public:
         receiveStarted_.notify_all();
     }
     void send(const Bytes& bytes) override { sent.insert(sent.end(), bytes.begin(), bytes.end()); }
-    void upgradeToTLS(const std::string& serverName) override { upgrades.push_back(serverName); }
+    void upgradeToTLS(const std::string&) override {}
     void cancel() override {
         deliver(MailError::network(NetworkFailureKind::connectionLost, "connection closed"));
     }
@@ -73,7 +73,6 @@ public:
     double connectTimeout = 0;
     std::vector<int> receiveLengths;
     Bytes sent;
-    std::vector<std::string> upgrades;
 
 private:
     std::mutex lock_;
@@ -109,15 +108,10 @@ TEST(BufferedByteStreamTest, OpensWritesAndReadsThroughTheTransport) {
     EXPECT_EQ(bytesToString(h.stream.read(-5)), "f");
     EXPECT_EQ(bytesToString(h.stream.read(100)), "ghij");
     EXPECT_EQ(h.transport->receiveLengths, std::vector<int>{16384});
-    // STARTTLS goes to the transport, but not with a receive outstanding.
-    h.stream.upgradeToTLS("imap.example.com");
-    Harness waiting(0.0);  // the read timeout is at least a millisecond
+    // The read timeout is at least a millisecond. (STARTTLS with a receive
+    // outstanding is refused: the socket transport tests show it.)
+    Harness waiting(0.0);
     EXPECT_EQ(errorOf([&] { waiting.stream.read(1); }), readTimedOut);
-    EXPECT_EQ(
-        errorOf([&] { waiting.stream.upgradeToTLS("imap.example.com"); }),
-        MailError::tls(TLSFailureKind::handshakeFailed, "receive outstanding during STARTTLS"));
-    EXPECT_EQ(h.transport->upgrades, std::vector<std::string>{"imap.example.com"});
-    EXPECT_TRUE(waiting.transport->upgrades.empty());
 }
 
 // Steps of a conversation between a reader and the transport: "read N"
