@@ -80,12 +80,12 @@ TEST(SanitizerRobustness, EveryStepAcceptsInvalidUTF8) {
 }
 
 TEST(SanitizerRobustness, CorpusKeepsItsTextAndLosesTrackersAndSecrets) {
-    Json manifest = parseJson(readCorpusFile(corpusDirectory() / "manifest.json"));
+    Json manifest = parseJson(testfiles::readFile(corpusDirectory() / "manifest.json"));
     ASSERT_TRUE(manifest.is_array());
     ASSERT_GE(manifest.size(), 7u);
     for (const Json& entry : manifest) {
         const std::string file = entry["file"].get<std::string>();
-        const std::string mail = readCorpusFile(corpusDirectory() / file);
+        const std::string mail = testfiles::readFile(corpusDirectory() / file);
         ASSERT_FALSE(mail.empty()) << file;
         const std::int64_t budget = entry.value("maxCharacters", std::int64_t{100000});
         SanitizedText result = clean(mail, budget);
@@ -116,7 +116,7 @@ TEST(SanitizerRobustness, WholeCorpusInOneMailIsCutToBudgetWithoutLeaks) {
     }
     std::sort(files.begin(), files.end());
     std::string all;
-    for (const auto& file : files) all += readCorpusFile(file) + "\n\n";
+    for (const auto& file : files) all += testfiles::readFile(file) + "\n\n";
     auto sanitized = [&](std::int64_t budget) {
         return S::sanitize(all, AIContentSanitizerOptions::standard(budget),
                            AIContentFormat::plainText);

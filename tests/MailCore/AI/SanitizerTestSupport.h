@@ -1,18 +1,18 @@
 // Scaffolding shared by the sanitizer tests: input/output tables run through
-// one step, long repeated inputs, and the realistic mail corpus.
+// one step, long repeated inputs, and the realistic mail corpus (read with
+// testfiles::readFile).
 #pragma once
 
 #include <gtest/gtest.h>
 
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "MailCore/AI/AIContentSanitizer.h"
 #include "MailCore/Common/UTF8.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore::testing {
 
@@ -43,13 +43,6 @@ inline std::string repeated(std::string_view unit, std::size_t size) {
 inline std::filesystem::path corpusDirectory() {
     const char* source = std::getenv("KESTRUNE_SOURCE_DIR");
     return std::filesystem::path(source ? source : ".") / "tests/MailCore/AI/corpus";
-}
-
-inline std::string readCorpusFile(const std::filesystem::path& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream buffer;
-    buffer << in.rdbuf();
-    return buffer.str();
 }
 
 }  // namespace mailcore::testing

@@ -9,6 +9,7 @@
 #include "MailCore/Common/MailError.h"
 #include "MailCore/IMAP/IMAPSequenceSet.h"
 #include "MailCore/IMAP/UIDSet.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore {
 namespace {
@@ -17,12 +18,7 @@ using Numbers = std::vector<std::uint32_t>;
 constexpr IMAPUID maxUID = std::numeric_limits<IMAPUID>::max();
 
 std::optional<MailError> expandError(const std::string& text, std::uint64_t maxCount) {
-    try {
-        IMAPSequenceSet::expand(text, maxCount);
-    } catch (const MailError& error) {
-        return error;
-    }
-    return std::nullopt;
+    return testfiles::caught<MailError>([&] { IMAPSequenceSet::expand(text, maxCount); });
 }
 
 TEST(IMAPSequenceSetTest, ExpandsRangesInWrittenOrder) {

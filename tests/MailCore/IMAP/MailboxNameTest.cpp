@@ -9,6 +9,7 @@
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/IMAP/IMAPQuote.h"
 #include "MailCore/IMAP/ModifiedUTF7.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore {
 namespace {
@@ -112,12 +113,7 @@ TEST(IMAPQuoteTest, MailboxIsEncodedThenQuotedAndControlsAreRefused) {
     for (const std::string& name :
          {std::string(), std::string("tab\tname"), std::string("new\nline"),
           std::string("nul\0", 4), std::string("del\x7f")}) {
-        try {
-            IMAPQuote::mailbox(name);
-            ADD_FAILURE() << "accepted " << name;
-        } catch (const MailError& error) {
-            EXPECT_EQ(error, invalid);
-        }
+        EXPECT_EQ(testfiles::caught<MailError>([&] { IMAPQuote::mailbox(name); }), invalid) << name;
     }
 }
 

@@ -2,9 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "MailCore/MIME/GMimeSupport.h"
 
 namespace mailcore::testing {
@@ -38,19 +35,6 @@ std::string pythonEmailDataDirectory() {
         if (std::filesystem::exists(std::string(candidate) + "/msg_01.txt")) return candidate;
     }
     return {};
-}
-
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream out;
-    out << in.rdbuf();
-    return out.str();
-}
-
-void writeFile(const std::filesystem::path& path, std::string_view content) {
-    std::filesystem::create_directories(path.parent_path());
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(content.data(), static_cast<std::streamsize>(content.size()));
 }
 
 void makeMaildir(const std::filesystem::path& dir) {

@@ -1,6 +1,6 @@
-// Helpers shared by the MIME tests: message text with CRLF line ends, files,
-// maildirs, and the directory of Python's e-mail test messages. Temporary
-// directories come from the shared linktest::TempDir.
+// Helpers shared by the MIME tests: message text with CRLF line ends,
+// maildirs, and the directory of Python's e-mail test messages. Files and
+// temporary directories come from the shared test helpers.
 #pragma once
 
 #include <filesystem>
@@ -8,19 +8,19 @@
 #include <string_view>
 
 #include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore::testing {
 
 using linktest::TempDir;
+using testfiles::readFile;
+using testfiles::writeFile;
 
 // `text` with every "\n" turned into "\r\n".
 std::string crlf(std::string_view text);
 
 // The directory of Python's e-mail test messages, or "" when not installed.
 std::string pythonEmailDataDirectory();
-
-std::string readFile(const std::string& path);
-void writeFile(const std::filesystem::path& path, std::string_view content);
 
 // `dir` with empty cur/, new/ and tmp/ folders.
 void makeMaildir(const std::filesystem::path& dir);

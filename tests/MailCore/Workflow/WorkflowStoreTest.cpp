@@ -2,14 +2,13 @@
 // replacement, unreadable files, and the user's decisions.
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
-#include <fstream>
 #include <nlohmann/json.hpp>
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore {
 namespace {
@@ -29,40 +28,21 @@ StoredWorkflow workflow(const std::string& id, const std::string& author) {
     return w;
 }
 
-mode_t modeOf(const std::filesystem::path& path) {
-    struct stat info {};
-    EXPECT_EQ(::stat(path.c_str(), &info), 0) << path;
-    return info.st_mode & 0777;
-}
-
-std::string contentOf(const std::filesystem::path& path) {
-    std::ifstream in(path);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 class WorkflowStoreTest : public ::testing::Test {
 protected:
     TempDir temp;
     std::filesystem::path dir = temp.path() / "data" / "workflows";
 };
 
-std::vector<std::string> filesIn(const std::filesystem::path& dir) {
-    std::vector<std::string> names;
-    for (const auto& entry : std::filesystem::directory_iterator(dir)) {
-        names.push_back(entry.path().filename().string());
-    }
-    return names;
-}
-
 TEST_F(WorkflowStoreTest, DirectoryIsMadePrivateAndNeverALink) {
     WorkflowStore store(dir);
     EXPECT_TRUE(store.all().empty());
     EXPECT_FALSE(store.loadProblem());
-    EXPECT_EQ(modeOf(dir), 0700u);
+    EXPECT_EQ(testfiles::fileMode(dir), 0700u);
     EXPECT_FALSE(std::filesystem::exists(store.fileURL()));
     ::chmod(dir.c_str(), 0755);  // an existing directory is tightened
     WorkflowStore again(dir);
-    EXPECT_EQ(modeOf(dir), 0700u);
+    EXPECT_EQ(testfiles::fileMode(dir), 0700u);
 
     const auto link = temp.path() / "link";
     std::filesystem::create_directory_symlink(dir, link);
@@ -77,8 +57,9 @@ TEST_F(WorkflowStoreTest, RecordsSurviveReopeningWithEveryField) {
         store.approve("B", dateFromSeconds(2000));
         store.pause("B", dateFromSeconds(3000));
     }
-    EXPECT_EQ(modeOf(dir / "workflows.json"), 0600u);
-    EXPECT_EQ(filesIn(dir), std::vector<std::string>{"workflows.json"});  // no temporary files
+    EXPECT_EQ(testfiles::fileMode(dir / "workflows.json"), 0600u);
+    EXPECT_EQ(testfiles::namesIn(dir),
+              std::vector<std::string>{"workflows.json"});  // no temporary files
     WorkflowStore reopened(dir);
     const auto all = reopened.all();
     ASSERT_EQ(all.size(), 2u);
@@ -137,8 +118,7 @@ TEST_F(WorkflowStoreTest, UnreadableFileIsKeptAsideAndTheStoreStartsEmpty) {
     for (const char* content : broken) {
         TempDir fresh;
         const auto d = fresh.path() / "wf";
-        std::filesystem::create_directories(d);
-        { std::ofstream(d / "workflows.json") << content; }
+        testfiles::writeFile(d / "workflows.json", content);
         WorkflowStore store(d);
         EXPECT_TRUE(store.all().empty()) << content;
         ASSERT_TRUE(store.loadProblem()) << content;
@@ -146,7 +126,7 @@ TEST_F(WorkflowStoreTest, UnreadableFileIsKeptAsideAndTheStoreStartsEmpty) {
         bool keptAside = false;
         for (const auto& entry : std::filesystem::directory_iterator(d)) {
             if (entry.path().filename().string().rfind("workflows.json.unreadable-", 0) == 0) {
-                keptAside = contentOf(entry.path()) == content;
+                keptAside = testfiles::readFile(entry.path()) == content;
             }
         }
         EXPECT_TRUE(keptAside) << content;
@@ -167,7 +147,7 @@ TEST_F(WorkflowStoreTest, FailedWriteKeepsMemoryAsItWasAndLeavesNoTemporaryFile)
     EXPECT_THROW(store.removeByUser("A"), MailError);
     EXPECT_EQ(store.all().size(), 1u);
     EXPECT_FALSE(store.find("A")->approved);
-    EXPECT_EQ(filesIn(dir), std::vector<std::string>{"workflows.json"});
+    EXPECT_EQ(testfiles::namesIn(dir), std::vector<std::string>{"workflows.json"});
 }
 
 }  // namespace
