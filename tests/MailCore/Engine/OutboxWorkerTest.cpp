@@ -91,21 +91,6 @@ TEST_F(OutboxWorkerTest, FailuresFollowTheScheduleUntilTheAttemptLimit) {
     EXPECT_EQ(summary(id), "gone");
 }
 
-TEST_F(OutboxWorkerTest, PermanentFailureFailsAtOnceAndUnblocksTheMessage) {
-    auto worker = makeWorker();
-    auto gone = MailError::protocolViolation(ProtocolIssueKind::commandRejected,
-                                             "message no longer on the server");
-    executor.script({OutboxResult::failed(gone)});
-    auto first = flags(m1);
-    auto move = store->enqueue(account, OutboxOperation::move(ref(m1), archive), at(fake.now()));
-    EXPECT_EQ(worker->runDue(), 2u);
-    EXPECT_EQ(summary(first.id, fake.now()),
-              "failed 1 0 protocolViolation(commandRejected): message no longer on the server");
-    EXPECT_EQ(summary(move.id), "gone");
-    ASSERT_EQ(executor.calls().size(), 2u);
-    EXPECT_EQ(executor.calls()[1].operation.kind(), Kind::move);
-}
-
 TEST_F(OutboxWorkerTest, ExecutorExceptionsBecomeFailures) {
     auto worker = makeWorker();
     executor.onExecute = [](const OutboxItem& item) {

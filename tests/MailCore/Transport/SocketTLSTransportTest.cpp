@@ -3,7 +3,6 @@
 // refused, silent, reset and closing servers.
 #include <gtest/gtest.h>
 #include <openssl/ssl.h>
-#include <openssl/x509_vfy.h>
 #include <pthread.h>
 
 #include <algorithm>
@@ -63,30 +62,17 @@ std::vector<std::string> reversing(const std::string& name, std::vector<std::str
     return arguments;
 }
 
-TEST(SocketTLSTransportTest, MapsErrnoValuesAndVerifyResultsByName) {
-    const std::pair<MailError, std::vector<int>> errnos[] = {
-        {MailError::network(NK::timeout, "connection timed out"), {ETIMEDOUT}},
-        {MailError::network(NK::connectionRefused, "connection refused"), {ECONNREFUSED}},
-        {MailError::network(NK::connectionLost, "connection lost"),
-         {EPIPE, ECONNABORTED, ECONNRESET, ENOTCONN}},
-        {MailError::network(NK::unreachable, "network unreachable"),
-         {ENETDOWN, ENETUNREACH, EHOSTDOWN, EHOSTUNREACH}},
-        {MailError::network(NK::other, "socket error " + std::to_string(EPERM)), {EPERM}},
+// (The trust failures are mapped by the real-TLS cases below.)
+TEST(SocketTLSTransportTest, MapsErrnoValuesByName) {
+    const std::pair<int, MailError> cases[] = {
+        {ETIMEDOUT, MailError::network(NK::timeout, "connection timed out")},
+        {ECONNRESET, MailError::network(NK::connectionLost, "connection lost")},
+        {EPIPE, MailError::network(NK::connectionLost, "connection lost")},
+        {ENETUNREACH, MailError::network(NK::unreachable, "network unreachable")},
+        {EHOSTUNREACH, MailError::network(NK::unreachable, "network unreachable")},
+        {EPERM, MailError::network(NK::other, "socket error " + std::to_string(EPERM))},
     };
-    for (const auto& [expected, values] : errnos) {
-        for (int value : values) EXPECT_EQ(mapErrno(value), expected) << value;
-    }
-    const std::pair<MailError, std::vector<long>> results[] = {
-        {untrusted,
-         {X509_V_ERR_UNABLE_TO_GET_ISSUER_CERT_LOCALLY, X509_V_ERR_SELF_SIGNED_CERT_IN_CHAIN,
-          X509_V_ERR_DEPTH_ZERO_SELF_SIGNED_CERT}},
-        {expired, {X509_V_ERR_CERT_HAS_EXPIRED, X509_V_ERR_CERT_NOT_YET_VALID}},
-        {mismatch, {X509_V_ERR_HOSTNAME_MISMATCH, X509_V_ERR_IP_ADDRESS_MISMATCH}},
-        {invalid, {X509_V_ERR_CERT_SIGNATURE_FAILURE, X509_V_ERR_INVALID_PURPOSE}},
-    };
-    for (const auto& [expected, values] : results) {
-        for (long value : values) EXPECT_EQ(mapVerifyResult(value), expected) << value;
-    }
+    for (const auto& [value, expected] : cases) EXPECT_EQ(mapErrno(value), expected) << value;
 }
 
 TEST(SocketTLSTransportTest, ReadsCertificatesFromPEM) {
