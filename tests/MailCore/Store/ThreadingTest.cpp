@@ -131,13 +131,13 @@ TEST_F(ThreadingStoreTest, GroupsArrivingMessagesIntoThreads) {
         store->setSubjectFallbackForRepliesOnly(c.repliesOnly);
         FolderID archive =
             store->createFolder(account, FolderListing{"Archive", "/", FolderRole::archive, {}});
-        std::vector<ThreadID> threads;
+        std::vector<MessageID> ids;
         for (const auto& m : c.messages) {
-            threads.push_back(threadOf(put(m.mid, m.irt, m.refs, m.subject, m.from, m.to,
-                                           m.inArchive ? archive : FolderID())));
+            ids.push_back(put(m.mid, m.irt, m.refs, m.subject, m.from, m.to,
+                              m.inArchive ? archive : FolderID()));
         }
         std::map<ThreadID, std::string> groups;
-        for (std::size_t i = 0; i < threads.size(); ++i) groups[threads[i]] += char('a' + i);
+        for (std::size_t i = 0; i < ids.size(); ++i) groups[threadOf(ids[i])] += char('a' + i);
         std::vector<std::string> seen, expected;
         for (const auto& [thread, members] : groups) seen.push_back(members);
         std::istringstream in(c.threads);
