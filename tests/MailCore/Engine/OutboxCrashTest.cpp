@@ -16,7 +16,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 #include <map>
 #include <random>
 #include <set>
@@ -40,10 +39,7 @@ void appendLine(const std::string& path, const std::string& line) {
 }
 
 std::vector<std::string> readLines(const std::string& path) {
-    std::vector<std::string> lines;
-    std::ifstream in(path);
-    for (std::string line; std::getline(in, line);) lines.push_back(line);
-    return lines;
+    return testfiles::splitLines(testfiles::readFile(path));
 }
 
 // What the fake server's log says: deliveries per item, item ids per target

@@ -3,8 +3,6 @@
 #include <gtest/gtest.h>
 #include <sqlite3.h>
 
-#include <fstream>
-
 #include "MailCore/Store/SQLiteDatabase.h"
 #include "MailCore/Store/StorageCodec.h"
 #include "StoreTestSupport.h"
@@ -61,7 +59,7 @@ TEST(SQLiteDatabaseTest, FailuresCarryTheLibraryMessageAndLeaveTheConnectionUsab
     EXPECT_EQ(testing::errorDetail([&] { db.run("SELECT 1"); }), "closed");
 
     testing::TempDir dir;
-    std::ofstream(dir.file("junk.db")) << std::string(4096, 'x');
+    testfiles::writeFile(dir.file("junk.db"), std::string(4096, 'x'));
     SQLiteDatabase junk(dir.file("junk.db"));
     try {
         junk.scalarInt("PRAGMA user_version");

@@ -5,9 +5,6 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <fstream>
-#include <iterator>
-
 #include "MailCore/Store/StorageMigrator.h"
 #include "StoreTestSupport.h"
 
@@ -17,11 +14,6 @@ namespace {
 using testing::at;
 using testing::errorDetail;
 using testing::TempDir;
-
-std::string fileBytes(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 std::int64_t count(SQLiteDatabase& db, const std::string& from) {
     return db.scalarInt("SELECT COUNT(*) FROM " + from).value_or(-1);
@@ -107,7 +99,7 @@ TEST(StoreOpeningTest, NewerSchemaIsRefusedAndLeftUntouched) {
     TempDir dir;
     std::string path = dir.file("mail.db");
     SQLiteDatabase(path).execute("CREATE TABLE future (x); PRAGMA user_version = 3;");
-    std::string before = fileBytes(path);
+    std::string before = testfiles::readFile(path);
     try {
         SQLiteMailStore store(StoreLocation::file(path));
         FAIL() << "opened";
@@ -115,7 +107,7 @@ TEST(StoreOpeningTest, NewerSchemaIsRefusedAndLeftUntouched) {
         EXPECT_EQ(e, MailError::storage(StorageFailureKind::schemaNewerThanSupported,
                                         "database schema 3 is newer than supported 2"));
     }
-    EXPECT_EQ(fileBytes(path), before);
+    EXPECT_EQ(testfiles::readFile(path), before);
 }
 
 TEST(StoreOpeningTest, FailedMigrationLeavesTheLastCommittedVersion) {
@@ -160,7 +152,7 @@ int runUnprivileged(const std::function<int()>& check) {
 
 TEST(StoreOpeningTest, UnwritableFoldersGiveAReadOnlyStoreOrAClearError) {
     TempDir dir;
-    std::ofstream(dir.file("plain-file")) << "x";
+    testfiles::writeFile(dir.file("plain-file"), "x");
     EXPECT_EQ(errorDetail([&] {
                   SQLiteMailStore store(StoreLocation::file(dir.file("plain-file/sub/mail.db")));
               }),

@@ -12,6 +12,7 @@
 #include <string>
 
 #include "MailCore/Store/SQLiteMailStore.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore::testing {
 
@@ -44,12 +45,8 @@ inline Date at(double seconds) { return dateFromSeconds(seconds); }
 
 // The detail of the MailError that `body` throws, or "no error".
 inline std::string errorDetail(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const MailError& e) {
-        return e.detail();
-    }
-    return "no error";
+    auto error = testfiles::caught<MailError>(body);
+    return error ? error->detail() : "no error";
 }
 
 // A message in `folder` with the given UID, Message-ID, references and

@@ -50,7 +50,8 @@ TEST(LoopbackByteStreamTest, PlaysTheServerSide) {
 
     // A read waits its timeout; after a close, what was sent, then the end.
     LoopbackByteStream closing(0.02);
-    EXPECT_EQ(errorOf([&] { closing.read(1); }).detail(), "read timed out");
+    EXPECT_EQ(errorOf([&] { closing.read(1); }),
+              MailError::network(NetworkFailureKind::timeout, "read timed out"));
     closing.serverSend("* BYE\r\n");
     closing.serverClose();
     EXPECT_EQ(bytesToString(closing.read(100)), "* BYE\r\n");

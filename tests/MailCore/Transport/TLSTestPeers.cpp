@@ -15,10 +15,8 @@
 #include <chrono>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <memory>
 #include <mutex>
-#include <sstream>
 #include <stdexcept>
 
 extern char** environ;
@@ -36,17 +34,8 @@ sockaddr_in loopback(std::uint16_t port) {
     return address;
 }
 
-std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-}
-
-void writeFile(const std::string& path, const std::string& text) {
-    std::ofstream out(path, std::ios::binary);
-    out << text;
-}
+using testfiles::readFile;
+using testfiles::writeFile;
 
 // Runs an openssl command line in `dir`; throws with its output on failure.
 void openssl(const std::string& dir, const std::string& arguments) {
@@ -141,16 +130,6 @@ TestPKI makePKI() {
 }
 
 }  // namespace
-
-MailError errorOf(const std::function<void()>& body) {
-    try {
-        body();
-    } catch (const MailError& e) {
-        return e;
-    }
-    ADD_FAILURE() << "no MailError thrown";
-    return MailError::offline();
-}
 
 std::uint16_t freePort() {
     const int fd = ::socket(AF_INET, SOCK_STREAM, 0);

@@ -13,11 +13,12 @@
 #include <vector>
 
 #include "MailCore/Common/MailError.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mailcore::testing {
 
-// The MailError that `body` throws; a test failure when it throws none.
-MailError errorOf(const std::function<void()>& body);
+// The MailError that a call throws; none when it returns.
+inline const auto errorOf = &testfiles::caught<MailError>;
 
 // A port that was free a moment ago on 127.0.0.1.
 std::uint16_t freePort();
