@@ -19,9 +19,6 @@ using mcpkit::MCPToolError;
 
 namespace {
 
-// Search results gathered per account before filtering and paging.
-constexpr int searchWindow = 1000;
-
 std::string lower(std::string text) {
     for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
     return text;
@@ -41,14 +38,6 @@ std::vector<MailAddress> parsedAddresses(const std::vector<std::string>& list) {
     std::vector<MailAddress> out;
     for (const auto& a : list) out.push_back({"", a});
     return out;
-}
-
-bool fromMatches(const std::optional<MailAddress>& from, const std::string& wanted) {
-    if (wanted.empty()) return true;
-    if (!from) return false;
-    const std::string w = lower(wanted);
-    return lower(from->email).find(w) != std::string::npos ||
-           lower(from->name).find(w) != std::string::npos;
 }
 
 std::string likePattern(const std::string& text) {
@@ -151,25 +140,43 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
     if (scopes.empty()) return page;
 
     const std::string from = query.from.value_or("");
-    if (SearchExpression::build(query.text)) {
-        std::vector<SearchHit> hits;
-        for (const auto& [account, folder] : scopes) {
-            for (auto& hit : store_->search(SearchQuery{query.text, account, folder, false,
-                                                        searchWindow})) {
-                if (hit.row.localState == LocalState::pendingDelete) continue;
-                if (query.unreadOnly && !hit.row.flags.isUnread()) continue;
-                if (!fromMatches(hit.row.from, from)) continue;
-                hits.push_back(std::move(hit));
-            }
+    if (const auto expression = SearchExpression::build(query.text)) {
+        // One ranked query over every scope, weighted as the store's own
+        // search, with the filters in SQL so that the total counts every
+        // match. Only the page's ids are read; rows follow by id.
+        std::string where =
+            "message_search MATCH ? AND m.local_state != 'pendingDelete' AND (m.flags_system & 8) = 0 AND (";
+        std::vector<SQLValue> values{*expression};
+        for (std::size_t i = 0; i < scopes.size(); ++i) {
+            where += i ? " OR " : "";
+            where += scopes[i].second ? "(m.account_id = ? AND m.folder_id = ?)" : "m.account_id = ?";
+            values.emplace_back(scopes[i].first);
+            if (scopes[i].second) values.emplace_back(*scopes[i].second);
         }
-        std::stable_sort(hits.begin(), hits.end(), [](const SearchHit& a, const SearchHit& b) {
-            if (a.rank != b.rank) return a.rank < b.rank;
-            return a.row.date > b.row.date;
+        where += ")";
+        if (query.unreadOnly) where += " AND (m.flags_system & 17) = 0";
+        if (!from.empty()) {
+            where += " AND lower(m.from_json) LIKE ? ESCAPE '\\'";
+            values.emplace_back(likePattern(from));
+        }
+        // CROSS JOIN keeps the full-text index as the outer loop: driven
+        // from messages, SQLite would run the match once per message.
+        const std::string matches =
+            " FROM message_search CROSS JOIN messages m ON m.id = message_search.rowid WHERE " + where;
+        std::vector<SQLValue> pageValues = values;
+        pageValues.emplace_back(limit);
+        pageValues.emplace_back(offset);
+        std::vector<MessageID> ids;
+        store_->read([&](SQLiteDatabase& db) {
+            ids = db.query<MessageID>(
+                "SELECT m.id" + matches +
+                    " ORDER BY bm25(message_search, 10.0, 6.0, 3.0, 4.0, 1.0), m.date DESC, m.id DESC"
+                    " LIMIT ? OFFSET ?",
+                pageValues, [](const SQLRow& row) { return row.id<MessageID>(0); });
+            page.total = db.scalarInt("SELECT COUNT(*)" + matches, values).value_or(0);
         });
-        page.total = static_cast<std::int64_t>(hits.size());
-        for (std::int64_t i = offset; i < page.total && i < offset + limit; ++i) {
-            page.results.push_back(summary(hits[static_cast<std::size_t>(i)].row, std::nullopt));
-        }
+        for (const auto& id : ids)
+            if (auto row = store_->message(id)) page.results.push_back(summary(*row, std::nullopt));
         return page;
     }
 

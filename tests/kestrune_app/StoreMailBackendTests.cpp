@@ -106,6 +106,10 @@ TEST_F(BackendTest, SearchesAndListsAsAsked) {
         {"punctuation only lists", {alex, "(*)", "archive"}, {"Old budget"}, 1},
         {"only the accounts named", {{"work@example.org"}, "budget"}, {"Budget at work"}, 1},
         {"both accounts", {{"alex@example.com", "work@example.org"}, "", {}, "boss"}, {"Budget at work"}, 1},
+        {"text ranked across accounts", {{"alex@example.com", "work@example.org"}, "budget", {}, {}, false, 2},
+         {"Re: Budget review", "Budget at work"}, 4},
+        {"text in one account's folder among two", {{"alex@example.com", "work@example.org"}, "budget", "archive"},
+         {"Old budget"}, 1},
         {"unknown account gives nothing", {{"nobody@example.com"}, "budget"}, {}, 0},
     };
     for (const auto& c : cases) {
