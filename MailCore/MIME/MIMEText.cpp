@@ -112,16 +112,6 @@ bool convertWithIconv(std::string_view bytes, std::string_view charset, std::str
 
 // --- HTML ---
 
-bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view prefix) {
-    if (at + prefix.size() > text.size()) return false;
-    for (std::size_t k = 0; k < prefix.size(); ++k) {
-        char c = text[at + k];
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c != prefix[k]) return false;
-    }
-    return true;
-}
-
 std::size_t findNoCase(std::string_view text, std::size_t from, std::string_view needle) {
     for (std::size_t i = from; i + needle.size() <= text.size(); ++i) {
         if (startsWithNoCase(text, i, needle)) return i;
@@ -420,6 +410,29 @@ std::string makeSnippet(std::string_view text, std::size_t maxCharacters) {
     if (cut && lastSpaceBytes > out.size() * 3 / 4) out.resize(lastSpaceBytes);
     while (!out.empty() && out.back() == ' ') out.pop_back();
     return out;
+}
+
+std::string normaliseLineEnds(std::string_view text) {
+    std::string out;
+    out.reserve(text.size());
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        if (text[i] != '\r') {
+            out += text[i];
+        } else if (i + 1 >= text.size() || text[i + 1] != '\n') {
+            out += '\n';
+        }
+    }
+    return out;
+}
+
+bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view prefix) {
+    if (at + prefix.size() > text.size()) return false;
+    for (std::size_t k = 0; k < prefix.size(); ++k) {
+        char c = text[at + k];
+        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
+        if (c != prefix[k]) return false;
+    }
+    return true;
 }
 
 }  // namespace mailcore

@@ -39,4 +39,11 @@ std::string htmlToText(std::string_view html, std::size_t maxBytes);
 // no visible text.
 std::string makeSnippet(std::string_view text, std::size_t maxCharacters = 200);
 
+// `text` with CRLF and lone CR line ends turned into LF.
+std::string normaliseLineEnds(std::string_view text);
+
+// Whether `text` has `lowerPrefix` (lower-case ASCII) at `at`, ignoring the
+// case of ASCII letters.
+bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view lowerPrefix);
+
 }  // namespace mailcore

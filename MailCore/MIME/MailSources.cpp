@@ -1,4 +1,5 @@
 #include "MailCore/MIME/MailSources.h"
+#include "MailCore/MIME/MIMEText.h"
 
 #include "MailCore/Common/MailError.h"
 
@@ -68,11 +69,6 @@ std::size_t infoSeparator(std::string_view name) {
     return pos;
 }
 
-bool startsWithNoCase(std::string_view text, std::string_view prefix) {
-    if (text.size() < prefix.size()) return false;
-    return lowerASCII(text.substr(0, prefix.size())) == prefix;
-}
-
 // "From sender Sat Jan  3 01:05:34 1996" (a time zone or "remote from ..."
 // may follow); read as UTC.
 std::optional<Date> fromLineDate(std::string_view line) {
@@ -100,9 +96,9 @@ MessageFlags flagsFromStatusHeaders(std::string_view message) {
         if (line.empty()) break;  // end of the header block
         std::string_view value;
         bool extended = false;
-        if (startsWithNoCase(line, "status:")) {
+        if (startsWithNoCase(line, 0, "status:")) {
             value = line.substr(7);
-        } else if (startsWithNoCase(line, "x-status:")) {
+        } else if (startsWithNoCase(line, 0, "x-status:")) {
             value = line.substr(9);
             extended = true;
         }

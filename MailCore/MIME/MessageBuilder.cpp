@@ -1,4 +1,5 @@
 #include "MailCore/MIME/MessageBuilder.h"
+#include "MailCore/MIME/MIMEText.h"
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Common/Random.h"
@@ -56,24 +57,10 @@ void addMailboxes(GMimeMessage* message, GMimeAddressType type,
     }
 }
 
-std::string normaliseToLF(const std::string& text) {
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\r') {
-            if (i + 1 < text.size() && text[i + 1] == '\n') continue;
-            out += '\n';
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
-}
-
 // A text part whose transfer encoding keeps every line 7-bit and short.
 GObjectPtr<GMimeObject> textPart(const char* subtype, const std::string& content) {
     GObjectPtr<GMimeTextPart> part = adoptGObject(g_mime_text_part_new_with_subtype(subtype));
-    std::string text = normaliseToLF(content);
+    std::string text = normaliseLineEnds(content);
     if (!text.empty() && text.back() != '\n') text += '\n';
     g_mime_text_part_set_text(part.get(), text.c_str());
     GMimePart* asPart = GMIME_PART(part.get());

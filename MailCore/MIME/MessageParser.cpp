@@ -51,18 +51,7 @@ std::string headerText(const char* value, std::size_t maxBytes) {
 std::string headerTextRaw(const char* value) { return value == nullptr ? std::string() : value; }
 
 std::string normaliseNewlines(std::string text) {
-    if (text.find('\r') == std::string::npos) return text;
-    std::string out;
-    out.reserve(text.size());
-    for (std::size_t i = 0; i < text.size(); ++i) {
-        if (text[i] == '\r') {
-            if (i + 1 < text.size() && text[i + 1] == '\n') continue;
-            out += '\n';
-        } else {
-            out += text[i];
-        }
-    }
-    return out;
+    return text.find('\r') == std::string::npos ? text : normaliseLineEnds(text);
 }
 
 std::string escapeHTML(std::string_view text) {
@@ -78,16 +67,6 @@ std::string escapeHTML(std::string_view text) {
         }
     }
     return out;
-}
-
-bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view prefix) {
-    if (at + prefix.size() > text.size()) return false;
-    for (std::size_t k = 0; k < prefix.size(); ++k) {
-        char c = text[at + k];
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c != prefix[k]) return false;
-    }
-    return true;
 }
 
 // Where the raw text must be cut so that GMime never builds more than about
