@@ -68,7 +68,9 @@ TEST(OutboxRetryPolicyTest, FailuresAreClassified) {
         EXPECT_EQ(d.kind, c.kind);
         EXPECT_EQ(d.error, c.error);
         EXPECT_TRUE(d.counts);
-        if (c.kind == K::retry) EXPECT_EQ(d.notBefore, at(1015));
+        if (c.kind == K::retry) {
+            EXPECT_EQ(d.notBefore, at(1015));
+        }
     }
 }
 

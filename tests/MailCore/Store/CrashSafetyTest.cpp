@@ -67,7 +67,9 @@ TEST_F(CrashSafetyTest, KilledBatchIsAllOrNothing) {
         int status = 0;
         ::waitpid(pid, &status, 0);
         bool killed = WIFSIGNALED(status);
-        if (!killed) ASSERT_EQ(WEXITSTATUS(status), 0);
+        if (!killed) {
+            ASSERT_EQ(WEXITSTATUS(status), 0);
+        }
 
         reopen();
         store->read([](SQLiteDatabase& db) {

@@ -64,10 +64,11 @@ struct SearchTest : StoreFixture {
         return id;
     }
     // The labels of the hits, best first, separated by spaces.
-    std::string hits(const std::string& text, std::optional<AccountID> account = {},
-                     std::optional<FolderID> folder = {}, bool attachments = false) {
+    std::string hits(const std::string& text, std::optional<AccountID> inAccount = {},
+                     std::optional<FolderID> inFolder = {}, bool attachments = false) {
         std::string out;
-        for (const auto& hit : store->search(SearchQuery{text, account, folder, attachments, 50})) {
+        for (const auto& hit :
+             store->search(SearchQuery{text, inAccount, inFolder, attachments, 50})) {
             for (const auto& [label, id] : ids) {
                 if (id == hit.row.id) out += (out.empty() ? "" : " ") + label;
             }
