@@ -107,7 +107,7 @@ void AppHost::start() {
     store_ = std::make_shared<mailcore::SQLiteMailStore>(
         mailcore::StoreLocation::file(paths_.store.string()));
     if (hostAccounts(*store_).empty()) {
-        if (options_.demo) {
+        if (options_.demo || (options_.offerDemo && options_.offerDemo())) {
             fillDemo();
         } else {
             out_("No mail account yet. Run `kestrune serve --demo` for the demonstration mailbox, "

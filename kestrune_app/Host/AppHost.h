@@ -43,6 +43,9 @@ struct ServeOptions {
     std::filesystem::path demoMessages;  // the bundled .eml files
     std::chrono::milliseconds undoWindow{5000};
     bool answerHere = false;  // questions may be answered by typing in this terminal
+    // Asked when the store has no account and `demo` is off: true creates
+    // the demonstration mailbox.
+    std::function<bool()> offerDemo;
 };
 
 // A user's request to the running host, and its answer.

@@ -100,6 +100,40 @@ std::int64_t integer(const std::string& text, const char* what) {
 
 std::string onOff(bool on) { return on ? "on" : "off"; }
 
+// The lines typed in the terminal running `serve`.
+class TerminalLines {
+public:
+    explicit TerminalLines(int fd) : fd_(fd) {}
+
+    // False once the terminal is gone and every typed line was taken.
+    bool isOpen() const { return fd_ >= 0 || typed_.find('\n') != std::string::npos; }
+
+    // The next complete line, waiting at most 100 ms for more input.
+    std::optional<std::string> next() {
+        if (typed_.find('\n') == std::string::npos && fd_ >= 0) {
+            pollfd ready{fd_, POLLIN, 0};
+            if (::poll(&ready, 1, 100) > 0) {
+                char buffer[512];
+                const ssize_t n = ::read(fd_, buffer, sizeof buffer);
+                if (n <= 0) fd_ = -1;  // answers still come from `kestrune confirm`
+                else typed_.append(buffer, static_cast<std::size_t>(n));
+            }
+        }
+        const auto end = typed_.find('\n');
+        if (end == std::string::npos) {
+            if (typed_.size() > 4096) typed_.clear();
+            return std::nullopt;
+        }
+        std::string line = typed_.substr(0, end);
+        typed_.erase(0, end + 1);
+        return line;
+    }
+
+private:
+    int fd_;
+    std::string typed_;
+};
+
 int serve(Context& c) {
     ServeOptions options;
     options.dataDir = c.dataDir;
@@ -112,6 +146,16 @@ int serve(Context& c) {
     }
     options.demoMessages = c.env.demoMessages;
     options.answerHere = c.env.input >= 0;
+    TerminalLines terminal(c.env.input);
+    if (terminal.isOpen()) {
+        options.offerDemo = [&] {
+            c.out("No mail account yet. Create the demonstration mailbox? [y/N]");
+            while (terminal.isOpen() && (!c.env.stop || !c.env.stop->load())) {
+                if (const auto answer = terminal.next()) return *answer == "y" || *answer == "yes";
+            }
+            return false;
+        };
+    }
     if (auto dir = takeOption(c.args, "--demo-messages")) options.demoMessages = *dir;
     c.noMoreThan(0);
     AppHost host(options, c.env.out);
@@ -126,29 +170,14 @@ int serve(Context& c) {
           (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
     c.out("Ready.");
     PendingQuestions questions(c.paths.pending);
-    int input = c.env.input;
-    std::string typed;
     while (!c.env.stop || !c.env.stop->load()) {
         host.pollControl();
-        if (input < 0) {
+        if (!terminal.isOpen()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-            continue;
-        }
-        pollfd ready{input, POLLIN, 0};
-        if (::poll(&ready, 1, 100) <= 0) continue;
-        char buffer[512];
-        const ssize_t n = ::read(input, buffer, sizeof buffer);
-        if (n <= 0) {
-            input = -1;  // the terminal is gone; answers still come from `kestrune confirm`
-            continue;
-        }
-        typed.append(buffer, static_cast<std::size_t>(n));
-        for (auto end = typed.find('\n'); end != std::string::npos; end = typed.find('\n')) {
-            const std::string reply = questions.answerTyped(typed.substr(0, end));
-            typed.erase(0, end + 1);
+        } else if (const auto line = terminal.next()) {
+            const std::string reply = questions.answerTyped(*line);
             if (!reply.empty()) c.out(reply);
         }
-        if (typed.size() > 4096) typed.clear();
     }
     c.out("Stopping.");
     host.stop();

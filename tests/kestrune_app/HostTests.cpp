@@ -99,8 +99,9 @@ TEST(PendingQuestionsTest, RefusesBadAnswers) {
 }
 
 TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
-    // `serve` reading its terminal: a typed "y" answers the only open
-    // question; other lines get a clear reply and answer nothing.
+    // `serve` reading its terminal: the demonstration mailbox is offered, a
+    // typed "y" answers the only open question, other lines get a clear
+    // reply and answer nothing.
     testing::TempDir dir;
     int pipeFDs[2];
     ASSERT_EQ(::pipe(pipeFDs), 0);
@@ -109,6 +110,7 @@ TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
     std::vector<std::string> out;
     HostCommands::Environment env;
     env.home = dir.path / "home";
+    env.demoMessages = fs::path(std::getenv("KESTRUNE_SOURCE_DIR")) / "kestrune_app" / "demo";
     env.input = pipeFDs[0];
     env.stop = &stop;
     env.out = [&](const std::string& t) {
@@ -132,7 +134,16 @@ TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
         }
         return false;
     };
+    // Offered the demonstration mailbox first (no account yet): yes.
+    ASSERT_TRUE(said("No mail account yet. Create the demonstration mailbox? [y/N]"));
+    type("yes\n");
     ASSERT_TRUE(said("Ready."));
+    {
+        std::lock_guard guard(lock);
+        EXPECT_TRUE(std::any_of(out.begin(), out.end(), [](const std::string& line) {
+            return line.starts_with("Demonstration mailbox alex@example.com created");
+        }));
+    }
     type("y\n");
     EXPECT_TRUE(said("No confirmation is waiting."));
     type("maybe later\n");
