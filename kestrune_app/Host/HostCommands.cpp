@@ -21,6 +21,7 @@
 #include "kestrune_app/Host/AppHost.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
+#include "kestrune_app/Host/StoreMailBackend.h"
 
 namespace kestrune::HostCommands {
 
@@ -460,6 +461,66 @@ int import(Context& c) {
     return ok;
 }
 
+std::string describe(const mailcore::OutboxOperation& op) {
+    using Kind = mailcore::OutboxOperation::Kind;
+    switch (op.kind()) {
+        case Kind::send: {
+            std::string to;
+            for (const auto& a : op.sendPayload().message.to) to += (to.empty() ? "" : ", ") + a.email;
+            return "send \"" + op.sendPayload().message.subject + "\" to " + to;
+        }
+        case Kind::saveDraft:
+            return "save draft \"" + op.draftSave().message.subject + "\"";
+        case Kind::setFlags:
+            return "flags of " + StoreMailBackend::handle(op.message().messageID);
+        case Kind::move:
+            return "move " + StoreMailBackend::handle(op.message().messageID);
+        case Kind::deleteMessage:
+            return "delete " + StoreMailBackend::handle(op.message().messageID);
+    }
+    return "";
+}
+
+// The store's queue of work for the accounts' servers: list it, retry a
+// failed item, or cancel one that has not started.
+int outbox(Context& c) {
+    const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb != "list" && verb != "retry" && verb != "cancel")
+        throw UsageError("outbox takes list, retry ID or cancel ID");
+    const std::string id = verb == "list" ? "" : c.arg(1, "the item id");
+    c.noMoreThan(verb == "list" ? 1 : 2);
+    if (!fs::exists(c.paths.store)) throw Failure("no mail store in " + c.paths.root.string());
+    try {
+        mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
+        const auto now = mailcore::systemClock()();
+        if (verb == "retry") {
+            if (!store.retryFailed(mailcore::OutboxItemID(id), now))
+                throw Failure("outbox item " + id + " has not failed");
+            c.out("Outbox item " + id + " queued again.");
+        } else if (verb == "cancel") {
+            store.cancel(mailcore::OutboxItemID(id));
+            c.out("Outbox item " + id + " cancelled.");
+        } else {
+            const auto rows = store.outboxItems(std::nullopt);
+            if (rows.empty()) c.out("The outbox is empty.");
+            for (const auto& row : rows) {
+                const auto& item = row.item;
+                std::string line = item.id.value + "  " + item.accountID.value + "  " +
+                                   std::string(mailcore::rawValue(item.state)) + "  " +
+                                   describe(item.operation) +
+                                   "  attempts " + std::to_string(item.attemptCount);
+                if (item.state == mailcore::OutboxItemState::queued && item.notBefore > now)
+                    line += "  next " + StoreMailBackend::isoDate(item.notBefore);
+                if (item.lastError) line += "  (" + item.lastError->detail() + ")";
+                c.out(line);
+            }
+        }
+    } catch (const mailcore::MailError& e) {
+        throw Failure("outbox item " + id + ": " + e.detail());
+    }
+    return ok;
+}
+
 }  // namespace
 
 const std::string& usage() {
@@ -487,6 +548,7 @@ const std::string& usage() {
         "  workflows [list]                    workflows agents proposed\n"
         "  workflows approve|pause|resume|delete ID\n"
         "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
+        "  outbox [list] | retry ID | cancel ID   work queued for the accounts' servers\n"
         "\n"
         "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in DIR/mcp,\n"
         "as `kestrune-mcp --data-dir DIR` expects). Exit status: 0 success, 1 failure, 64 usage error.";
@@ -517,7 +579,7 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
             {"serve", serve},       {"confirm", confirm},     {"access", access},
             {"permissions", permissions}, {"accounts", accounts}, {"limits", limits},
             {"harnesses", harnesses}, {"audit", audit},       {"workflows", workflows},
-            {"import", import}};
+            {"import", import},     {"outbox", outbox}};
         auto it = commands.find(command);
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)

@@ -287,6 +287,41 @@ TEST_F(CommandTest, ImportCreatesTheAccount) {
     EXPECT_NE(output().find("me@example.com"), std::string::npos);
 }
 
+TEST_F(CommandTest, OutboxListsRetriesAndCancels) {
+    EXPECT_EQ(run({"outbox"}), 1);  // no store yet
+    mailcore::OutboxItemID failed, queued;
+    {
+        mailcore::SQLiteMailStore store(mailcore::StoreLocation::file((dir.path / "mail.sqlite").string()));
+        const auto now = mailcore::systemClock()();
+        ensureAccount(store, {"me@example.com", "", false}, now);
+        mailcore::OutboxSend send;
+        send.message.to = {{"", "sam@example.com"}};
+        send.message.subject = "Venue";
+        failed = store.enqueue(mailcore::AccountID("me@example.com"), mailcore::OutboxOperation::send(send), now).id;
+        ASSERT_TRUE(store.claimNextDue(now, std::nullopt));
+        store.failPermanently(failed, mailcore::MailError::unsupportedCapability("no account configured"), true);
+        send.message.subject = "Later";
+        queued = store.enqueue(mailcore::AccountID("me@example.com"), mailcore::OutboxOperation::send(send), now).id;
+    }
+    ASSERT_EQ(run({"outbox", "list"}), 0);
+    ASSERT_EQ(out.size(), 2u);
+    EXPECT_NE(out[0].find(failed.value + "  me@example.com  failed  send \"Venue\" to sam@example.com  attempts 1  (no account configured)"),
+              std::string::npos) << out[0];
+    EXPECT_NE(out[1].find("queued  send \"Later\""), std::string::npos) << out[1];
+
+    EXPECT_EQ(run({"outbox", "retry", queued.value}), 1);  // not failed
+    EXPECT_EQ(run({"outbox", "retry", failed.value}), 0);
+    EXPECT_EQ(run({"outbox", "cancel", failed.value}), 0);
+    EXPECT_EQ(run({"outbox", "cancel", failed.value}), 1);
+    ASSERT_FALSE(err.empty());
+    EXPECT_NE(err.back().find("outbox item not found"), std::string::npos) << err.back();
+    EXPECT_EQ(run({"outbox", "cancel", queued.value}), 0);
+    ASSERT_EQ(run({"outbox"}), 0);
+    EXPECT_EQ(output(), "The outbox is empty.\n");
+    EXPECT_EQ(run({"outbox", "flush"}), 64);
+    EXPECT_EQ(run({"outbox", "retry"}), 64);
+}
+
 TEST(AppHostTest, ServesOnceAndStopsCleanly) {
     testing::TempDir dir;
     ServeOptions options;
