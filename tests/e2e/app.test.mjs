@@ -10,52 +10,24 @@
 import assert from "node:assert/strict";
 import { spawn, execFileSync } from "node:child_process";
 import fs from "node:fs";
-import os from "node:os";
 import path from "node:path";
 import readline from "node:readline";
 
-const { Client } = await import("@modelcontextprotocol/sdk/client/index.js");
-const { StdioClientTransport } = await import("@modelcontextprotocol/sdk/client/stdio.js");
+import { connectHelper, finish, privateTempDir, step } from "./harness.mjs";
 
 const [kestrune, helper] = process.argv.slice(2);
 assert.ok(fs.existsSync(kestrune) && fs.existsSync(helper), "usage: app.test.mjs <kestrune> <kestrune-mcp>");
 
-const dataDir = fs.mkdtempSync(path.join(os.tmpdir(), "kt-app-"));
-fs.chmodSync(dataDir, 0o700);
+const dataDir = privateTempDir("kt-app-");
 const home = path.join(dataDir, "home");
 fs.mkdirSync(home);
 const token = "kmt_e2e_app_0123456789abcdefghijklmnopqrstuvwxyzAB";
 const socketPath = path.join(dataDir, "mcp", "kestrune.sock");
-const sanitizerEnv = Object.fromEntries(
-  ["ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"].filter((k) => process.env[k]).map((k) => [k, process.env[k]]),
-);
-
 // `kestrune <args> --data-dir <dir>`; returns stdout, throws on a non-zero status.
 const cli = (...args) => execFileSync(kestrune, [...args, "--data-dir", dataDir], { encoding: "utf8", stdio: ["ignore", "pipe", "pipe"], env: { ...process.env, HOME: home } });
 
-let failed = false;
-async function step(name, body) {
-  try {
-    await body();
-    console.log(`ok - ${name}`);
-  } catch (error) {
-    failed = true;
-    console.log(`not ok - ${name}`);
-    console.log(error);
-  }
-}
-
-async function connect() {
-  const transport = new StdioClientTransport({
-    command: helper,
-    args: [],
-    env: { PATH: process.env.PATH ?? "/usr/bin:/bin", HOME: home, KESTRUNE_MCP_TOKEN: token, KESTRUNE_SOCKET: socketPath, ...sanitizerEnv },
-    stderr: "inherit",
-  });
-  const client = new Client({ name: "claude-code", version: "1.0.0" });
-  await client.connect(transport);
-  return client;
-}
+const connect = () =>
+  connectHelper(helper, { HOME: home, KESTRUNE_MCP_TOKEN: token, KESTRUNE_SOCKET: socketPath }, { name: "claude-code" });
 
 // The text an agent sees for one call, error or not.
 async function call(client, name, args = {}) {
@@ -252,4 +224,4 @@ await step("SIGTERM stops the app cleanly and removes the socket", async () => {
 });
 
 fs.rmSync(dataDir, { recursive: true, force: true });
-process.exit(failed ? 1 : 0);
+finish();

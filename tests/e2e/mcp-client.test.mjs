@@ -6,18 +6,9 @@
 import assert from "node:assert/strict";
 import fs from "node:fs";
 import net from "node:net";
-import os from "node:os";
 import path from "node:path";
 
-let Client, StdioClientTransport;
-try {
-  ({ Client } = await import("@modelcontextprotocol/sdk/client/index.js"));
-  ({ StdioClientTransport } = await import("@modelcontextprotocol/sdk/client/stdio.js"));
-} catch (error) {
-  console.error("The MCP client SDK is not installed: run `npm ci` in tests/e2e (scripts/test.sh does).");
-  console.error(String(error));
-  process.exit(1);
-}
+import { connectHelper, finish, privateTempDir, step } from "./harness.mjs";
 
 const helper = process.argv[2];
 assert.ok(helper && fs.existsSync(helper), `kestrune-mcp not found at ${helper}`);
@@ -78,47 +69,13 @@ function startFakeApp(socketPath) {
   return new Promise((resolve) => server.listen(socketPath, () => resolve({ server, requests })));
 }
 
-async function connect(env) {
-  const transport = new StdioClientTransport({
-    command: helper,
-    args: [],
-    env: { PATH: process.env.PATH ?? "/usr/bin:/bin", HOME: env.HOME, ...env, ...sanitizerEnv() },
-    stderr: "pipe",
-  });
-  let stderr = "";
-  transport.stderr?.on("data", (d) => (stderr += d.toString()));
-  const client = new Client({ name: "kestrune-e2e", version: "1.0.0" });
-  await client.connect(transport);
-  return { client, stderrText: () => stderr };
-}
+const tmp = privateTempDir("kt-e2e-");
+const connect = (env) => connectHelper(helper, env, { stderr: "pipe" });
 
-function sanitizerEnv() {
-  const out = {};
-  for (const key of ["ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"]) {
-    if (process.env[key]) out[key] = process.env[key];
-  }
-  return out;
-}
-
-const tmp = fs.mkdtempSync(path.join(os.tmpdir(), "kt-e2e-"));
-fs.chmodSync(tmp, 0o700);
-let failed = false;
-
-async function scenario(name, body) {
-  try {
-    await body();
-    console.log(`ok - ${name}`);
-  } catch (error) {
-    failed = true;
-    console.log(`not ok - ${name}`);
-    console.log(error);
-  }
-}
-
-await scenario("with the app running: handshake, app's tool list, a relayed call", async () => {
+await step("with the app running: handshake, app's tool list, a relayed call", async () => {
   const socketPath = path.join(tmp, "app.sock");
   const app = await startFakeApp(socketPath);
-  const { client, stderrText } = await connect({
+  const client = await connect({
     HOME: tmp,
     KESTRUNE_MCP_TOKEN: "e2e-token",
     KESTRUNE_SOCKET: socketPath,
@@ -152,11 +109,11 @@ await scenario("with the app running: handshake, app's tool list, a relayed call
     await client.close();
     app.server.close();
   }
-  assert.equal(stderrText(), "");
+  assert.equal(client.stderrText(), "");
 });
 
-await scenario("without the app: static catalog and the not-running result", async () => {
-  const { client } = await connect({
+await step("without the app: static catalog and the not-running result", async () => {
+  const client = await connect({
     HOME: tmp,
     KESTRUNE_MCP_TOKEN: "e2e-token",
     KESTRUNE_SOCKET: path.join(tmp, "absent.sock"),
@@ -189,4 +146,4 @@ await scenario("without the app: static catalog and the not-running result", asy
 });
 
 fs.rmSync(tmp, { recursive: true, force: true });
-process.exit(failed ? 1 : 0);
+finish();

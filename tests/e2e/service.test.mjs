@@ -7,24 +7,17 @@
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import fs from "node:fs";
-import os from "node:os";
 import path from "node:path";
 import readline from "node:readline";
 
-const { Client } = await import("@modelcontextprotocol/sdk/client/index.js");
-const { StdioClientTransport } = await import("@modelcontextprotocol/sdk/client/stdio.js");
+import { connectHelper, finish, privateTempDir, step } from "./harness.mjs";
 
 const [helper, host] = process.argv.slice(2);
 assert.ok(fs.existsSync(helper) && fs.existsSync(host), "usage: service.test.mjs <helper> <host>");
 
-const tmp = fs.mkdtempSync(path.join(os.tmpdir(), "kt-svc-"));
-fs.chmodSync(tmp, 0o700);
+const tmp = privateTempDir("kt-svc-");
 const socketPath = path.join(tmp, "kestrune.sock");
 const token = "kmt_e2e_0123456789abcdefghijklmnopqrstuvwxyzABCDEF";
-
-const sanitizerEnv = Object.fromEntries(
-  ["ASAN_OPTIONS", "UBSAN_OPTIONS", "LSAN_OPTIONS"].filter((k) => process.env[k]).map((k) => [k, process.env[k]]),
-);
 
 const app = spawn(host, [tmp, socketPath, token], { stdio: ["pipe", "pipe", "inherit"], env: { ...process.env } });
 const appLines = readline.createInterface({ input: app.stdout });
@@ -41,14 +34,7 @@ await new Promise((resolve, reject) => {
   app.on("exit", (code) => reject(new Error(`the test host exited with ${code}`)));
 });
 
-const transport = new StdioClientTransport({
-  command: helper,
-  args: [],
-  env: { PATH: process.env.PATH ?? "/usr/bin:/bin", HOME: tmp, KESTRUNE_MCP_TOKEN: token, KESTRUNE_SOCKET: socketPath, ...sanitizerEnv },
-  stderr: "inherit",
-});
-const client = new Client({ name: "kestrune-e2e", version: "1.0.0" });
-await client.connect(transport);
+const client = await connectHelper(helper, { HOME: tmp, KESTRUNE_MCP_TOKEN: token, KESTRUNE_SOCKET: socketPath });
 
 const call = async (name, args = {}) => {
   const result = await client.callTool({ name, arguments: args });
@@ -60,18 +46,6 @@ const json = (r) => {
   assert.equal(r.isError, false, r.text);
   return JSON.parse(r.text);
 };
-
-let failed = false;
-async function step(name, body) {
-  try {
-    await body();
-    console.log(`ok - ${name}`);
-  } catch (error) {
-    failed = true;
-    console.log(`not ok - ${name}`);
-    console.log(error);
-  }
-}
 
 await step("tool list comes from the app and includes sending once enabled", async () => {
   const { tools } = await client.listTools();
@@ -142,5 +116,4 @@ await step("the app sent exactly one message and audited every call", async () =
 });
 
 fs.rmSync(tmp, { recursive: true, force: true });
-if (failed) process.exit(1);
-console.log("e2e service: all steps passed");
+finish();
