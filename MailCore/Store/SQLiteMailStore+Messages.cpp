@@ -192,9 +192,36 @@ std::vector<MessageID> SQLiteMailStore::upsertSync(const std::vector<MessageInde
                 idValue = f.threading.messageID->value();
             }
             std::string keywords = StorageCodec::encodeString(f.flags.keywords);
+            // The header columns, in the order both statements below list
+            // them; flags and snippet are filled in per case.
+            auto headerValues = [&](std::int64_t flagsSystem, const std::string& flagsKeywords,
+                                    const std::optional<std::string>& snippet) {
+                return std::vector<SQLValue>{f.uid,
+                                             idKey,
+                                             idValue,
+                                             idListJSON(f.threading.inReplyTo),
+                                             idListJSON(f.threading.references),
+                                             f.threading.normalizedSubject,
+                                             f.subject,
+                                             StorageCodec::encodeString(f.from),
+                                             StorageCodec::encodeString(f.to),
+                                             StorageCodec::encodeString(f.cc),
+                                             StorageCodec::encodeString(f.replyTo),
+                                             f.date,
+                                             f.internalDate,
+                                             flagsSystem,
+                                             flagsKeywords,
+                                             f.size,
+                                             f.hasAttachments,
+                                             snippet,
+                                             f.modSeq};
+            };
             MessageID id;
             if (!stored) {
                 ThreadID thread = assignThread(db, f, participants, subjectFallbackForRepliesOnly_);
+                std::vector<SQLValue> values{f.accountID, f.folderID, thread};
+                auto header = headerValues(f.flags.system, keywords, f.snippet);
+                values.insert(values.end(), header.begin(), header.end());
                 db.run(
                     "INSERT INTO messages(account_id, folder_id, thread_id, uid, message_id_key, "
                     "message_id_value, in_reply_to, refs,\n    norm_subject, subject, from_json, "
@@ -202,59 +229,22 @@ std::vector<MessageID> SQLiteMailStore::upsertSync(const std::vector<MessageInde
                     "flags_keywords, size, has_attachments, snippet, mod_seq, body_state, "
                     "local_state)\nVALUES (?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, "
                     "?, ?, ?, ?, 'notFetched', 'synced')",
-                    {f.accountID,
-                     f.folderID,
-                     thread,
-                     f.uid,
-                     idKey,
-                     idValue,
-                     idListJSON(f.threading.inReplyTo),
-                     idListJSON(f.threading.references),
-                     f.threading.normalizedSubject,
-                     f.subject,
-                     StorageCodec::encodeString(f.from),
-                     StorageCodec::encodeString(f.to),
-                     StorageCodec::encodeString(f.cc),
-                     StorageCodec::encodeString(f.replyTo),
-                     f.date,
-                     f.internalDate,
-                     f.flags.system,
-                     keywords,
-                     f.size,
-                     f.hasAttachments,
-                     f.snippet,
-                     f.modSeq});
+                    values);
                 id = MessageID(db.lastInsertRowID());
             } else {
                 id = stored->id;
-                bool keepLocalFlags = hasPendingFlagChange(db, id);
-                std::optional<std::string> snippet = f.snippet ? f.snippet : stored->snippet;
+                const bool keepLocalFlags = hasPendingFlagChange(db, id);
+                auto values = headerValues(keepLocalFlags ? stored->flagsSystem : f.flags.system,
+                                           keepLocalFlags ? stored->flagsKeywords : keywords,
+                                           f.snippet ? f.snippet : stored->snippet);
+                values.emplace_back(id);
                 db.run(
                     "UPDATE messages SET uid = ?, message_id_key = ?, message_id_value = ?, "
                     "in_reply_to = ?, refs = ?,\n    norm_subject = ?, subject = ?, from_json = "
                     "?, to_json = ?, cc_json = ?, reply_to_json = ?,\n    date = ?, internal_date "
                     "= ?, flags_system = ?, flags_keywords = ?, size = ?, has_attachments = ?,\n  "
                     "  snippet = ?, mod_seq = ? WHERE id = ?",
-                    {f.uid,
-                     idKey,
-                     idValue,
-                     idListJSON(f.threading.inReplyTo),
-                     idListJSON(f.threading.references),
-                     f.threading.normalizedSubject,
-                     f.subject,
-                     StorageCodec::encodeString(f.from),
-                     StorageCodec::encodeString(f.to),
-                     StorageCodec::encodeString(f.cc),
-                     StorageCodec::encodeString(f.replyTo),
-                     f.date,
-                     f.internalDate,
-                     keepLocalFlags ? stored->flagsSystem : f.flags.system,
-                     keepLocalFlags ? stored->flagsKeywords : keywords,
-                     f.size,
-                     f.hasAttachments,
-                     snippet,
-                     f.modSeq,
-                     id});
+                    values);
             }
             writeReferencesAndParticipants(db, id, refKeys, participants);
             StorageIndexer::index(db, id, f.subject, f.from, f.to, f.cc,
