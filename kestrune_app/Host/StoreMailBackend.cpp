@@ -40,6 +40,11 @@ std::vector<MailAddress> parsedAddresses(const std::vector<std::string>& list) {
     return out;
 }
 
+// The folder id agents use: its role, or its path when it has none.
+std::string agentFolderID(const FolderRecord& f) {
+    return f.role == FolderRole::custom ? f.path : std::string(rawValue(f.role));
+}
+
 std::string likePattern(const std::string& text) {
     std::string out = "%";
     for (char c : lower(text)) {
@@ -47,6 +52,18 @@ std::string likePattern(const std::string& text) {
         out += c;
     }
     return out + "%";
+}
+
+// The unread and sender filters of a search, over the columns of `alias`.
+std::string agentFilters(const mcpkit::MCPSearchQuery& query, const std::string& alias,
+                         std::vector<SQLValue>& values) {
+    std::string sql;
+    if (query.unreadOnly) sql += " AND (" + alias + "flags_system & 17) = 0";
+    if (query.from && !query.from->empty()) {
+        sql += " AND lower(" + alias + "from_json) LIKE ? ESCAPE '\\'";
+        values.emplace_back(likePattern(*query.from));
+    }
+    return sql;
 }
 
 }  // namespace
@@ -86,7 +103,7 @@ std::vector<mcpkit::MCPAccount> StoreMailBackend::accounts() {
 std::string StoreMailBackend::folderKey(FolderID id) {
     auto f = store_->folder(id);
     if (!f) return "";
-    return f->role == FolderRole::custom ? f->path : std::string(rawValue(f->role));
+    return agentFolderID(*f);
 }
 
 std::vector<mcpkit::MCPFolder> StoreMailBackend::folders(const std::string& account) {
@@ -94,7 +111,7 @@ std::vector<mcpkit::MCPFolder> StoreMailBackend::folders(const std::string& acco
         throw MCPToolError("Unknown account. Use an address from list_accounts.");
     std::vector<mcpkit::MCPFolder> out;
     for (const auto& f : store_->folders(AccountID(account))) {
-        out.push_back({f.role == FolderRole::custom ? f.path : std::string(rawValue(f.role)), f.path,
+        out.push_back({agentFolderID(f), f.path,
                        f.unreadCount});
     }
     return out;
@@ -123,9 +140,7 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
         std::optional<FolderID> folder;
         if (query.folder) {
             for (const auto& f : store_->folders(account)) {
-                const std::string key =
-                    f.role == FolderRole::custom ? f.path : std::string(rawValue(f.role));
-                if (key == *query.folder || f.path == *query.folder) folder = f.id;
+                if (agentFolderID(f) == *query.folder || f.path == *query.folder) folder = f.id;
             }
             if (!folder) continue;
         }
@@ -139,7 +154,6 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
     mcpkit::MCPSearchPage page;
     if (scopes.empty()) return page;
 
-    const std::string from = query.from.value_or("");
     if (const auto expression = SearchExpression::build(query.text)) {
         // One ranked query over every scope, weighted as the store's own
         // search, with the filters in SQL so that the total counts every
@@ -153,12 +167,7 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
             values.emplace_back(scopes[i].first);
             if (scopes[i].second) values.emplace_back(*scopes[i].second);
         }
-        where += ")";
-        if (query.unreadOnly) where += " AND (m.flags_system & 17) = 0";
-        if (!from.empty()) {
-            where += " AND lower(m.from_json) LIKE ? ESCAPE '\\'";
-            values.emplace_back(likePattern(from));
-        }
+        where += ")" + agentFilters(query, "m.", values);
         // CROSS JOIN keeps the full-text index as the outer loop: driven
         // from messages, SQLite would run the match once per message.
         const std::string matches =
@@ -189,13 +198,8 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
             if (!folder || f.id == *folder) folders.push_back(std::move(f));
     }
     if (folders.empty()) return page;
-    std::string filter = "local_state != 'pendingDelete'";
     std::vector<SQLValue> filterValues;
-    if (query.unreadOnly) filter += " AND (flags_system & 17) = 0";
-    if (!from.empty()) {
-        filter += " AND lower(from_json) LIKE ? ESCAPE '\\'";
-        filterValues.emplace_back(likePattern(from));
-    }
+    const std::string filter = "local_state != 'pendingDelete'" + agentFilters(query, "", filterValues);
     std::string sql;
     std::vector<SQLValue> values;
     for (const auto& f : folders) {
@@ -212,8 +216,8 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
     std::vector<MessageID> ids;
     store_->read([&](SQLiteDatabase& db) {
         ids = db.query<MessageID>(sql, values, [](const SQLRow& row) { return row.id<MessageID>(0); });
-        if (from.empty()) {
-            // The folders keep their counts.
+        if (filterValues.empty()) {
+            // Without a sender filter the folders' own counts are the total.
             for (const auto& f : folders) page.total += query.unreadOnly ? f.unreadCount : f.totalCount;
         } else {
             std::string in;
