@@ -47,8 +47,8 @@ public:
     // untouched.
     virtual OutboxResult execute(const OutboxItem& item) = 0;
 
-    // Looks for a send's message on the server. A thrown MailError counts
-    // as `unknown`.
+    // Looks for a send's message on the server. Anything thrown counts as
+    // `unknown`.
     virtual SentState verifySent(const OutboxItem& item) = 0;
 };
 

@@ -93,7 +93,7 @@ SentState OutboxWorker::verify(const OutboxItem& item) {
         SentState state = SentState::unknown;
         try {
             state = executor_.verifySent(item);
-        } catch (const MailError&) {
+        } catch (const std::exception&) {  // MailError included
             state = SentState::unknown;
         }
         if (state != SentState::unknown) return state;
@@ -221,9 +221,10 @@ void OutboxWorker::loop(double pollSeconds) {
         bool ran = false;
         try {
             ran = runOnce(std::nullopt);
-        } catch (const MailError&) {
-            // The store refused (busy past its timeout, closed): try again
-            // after the poll interval.
+        } catch (const std::exception&) {
+            // The store refused (busy past its timeout, closed) or failed
+            // otherwise: try again after the poll interval rather than end
+            // the thread.
             ran = false;
         }
         if (ran) continue;

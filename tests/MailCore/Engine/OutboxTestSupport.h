@@ -7,6 +7,7 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <stdexcept>
 
 #include "../Store/StoreTestSupport.h"
 #include "MailCore/Engine/OutboxWorker.h"
@@ -58,6 +59,8 @@ public:
     }
     // Called at the start of every execute, outside the executor's lock.
     std::function<void(const OutboxItem&)> onExecute;
+    // When set, a verification with no scripted answer throws.
+    bool verifyThrows = false;
 
     OutboxResult execute(const OutboxItem& item) override {
         if (onExecute) onExecute(item);
@@ -71,6 +74,7 @@ public:
     SentState verifySent(const OutboxItem&) override {
         std::lock_guard<std::mutex> guard(lock_);
         ++verifications_;
+        if (verify_.empty() && verifyThrows) throw std::runtime_error("no answer from the server");
         if (verify_.empty()) return SentState::unknown;
         SentState s = verify_.front();
         verify_.pop_front();

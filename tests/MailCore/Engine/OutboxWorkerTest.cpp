@@ -114,16 +114,18 @@ TEST_F(OutboxWorkerTest, UncertainSendIsVerifiedAndNeverSentTwice) {
         std::vector<SentState> answers;
         std::size_t verifications, executions;
         std::string afterFirstRun, atEnd;
+        bool verifyThrows = false;
     } cases[] = {
         // Found at the second look.
         {OutboxResult::uncertain(), {SentState::unknown, SentState::sent}, 2, 1, "gone", "gone"},
-        // Never found out.
+        // Never found out (every look fails with an error).
         {OutboxResult::uncertain(),
          {},
          3,
          1,
          "failed 1 0" + uncertain + "sent state could not be verified",
-         "failed 1 0" + uncertain + "sent state could not be verified"},
+         "failed 1 0" + uncertain + "sent state could not be verified",
+         true},
         // Not sent: due 5 s after the look (a second in), sent after another look.
         {OutboxResult::failed(MailError::network(NetworkFailureKind::outcomeUnknown, "no reply")),
          {SentState::notSent, SentState::notSent},
@@ -139,6 +141,7 @@ TEST_F(OutboxWorkerTest, UncertainSendIsVerifiedAndNeverSentTwice) {
                             [] { return 0.5; });
         local.script({c.result});
         local.scriptVerify(c.answers);
+        local.verifyThrows = c.verifyThrows;
         const double created = fake.now();
         auto id = send("s").id;
         ASSERT_TRUE(worker.runOnce());
