@@ -38,8 +38,5 @@ fi
 
 # Dovecot's packaged service is never used: the tests start their own
 # instances on loopback with private configurations.
-if command -v systemctl >/dev/null 2>&1 && systemctl is-active --quiet dovecot 2>/dev/null; then
-  systemctl stop dovecot || true
-fi
-pkill -x dovecot 2>/dev/null || true
+
 echo "setup: all packages present"

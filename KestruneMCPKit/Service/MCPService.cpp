@@ -4,7 +4,7 @@
 
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Service/MCPServiceContext.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {

@@ -17,13 +17,13 @@
 #include <string>
 #include <string_view>
 
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPConfirmation.h"
-#include "KestruneMCPKit/Service/MCPMailBackend.h"
-#include "KestruneMCPKit/Service/MCPPolicyStore.h"
-#include "KestruneMCPKit/Service/MCPRateLimiter.h"
-#include "KestruneMCPKit/Service/MCPTaintTracker.h"
-#include "KestruneMCPKit/Service/MCPWorkflowHandling.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Taint/MCPConfirmation.h"
+#include "KestruneMCPKit/Tools/MCPMailBackend.h"
+#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
+#include "KestruneMCPKit/Policy/MCPRateLimiter.h"
+#include "KestruneMCPKit/Taint/MCPTaintTracker.h"
+#include "KestruneMCPKit/Tools/MCPWorkflowHandling.h"
 #include "MailCore/Common/Clock.h"
 #include "MailCore/Common/Json.h"
 

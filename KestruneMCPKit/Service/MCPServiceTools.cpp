@@ -2,9 +2,9 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Service/MCPSanitizer.h"
+#include "KestruneMCPKit/Tools/MCPSanitizer.h"
 #include "KestruneMCPKit/Service/MCPServiceContext.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/AI/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
 

@@ -5,7 +5,7 @@
 #include "KestruneMCPKit/Link/Frame.h"
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPLinkError.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/Common/Random.h"
 
 namespace mcpkit {

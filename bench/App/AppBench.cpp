@@ -26,9 +26,9 @@
 
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Link/MCPTokenStore.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
-#include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
+#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/StoreMailBackend.h"

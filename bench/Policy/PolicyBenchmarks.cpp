@@ -9,11 +9,11 @@
 #include <memory>
 #include <string>
 
-#include "KestruneMCPKit/Link/MCPFileTokenStore.h"
-#include "KestruneMCPKit/Link/MCPToken.h"
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPPolicyStore.h"
-#include "KestruneMCPKit/Service/MCPRedactor.h"
+#include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
+#include "KestruneMCPKit/Tokens/MCPToken.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
+#include "KestruneMCPKit/Audit/MCPRedactor.h"
 
 namespace {
 

@@ -10,9 +10,9 @@
 #include <string>
 #include <string_view>
 
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPRedactor.h"
-#include "KestruneMCPKit/Service/MCPState.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Audit/MCPRedactor.h"
+#include "KestruneMCPKit/Policy/MCPState.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/UTF8.h"
 

@@ -22,10 +22,10 @@
 #include <string>
 
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Service/MCPService.h"
-#include "KestruneMCPKit/Service/MCPStorage.h"
-#include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
+#include "KestruneMCPKit/Policy/MCPStorage.h"
+#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "MailCore/Engine/OutboxWorker.h"

@@ -12,10 +12,10 @@
 #include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPStorage.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
-#include "KestruneMCPKit/Service/MCPWorkflowBridge.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Policy/MCPStorage.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
+#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"

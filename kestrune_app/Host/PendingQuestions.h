@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include "KestruneMCPKit/Service/MCPConfirmation.h"
+#include "KestruneMCPKit/Taint/MCPConfirmation.h"
 #include "MailCore/Common/Json.h"
 
 namespace kestrune {

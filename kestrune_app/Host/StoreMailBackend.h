@@ -26,7 +26,7 @@
 #include <functional>
 #include <memory>
 
-#include "KestruneMCPKit/Service/MCPMailBackend.h"
+#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 #include "MailCore/Common/Clock.h"
 #include "MailCore/Engine/OutboxWorker.h"
 #include "MailCore/Store/OutboxRecords.h"

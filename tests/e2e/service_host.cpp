@@ -9,9 +9,9 @@
 
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Link/MCPTokenStore.h"
-#include "KestruneMCPKit/Service/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPPolicyStore.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/RecordingWorkflows.h"

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "KestruneMCPKit/Service/MCPMailBackend.h"
+#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 
 namespace mcpkit::testing {
 

@@ -5,7 +5,7 @@
 #include <mutex>
 #include <vector>
 
-#include "KestruneMCPKit/Service/MCPWorkflowHandling.h"
+#include "KestruneMCPKit/Tools/MCPWorkflowHandling.h"
 
 namespace mcpkit::testing {
 

@@ -8,7 +8,7 @@
 #include <mutex>
 #include <vector>
 
-#include "KestruneMCPKit/Service/MCPConfirmation.h"
+#include "KestruneMCPKit/Taint/MCPConfirmation.h"
 
 namespace mcpkit::testing {
 

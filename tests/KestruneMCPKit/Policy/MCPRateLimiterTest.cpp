@@ -2,7 +2,7 @@
 
 #include <thread>
 
-#include "KestruneMCPKit/Service/MCPRateLimiter.h"
+#include "KestruneMCPKit/Policy/MCPRateLimiter.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 

@@ -2,7 +2,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Service/MCPState.h"
+#include "KestruneMCPKit/Policy/MCPState.h"
 #include "MailCore/Common/Json.h"
 
 namespace mcpkit {

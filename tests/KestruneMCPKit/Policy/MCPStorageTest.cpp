@@ -2,7 +2,7 @@
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketError.h"
-#include "KestruneMCPKit/Service/MCPStorage.h"
+#include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 

@@ -5,7 +5,7 @@
 #include <optional>
 
 #include "KestruneMCPKit/Link/MCPLinkError.h"
-#include "KestruneMCPKit/Service/MCPTools.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
 #include "KestruneMCPKit/Shim/MCPShim.h"
 
 namespace {

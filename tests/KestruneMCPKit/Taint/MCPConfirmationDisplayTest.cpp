@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "KestruneMCPKit/Service/MCPConfirmation.h"
+#include "KestruneMCPKit/Taint/MCPConfirmation.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {

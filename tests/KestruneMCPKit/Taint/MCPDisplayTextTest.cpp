@@ -1,6 +1,6 @@
 #include <gtest/gtest.h>
 
-#include "KestruneMCPKit/Service/MCPDisplayText.h"
+#include "KestruneMCPKit/Taint/MCPDisplayText.h"
 
 namespace mcpkit {
 namespace {

@@ -4,7 +4,7 @@
 #include <chrono>
 #include <thread>
 
-#include "KestruneMCPKit/Service/MCPTaintTracker.h"
+#include "KestruneMCPKit/Taint/MCPTaintTracker.h"
 
 namespace mcpkit {
 namespace {

@@ -1,0 +1,151 @@
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <thread>
+#include <vector>
+
+#include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
+#include "MailCore/Common/Json.h"
+#include "tests/fakes/LinkTestSupport.h"
+#include "tests/fakes/TestFiles.h"
+
+namespace mcpkit {
+namespace {
+
+using namespace testfiles;
+
+// Behaviour every store shares, run against each implementation.
+class TokenStoreContract : public ::testing::TestWithParam<std::string> {
+protected:
+    std::unique_ptr<MCPTokenStore> makeStore() {
+        if (GetParam() == "memory") return std::make_unique<MCPMemoryTokenStore>();
+        return std::make_unique<MCPFileTokenStore>(dir_ / "tokens.json");
+    }
+    linktest::TempDir dir_;
+};
+
+TEST_P(TokenStoreContract, SetReplaceRemove) {
+    auto store = makeStore();
+    EXPECT_EQ(store->token("claude"), std::nullopt);
+    store->set("kmt_one", "claude");
+    store->set("kmt_two", "cursor");
+    EXPECT_EQ(store->token("claude"), "kmt_one");
+    EXPECT_EQ(store->token("cursor"), "kmt_two");
+    store->set("kmt_three", "claude");
+    EXPECT_EQ(store->token("claude"), "kmt_three");
+    store->remove("claude");
+    store->remove("never-registered");
+    EXPECT_EQ(store->token("claude"), std::nullopt);
+    EXPECT_EQ(store->token("cursor"), "kmt_two");
+}
+
+TEST_P(TokenStoreContract, ConcurrentSetsLoseNoEntry) {
+    auto store = makeStore();
+    constexpr int threads = 8, perThread = 10;
+    std::vector<std::thread> workers;
+    for (int t = 0; t < threads; ++t) {
+        workers.emplace_back([&, t] {
+            for (int i = 0; i < perThread; ++i) {
+                std::string id = "h" + std::to_string(t) + "-" + std::to_string(i);
+                store->set("kmt_" + id, id);
+            }
+        });
+    }
+    for (auto& w : workers) w.join();
+    for (int t = 0; t < threads; ++t) {
+        for (int i = 0; i < perThread; ++i) {
+            std::string id = "h" + std::to_string(t) + "-" + std::to_string(i);
+            EXPECT_EQ(store->token(id), "kmt_" + id);
+        }
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Stores, TokenStoreContract, ::testing::Values("memory", "file"));
+
+class FileTokenStoreTest : public ::testing::Test {
+protected:
+    linktest::TempDir dir_;
+    std::filesystem::path url_ = dir_ / "tokens.json";
+};
+
+TEST_F(FileTokenStoreTest, BadFilesReadAsEmptyAndTheNextSetWritesAnObject) {
+    const char* contents[] = {"",
+                              "[]",
+                              "[\"kmt_x\"]",
+                              "garbage {",
+                              "null",
+                              "42",
+                              R"({"claude":7})",
+                              R"({"claude":"kmt_a","cursor":null})",
+                              "\xff\xfe\x00"};
+    for (const char* content : contents) {
+        writeFile(url_, content);
+        MCPFileTokenStore store(url_);
+        EXPECT_EQ(store.token("claude"), std::nullopt) << content;
+        store.set("kmt_new", "zed");
+        mailcore::Json json = mailcore::parseJson(readFile(url_));
+        EXPECT_EQ(json, mailcore::Json({{"zed", "kmt_new"}})) << content;
+        EXPECT_EQ(store.token("zed"), "kmt_new");
+    }
+}
+
+TEST_F(FileTokenStoreTest, WritesReplaceTheFileWithModeOwnerOnly) {
+    MCPFileTokenStore missing(dir_ / "missing.json");
+    EXPECT_EQ(missing.token("claude"), std::nullopt);
+    EXPECT_FALSE(std::filesystem::exists(dir_ / "missing.json"));
+    missing.remove("claude");
+    EXPECT_EQ(readFile(dir_ / "missing.json"), "{}");
+
+    writeFile(url_, R"({"claude":"kmt_old"})");
+    std::filesystem::permissions(url_, std::filesystem::perms(0644));
+    MCPFileTokenStore store(url_);
+    store.set("kmt_cursor", "cursor");
+    EXPECT_EQ(fileMode(url_), 0600u);
+    EXPECT_EQ(mailcore::parseJson(readFile(url_)),
+              mailcore::Json({{"claude", "kmt_old"}, {"cursor", "kmt_cursor"}}));
+    EXPECT_EQ(namesIn(dir_.path()), (std::vector<std::string>{"missing.json", "tokens.json"}))
+        << "no temporary files are left behind";
+}
+
+TEST_F(FileTokenStoreTest, AReaderNeverSeesAHalfWrittenFile) {
+    MCPFileTokenStore writer(url_);
+    writer.set("kmt_" + std::string(43, 'a'), "seed");
+    std::atomic<bool> done{false};
+    std::atomic<int> badReads{0};
+    std::thread reader([&] {
+        while (!done) {
+            auto text = readFile(url_);
+            mailcore::Json json;
+            if (!mailcore::tryParseJson(text, json) || !json.is_object()) ++badReads;
+        }
+    });
+    for (int i = 0; i < 100; ++i) writer.set("kmt_" + std::to_string(i), "h" + std::to_string(i));
+    done = true;
+    reader.join();
+    EXPECT_EQ(badReads.load(), 0);
+}
+
+TEST_F(FileTokenStoreTest, EditsByAnotherProgramAreSeenByTheSameStore) {
+    MCPFileTokenStore store(url_);
+    store.set("kmt_first", "claude");
+    EXPECT_EQ(store.token("claude"), "kmt_first");
+    writeFile(url_, R"({"claude":"kmt_second_value"})");  // in place, same inode
+    EXPECT_EQ(store.token("claude"), "kmt_second_value");
+    writeFile(url_, "garbage");
+    EXPECT_EQ(store.token("claude"), std::nullopt);
+    std::filesystem::remove(url_);
+    EXPECT_EQ(store.token("claude"), std::nullopt);
+    MCPFileTokenStore(url_).set("kmt_third", "claude");  // another instance, atomic replace
+    EXPECT_EQ(store.token("claude"), "kmt_third");
+
+    // A store whose directory is gone fails silently.
+    MCPFileTokenStore gone(dir_ / "missing-directory" / "tokens.json");
+    EXPECT_NO_THROW(gone.set("kmt_x", "claude"));
+    EXPECT_NO_THROW(gone.remove("claude"));
+    EXPECT_EQ(gone.token("claude"), std::nullopt);
+}
+
+}  // namespace
+}  // namespace mcpkit
