@@ -4,8 +4,8 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Audit/MCPRedactor.h"
+#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Common/UTF8.h"

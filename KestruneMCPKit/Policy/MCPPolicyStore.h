@@ -24,8 +24,8 @@
 #include <vector>
 
 #include "KestruneMCPKit/Link/MCPPrivateFile.h"
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "KestruneMCPKit/Policy/MCPState.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "MailCore/Common/Clock.h"
 
 namespace mcpkit {

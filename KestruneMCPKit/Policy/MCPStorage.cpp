@@ -1,8 +1,8 @@
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 
-#include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPPrivateFile.h"
+#include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 
 namespace mcpkit {
 

@@ -18,11 +18,11 @@
 #include <string_view>
 
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
-#include "KestruneMCPKit/Taint/MCPConfirmation.h"
-#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Policy/MCPRateLimiter.h"
+#include "KestruneMCPKit/Taint/MCPConfirmation.h"
 #include "KestruneMCPKit/Taint/MCPTaintTracker.h"
+#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 #include "KestruneMCPKit/Tools/MCPWorkflowHandling.h"
 #include "MailCore/Common/Clock.h"
 #include "MailCore/Common/Json.h"

@@ -2,8 +2,8 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Tools/MCPSanitizer.h"
 #include "KestruneMCPKit/Service/MCPServiceContext.h"
+#include "KestruneMCPKit/Tools/MCPSanitizer.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/AI/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"

@@ -7,8 +7,8 @@
 #include "KestruneMCPKit/Installer/MCPInstaller.h"
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
+#include "KestruneMCPKit/Tokens/MCPToken.h"
 
 namespace fs = std::filesystem;
 

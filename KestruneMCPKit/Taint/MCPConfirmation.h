@@ -11,8 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 #include "KestruneMCPKit/Taint/MCPTaintTracker.h"
+#include "KestruneMCPKit/Tools/MCPMailBackend.h"
 
 namespace mcpkit {
 

@@ -6,28 +6,27 @@
 // Implementations must be thread-safe: calls arrive concurrently.
 #pragma once
 
+#include <nlohmann/json.hpp>
 #include <string>
 #include <vector>
-
-#include <nlohmann/json.hpp>
 
 #include "MailCore/Common/Json.h"
 
 namespace mcpkit {
 
 struct MCPWorkflowCall {
-    std::string harnessID;    // the calling harness's registration id (the workflow author)
-    std::string harnessName;  // its display name
-    std::string tool;         // one of the six workflow tool names
-    mailcore::Json arguments;                     // the tool's arguments object
+    std::string harnessID;     // the calling harness's registration id (the workflow author)
+    std::string harnessName;   // its display name
+    std::string tool;          // one of the six workflow tool names
+    mailcore::Json arguments;  // the tool's arguments object
     std::vector<std::string> grantedPermissions;  // the permissions enabled for this call
     std::vector<std::string> allowedAccounts;     // account emails the harness may use
 };
 
 struct MCPWorkflowResult {
-    std::string text;     // the text handed to the agent (JSON text or a message)
-    bool isError = false; // true for tool errors: `text` is then the error message
-    std::string summary;  // short audit summary, no mail content and no secrets
+    std::string text;      // the text handed to the agent (JSON text or a message)
+    bool isError = false;  // true for tool errors: `text` is then the error message
+    std::string summary;   // short audit summary, no mail content and no secrets
 };
 
 class MCPWorkflowHandling {

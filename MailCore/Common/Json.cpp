@@ -39,7 +39,8 @@ std::string encodeJson(const Json& value) {
 
 Json parseJson(std::string_view text) {
     if (const std::size_t at = tooDeepAt(text); at != std::string_view::npos) {
-        throw Json::parse_error::create(101, at + 1, "JSON nesting is deeper than the limit", nullptr);
+        throw Json::parse_error::create(101, at + 1, "JSON nesting is deeper than the limit",
+                                        nullptr);
     }
     return Json::parse(text.begin(), text.end());
 }

@@ -3,9 +3,8 @@
 // library is included by the .cpp files that need it.
 #pragma once
 
-#include <nlohmann/json_fwd.hpp>
-
 #include <cstddef>
+#include <nlohmann/json_fwd.hpp>
 #include <string>
 #include <string_view>
 

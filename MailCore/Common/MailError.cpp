@@ -9,22 +9,25 @@ namespace mailcore {
 namespace {
 
 constexpr std::array<std::string_view, 7> networkNames{
-    "dnsFailure", "connectionRefused", "connectionLost", "timeout", "unreachable",
-    "outcomeUnknown", "other"};
+    "dnsFailure",  "connectionRefused", "connectionLost", "timeout",
+    "unreachable", "outcomeUnknown",    "other"};
 constexpr std::array<std::string_view, 7> tlsNames{
-    "certificateInvalid", "certificateExpired", "hostnameMismatch", "untrustedRoot",
-    "handshakeFailed", "startTLSUnavailable", "protocolVersionTooLow"};
+    "certificateInvalid", "certificateExpired",  "hostnameMismatch",     "untrustedRoot",
+    "handshakeFailed",    "startTLSUnavailable", "protocolVersionTooLow"};
 constexpr std::array<std::string_view, 7> protocolNames{
-    "malformedResponse", "unexpectedResponse", "responseTooLarge", "commandRejected",
-    "missingRequiredData", "serverClosed", "invalidInput"};
+    "malformedResponse",   "unexpectedResponse", "responseTooLarge", "commandRejected",
+    "missingRequiredData", "serverClosed",       "invalidInput"};
 constexpr std::array<std::string_view, 8> storageNames{
-    "migrationFailed", "schemaNewerThanSupported", "corrupted", "constraintViolation",
-    "notFound", "diskFull", "ioError", "other"};
-constexpr std::array<std::string_view, 3> authNames{
-    "invalidCredentials", "reauthorizationRequired", "temporaryFailure"};
+    "migrationFailed", "schemaNewerThanSupported",
+    "corrupted",       "constraintViolation",
+    "notFound",        "diskFull",
+    "ioError",         "other"};
+constexpr std::array<std::string_view, 3> authNames{"invalidCredentials", "reauthorizationRequired",
+                                                    "temporaryFailure"};
 constexpr std::array<std::string_view, 9> caseNames{
-    "network", "tls", "auth", "protocolViolation", "storage", "cancelled", "rateLimited",
-    "unsupportedCapability", "offline"};
+    "network", "tls",       "auth",        "protocolViolation",
+    "storage", "cancelled", "rateLimited", "unsupportedCapability",
+    "offline"};
 
 template <std::size_t N>
 int indexOf(const std::array<std::string_view, N>& names, std::string_view value) {
@@ -49,23 +52,35 @@ bool hasKind(MailError::Case c) {
 
 std::string_view kindName(MailError::Case c, int kind) {
     switch (c) {
-        case MailError::Case::network: return networkNames.at(kind);
-        case MailError::Case::tls: return tlsNames.at(kind);
-        case MailError::Case::auth: return authNames.at(kind);
-        case MailError::Case::protocolViolation: return protocolNames.at(kind);
-        case MailError::Case::storage: return storageNames.at(kind);
-        default: return {};
+        case MailError::Case::network:
+            return networkNames.at(kind);
+        case MailError::Case::tls:
+            return tlsNames.at(kind);
+        case MailError::Case::auth:
+            return authNames.at(kind);
+        case MailError::Case::protocolViolation:
+            return protocolNames.at(kind);
+        case MailError::Case::storage:
+            return storageNames.at(kind);
+        default:
+            return {};
     }
 }
 
 int kindIndex(MailError::Case c, std::string_view name) {
     switch (c) {
-        case MailError::Case::network: return indexOf(networkNames, name);
-        case MailError::Case::tls: return indexOf(tlsNames, name);
-        case MailError::Case::auth: return indexOf(authNames, name);
-        case MailError::Case::protocolViolation: return indexOf(protocolNames, name);
-        case MailError::Case::storage: return indexOf(storageNames, name);
-        default: return -1;
+        case MailError::Case::network:
+            return indexOf(networkNames, name);
+        case MailError::Case::tls:
+            return indexOf(tlsNames, name);
+        case MailError::Case::auth:
+            return indexOf(authNames, name);
+        case MailError::Case::protocolViolation:
+            return indexOf(protocolNames, name);
+        case MailError::Case::storage:
+            return indexOf(storageNames, name);
+        default:
+            return -1;
     }
 }
 

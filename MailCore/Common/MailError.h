@@ -3,32 +3,54 @@
 // payload. Details are short lower-case phrases without a final full stop.
 #pragma once
 
-#include "MailCore/Common/Json.h"
-
 #include <exception>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "MailCore/Common/Json.h"
+
 namespace mailcore {
 
 enum class NetworkFailureKind {
-    dnsFailure, connectionRefused, connectionLost, timeout, unreachable, outcomeUnknown, other
+    dnsFailure,
+    connectionRefused,
+    connectionLost,
+    timeout,
+    unreachable,
+    outcomeUnknown,
+    other
 };
 
 enum class TLSFailureKind {
-    certificateInvalid, certificateExpired, hostnameMismatch, untrustedRoot, handshakeFailed,
-    startTLSUnavailable, protocolVersionTooLow
+    certificateInvalid,
+    certificateExpired,
+    hostnameMismatch,
+    untrustedRoot,
+    handshakeFailed,
+    startTLSUnavailable,
+    protocolVersionTooLow
 };
 
 enum class ProtocolIssueKind {
-    malformedResponse, unexpectedResponse, responseTooLarge, commandRejected, missingRequiredData,
-    serverClosed, invalidInput
+    malformedResponse,
+    unexpectedResponse,
+    responseTooLarge,
+    commandRejected,
+    missingRequiredData,
+    serverClosed,
+    invalidInput
 };
 
 enum class StorageFailureKind {
-    migrationFailed, schemaNewerThanSupported, corrupted, constraintViolation, notFound, diskFull,
-    ioError, other
+    migrationFailed,
+    schemaNewerThanSupported,
+    corrupted,
+    constraintViolation,
+    notFound,
+    diskFull,
+    ioError,
+    other
 };
 
 // Authentication failures. Only `temporaryFailure` may be retried; the
@@ -46,8 +68,15 @@ class MailError : public std::exception {
 public:
     // The cases, in declaration order.
     enum class Case {
-        network, tls, auth, protocolViolation, storage, cancelled, rateLimited,
-        unsupportedCapability, offline
+        network,
+        tls,
+        auth,
+        protocolViolation,
+        storage,
+        cancelled,
+        rateLimited,
+        unsupportedCapability,
+        offline
     };
 
     static MailError network(NetworkFailureKind kind, std::string detail);

@@ -2,10 +2,10 @@
 // and for people reading them; headers are written by MessageBuilder.
 #pragma once
 
-#include "MailCore/Store/StoreTypes.h"
-
 #include <string>
 #include <vector>
+
+#include "MailCore/Store/StoreTypes.h"
 
 namespace mailcore {
 

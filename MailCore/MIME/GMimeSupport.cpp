@@ -11,7 +11,7 @@ std::mutex& setupLock() {
     return lock;
 }
 
-bool initialised = false;                  // guarded by setupLock()
+bool initialised = false;                     // guarded by setupLock()
 GMimeParserOptions* parserOptions = nullptr;  // guarded by setupLock()
 
 }  // namespace
@@ -28,8 +28,7 @@ void ensureGMime() {
     parserOptions = g_mime_parser_options_new();
     g_mime_parser_options_set_rfc2047_compliance_mode(parserOptions, GMIME_RFC_COMPLIANCE_LOOSE);
     g_mime_parser_options_set_address_compliance_mode(parserOptions, GMIME_RFC_COMPLIANCE_LOOSE);
-    g_mime_parser_options_set_parameter_compliance_mode(parserOptions,
-                                                        GMIME_RFC_COMPLIANCE_LOOSE);
+    g_mime_parser_options_set_parameter_compliance_mode(parserOptions, GMIME_RFC_COMPLIANCE_LOOSE);
     g_mime_parser_options_set_allow_addresses_without_domain(parserOptions, TRUE);
     const char* fallbacks[] = {"utf-8", "windows-1252", nullptr};
     g_mime_parser_options_set_fallback_charsets(parserOptions, fallbacks);

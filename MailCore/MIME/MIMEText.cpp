@@ -1,16 +1,16 @@
 #include "MailCore/MIME/MIMEText.h"
 
-#include "MailCore/Common/UTF8.h"
-
-#include "MailCore/MIME/GMimeSupport.h"
+#include <iconv.h>
 
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <iconv.h>
 #include <cerrno>
 #include <cstdint>
 #include <string_view>
+
+#include "MailCore/Common/UTF8.h"
+#include "MailCore/MIME/GMimeSupport.h"
 
 namespace mailcore {
 
@@ -23,9 +23,9 @@ void appendCodePoint(std::string& out, std::uint32_t cp) {
 
 // The C1 range of Windows-1252; 0 marks the five undefined bytes.
 constexpr std::array<std::uint16_t, 32> windows1252High = {
-    0x20AC, 0, 0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
-    0x2039, 0x0152, 0, 0x017D, 0, 0, 0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
-    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0, 0x017E, 0x0178};
+    0x20AC, 0,      0x201A, 0x0192, 0x201E, 0x2026, 0x2020, 0x2021, 0x02C6, 0x2030, 0x0160,
+    0x2039, 0x0152, 0,      0x017D, 0,      0,      0x2018, 0x2019, 0x201C, 0x201D, 0x2022,
+    0x2013, 0x2014, 0x02DC, 0x2122, 0x0161, 0x203A, 0x0153, 0,      0x017E, 0x0178};
 
 std::string decodeWindows1252(std::string_view bytes) {
     std::string out;
@@ -64,9 +64,9 @@ bool isUTF8Label(const std::string& name) {
 }
 
 bool isLatinLabel(const std::string& name) {
-    return name == "iso-8859-1" || name == "iso8859-1" || name == "latin1" ||
-           name == "latin-1" || name == "l1" || name == "iso_8859-1" || name == "cp1252" ||
-           name == "windows-1252" || name == "cp819" || name == "ibm819";
+    return name == "iso-8859-1" || name == "iso8859-1" || name == "latin1" || name == "latin-1" ||
+           name == "l1" || name == "iso_8859-1" || name == "cp1252" || name == "windows-1252" ||
+           name == "cp819" || name == "ibm819";
 }
 
 std::string dropNUL(std::string text) {
@@ -125,16 +125,14 @@ struct NamedEntity {
 };
 
 constexpr NamedEntity namedEntities[] = {
-    {"nbsp", 0xA0},    {"amp", '&'},       {"lt", '<'},        {"gt", '>'},
-    {"quot", '"'},     {"apos", '\''},     {"mdash", 0x2014},  {"ndash", 0x2013},
-    {"hellip", 0x2026}, {"rsquo", 0x2019}, {"lsquo", 0x2018},  {"rdquo", 0x201D},
-    {"ldquo", 0x201C}, {"copy", 0xA9},     {"reg", 0xAE},      {"trade", 0x2122},
-    {"euro", 0x20AC},  {"pound", 0xA3},    {"yen", 0xA5},      {"bull", 0x2022},
-    {"middot", 0xB7},  {"laquo", 0xAB},    {"raquo", 0xBB},    {"zwnj", 0x200C},
-    {"zwj", 0x200D},   {"shy", 0xAD},      {"auml", 0xE4},     {"ouml", 0xF6},
-    {"uuml", 0xFC},    {"Auml", 0xC4},     {"Ouml", 0xD6},     {"Uuml", 0xDC},
-    {"szlig", 0xDF},   {"eacute", 0xE9},   {"egrave", 0xE8},   {"agrave", 0xE0},
-    {"ccedil", 0xE7},  {"deg", 0xB0},      {"times", 0xD7},
+    {"nbsp", 0xA0},    {"amp", '&'},      {"lt", '<'},       {"gt", '>'},        {"quot", '"'},
+    {"apos", '\''},    {"mdash", 0x2014}, {"ndash", 0x2013}, {"hellip", 0x2026}, {"rsquo", 0x2019},
+    {"lsquo", 0x2018}, {"rdquo", 0x201D}, {"ldquo", 0x201C}, {"copy", 0xA9},     {"reg", 0xAE},
+    {"trade", 0x2122}, {"euro", 0x20AC},  {"pound", 0xA3},   {"yen", 0xA5},      {"bull", 0x2022},
+    {"middot", 0xB7},  {"laquo", 0xAB},   {"raquo", 0xBB},   {"zwnj", 0x200C},   {"zwj", 0x200D},
+    {"shy", 0xAD},     {"auml", 0xE4},    {"ouml", 0xF6},    {"uuml", 0xFC},     {"Auml", 0xC4},
+    {"Ouml", 0xD6},    {"Uuml", 0xDC},    {"szlig", 0xDF},   {"eacute", 0xE9},   {"egrave", 0xE8},
+    {"agrave", 0xE0},  {"ccedil", 0xE7},  {"deg", 0xB0},     {"times", 0xD7},
 };
 
 // Decodes the character reference at text[i] == '&'; returns the number of
@@ -151,9 +149,12 @@ std::size_t decodeEntity(std::string_view text, std::size_t i, std::string& out)
         if (digits.empty()) return 0;
         for (char c : digits) {
             int v = -1;
-            if (c >= '0' && c <= '9') v = c - '0';
-            else if (hex && c >= 'a' && c <= 'f') v = c - 'a' + 10;
-            else if (hex && c >= 'A' && c <= 'F') v = c - 'A' + 10;
+            if (c >= '0' && c <= '9')
+                v = c - '0';
+            else if (hex && c >= 'a' && c <= 'f')
+                v = c - 'a' + 10;
+            else if (hex && c >= 'A' && c <= 'F')
+                v = c - 'A' + 10;
             if (v < 0) return 0;
             cp = cp * (hex ? 16 : 10) + static_cast<std::uint32_t>(v);
             if (cp > 0x10FFFF) cp = 0xFFFD;
@@ -176,8 +177,8 @@ std::size_t decodeEntity(std::string_view text, std::size_t i, std::string& out)
 int breakKind(std::string_view name) {
     static constexpr std::string_view lines[] = {"tr", "li", "div", "dd", "dt", "header", "footer"};
     static constexpr std::string_view paragraphs[] = {
-        "p", "h1", "h2", "h3", "h4", "h5", "h6", "table", "blockquote", "hr", "pre", "ul", "ol",
-        "section", "article"};
+        "p",          "h1", "h2",  "h3", "h4", "h5",      "h6",     "table",
+        "blockquote", "hr", "pre", "ul", "ol", "section", "article"};
     if (name == "br") return 3;
     for (auto b : lines) {
         if (b == name) return 1;
@@ -268,7 +269,10 @@ std::string htmlToText(std::string_view html, std::size_t maxBytes) {
                     writer.text("&");
                     ++k;
                 } else {
-                    if (decoded == "\xC2\xA0") writer.space(); else writer.text(decoded);
+                    if (decoded == "\xC2\xA0")
+                        writer.space();
+                    else
+                        writer.text(decoded);
                     k += used;
                 }
             }
@@ -312,8 +316,8 @@ std::string htmlToText(std::string_view html, std::size_t maxBytes) {
             ++k;
         }
         i = k < html.size() ? k + 1 : html.size();
-        if (!closing && (name == "script" || name == "style" || name == "head" ||
-                         name == "title" || name == "template")) {
+        if (!closing && (name == "script" || name == "style" || name == "head" || name == "title" ||
+                         name == "template")) {
             const std::string closeTag = "</" + name;
             const std::size_t end = findNoCase(html, i, closeTag);
             if (end == std::string_view::npos) {
@@ -352,7 +356,8 @@ std::string makeSnippet(std::string_view text, std::size_t maxCharacters) {
         start = end + 1;
         if (line == "-- " || line == "--") break;
         std::size_t firstNonSpace = 0;
-        while (firstNonSpace < line.size() && (line[firstNonSpace] == ' ' || line[firstNonSpace] == '\t'))
+        while (firstNonSpace < line.size() &&
+               (line[firstNonSpace] == ' ' || line[firstNonSpace] == '\t'))
             ++firstNonSpace;
         const bool quoted = firstNonSpace < line.size() && line[firstNonSpace] == '>';
         if (quoted) {

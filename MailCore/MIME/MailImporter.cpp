@@ -1,19 +1,20 @@
 #include "MailCore/MIME/MailImporter.h"
 
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <fstream>
+#include <future>
+#include <thread>
+#include <unordered_map>
+
 #include "MailCore/Common/MailError.h"
 #include "MailCore/MIME/GMimeSupport.h"
 #include "MailCore/MIME/MailSources.h"
 #include "MailCore/MIME/MessageIngestor.h"
-
-#include <atomic>
-#include <fcntl.h>
-#include <fstream>
-#include <future>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <thread>
-#include <unistd.h>
-#include <unordered_map>
 
 namespace mailcore {
 
@@ -66,18 +67,22 @@ class MappedFile {
 public:
     explicit MappedFile(const fs::path& path) {
         const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-        if (fd < 0) throw MailError::storage(StorageFailureKind::ioError, "cannot read mbox " + path.string());
+        if (fd < 0)
+            throw MailError::storage(StorageFailureKind::ioError,
+                                     "cannot read mbox " + path.string());
         struct stat st {};
         if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
             ::close(fd);
-            throw MailError::storage(StorageFailureKind::ioError, "cannot read mbox " + path.string());
+            throw MailError::storage(StorageFailureKind::ioError,
+                                     "cannot read mbox " + path.string());
         }
         size_ = static_cast<std::size_t>(st.st_size);
         if (size_ > 0) {
             void* mapped = ::mmap(nullptr, size_, PROT_READ, MAP_PRIVATE, fd, 0);
             if (mapped == MAP_FAILED) {
                 ::close(fd);
-                throw MailError::storage(StorageFailureKind::ioError, "cannot read mbox " + path.string());
+                throw MailError::storage(StorageFailureKind::ioError,
+                                         "cannot read mbox " + path.string());
             }
             data_ = mapped;
         }
@@ -90,7 +95,8 @@ public:
     MappedFile& operator=(const MappedFile&) = delete;
 
     std::string_view view() const {
-        return data_ == nullptr ? std::string_view() : std::string_view(static_cast<const char*>(data_), size_);
+        return data_ == nullptr ? std::string_view()
+                                : std::string_view(static_cast<const char*>(data_), size_);
     }
 
 private:
@@ -137,8 +143,8 @@ MailImporter::MailImporter(SQLiteMailStore& store, AccountID account, MessagePar
                            Clock clock)
     : store_(store), account_(std::move(account)), limits_(limits), clock_(std::move(clock)) {}
 
-FolderID MailImporter::folderFor(const std::string& path, const std::optional<std::string>& delimiter,
-                                 FolderRole role) {
+FolderID MailImporter::folderFor(const std::string& path,
+                                 const std::optional<std::string>& delimiter, FolderRole role) {
     for (const auto& folder : store_.folders(account_)) {
         if (folder.path == path) return folder.id;
     }
@@ -196,10 +202,11 @@ ImportReport MailImporter::importMbox(const fs::path& file, const std::string& f
 
     ImportReport report;
     const std::size_t slash = folderPath.rfind('/');
-    FolderTarget target{folderFor(folderPath, std::string("/"),
-                                  folderRoleForName(slash == std::string::npos ? folderPath
-                                                                               : folderPath.substr(slash + 1))),
-                        folderPath, 1, 1};
+    FolderTarget target{
+        folderFor(folderPath, std::string("/"),
+                  folderRoleForName(slash == std::string::npos ? folderPath
+                                                               : folderPath.substr(slash + 1))),
+        folderPath, 1, 1};
     report.folders.push_back(target.id);
 
     std::vector<Source> sources;
@@ -236,14 +243,18 @@ void MailImporter::importSources(const FolderTarget& target, std::vector<Source>
     std::unordered_map<std::string, LedgerEntry> ledger;
     std::uint32_t highest = 0;
     store_.read([&](SQLiteDatabase& db) {
-        db.forEachRow("SELECT source_key, uid, flags FROM import_sources WHERE folder_id = ?", {folder},
-                      [&](const SQLRow& row) {
-                          ledger[row.text(0)] = {static_cast<std::uint32_t>(row.int64(1)), row.text(2)};
-                          return true;
-                      });
-        const auto inMessages = db.scalarInt("SELECT MAX(uid) FROM messages WHERE folder_id = ?", {folder});
-        const auto inLedger = db.scalarInt("SELECT MAX(uid) FROM import_sources WHERE folder_id = ?", {folder});
-        highest = static_cast<std::uint32_t>(std::max(inMessages.value_or(0), inLedger.value_or(0)));
+        db.forEachRow(
+            "SELECT source_key, uid, flags FROM import_sources WHERE folder_id = ?", {folder},
+            [&](const SQLRow& row) {
+                ledger[row.text(0)] = {static_cast<std::uint32_t>(row.int64(1)), row.text(2)};
+                return true;
+            });
+        const auto inMessages =
+            db.scalarInt("SELECT MAX(uid) FROM messages WHERE folder_id = ?", {folder});
+        const auto inLedger =
+            db.scalarInt("SELECT MAX(uid) FROM import_sources WHERE folder_id = ?", {folder});
+        highest =
+            static_cast<std::uint32_t>(std::max(inMessages.value_or(0), inLedger.value_or(0)));
     });
 
     std::vector<Source> pending;
@@ -290,8 +301,8 @@ void MailImporter::importSources(const FolderTarget& target, std::vector<Source>
         begin = end;
     }
 
-    const unsigned workers = options.workers != 0 ? options.workers
-                                                  : std::max(1u, std::thread::hardware_concurrency());
+    const unsigned workers =
+        options.workers != 0 ? options.workers : std::max(1u, std::thread::hardware_concurrency());
     const MessageParser parser(limits_);
     const Date now = clock_();
     auto parseOne = [&](const Source& s) {
@@ -323,7 +334,8 @@ void MailImporter::importSources(const FolderTarget& target, std::vector<Source>
                 outcomes[i] = parseOne(pending[range.first + i]);
             }
         };
-        const unsigned threads = std::min<unsigned>(workers, static_cast<unsigned>(outcomes.size()));
+        const unsigned threads =
+            std::min<unsigned>(workers, static_cast<unsigned>(outcomes.size()));
         if (threads <= 1) {
             run();
         } else {
@@ -340,7 +352,8 @@ void MailImporter::importSources(const FolderTarget& target, std::vector<Source>
     for (std::size_t b = 0; b < batches.size(); ++b) {
         std::vector<Outcome> outcomes = next.get();
         // Parse the next batch while this one is filed.
-        if (b + 1 < batches.size()) next = std::async(std::launch::async, parseBatch, batches[b + 1]);
+        if (b + 1 < batches.size())
+            next = std::async(std::launch::async, parseBatch, batches[b + 1]);
         std::vector<PreparedMessage> batch;
         std::vector<const Source*> filed;
         for (std::size_t i = 0; i < outcomes.size(); ++i) {
@@ -351,15 +364,17 @@ void MailImporter::importSources(const FolderTarget& target, std::vector<Source>
             } else {
                 ++report.failed;
                 ++progress.failed;
-                if (report.failures.size() < 100) report.failures.push_back({s.label, outcomes[i].error});
+                if (report.failures.size() < 100)
+                    report.failures.push_back({s.label, outcomes[i].error});
             }
         }
         try {
             ingestor.file(std::move(batch), [&](SQLiteDatabase& db, const std::vector<MessageID>&) {
                 for (const Source* s : filed) {
-                    db.run("INSERT OR REPLACE INTO import_sources(folder_id, source_key, uid, flags) "
-                           "VALUES (?, ?, ?, ?)",
-                           {folder, s->key, s->uid, flagsText(s->flags)});
+                    db.run(
+                        "INSERT OR REPLACE INTO import_sources(folder_id, source_key, uid, flags) "
+                        "VALUES (?, ?, ?, ?)",
+                        {folder, s->key, s->uid, flagsText(s->flags)});
                 }
             });
         } catch (...) {

@@ -19,25 +19,25 @@
 // used by others meanwhile (it serialises its own operations).
 #pragma once
 
-#include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/MessageParser.h"
-#include "MailCore/Store/SQLiteMailStore.h"
-
 #include <cstddef>
 #include <filesystem>
 #include <functional>
 #include <string>
 #include <vector>
 
+#include "MailCore/Common/Clock.h"
+#include "MailCore/MIME/MessageParser.h"
+#include "MailCore/Store/SQLiteMailStore.h"
+
 namespace mailcore {
 
 struct ImportProgress {
-    std::string folder;            // the folder being imported
-    std::size_t folderIndex = 0;   // 1-based
+    std::string folder;           // the folder being imported
+    std::size_t folderIndex = 0;  // 1-based
     std::size_t folderCount = 0;
-    std::size_t found = 0;         // messages found in the folders listed so far
-    std::size_t imported = 0;      // filed by this import
-    std::size_t skipped = 0;       // filed by an earlier import
+    std::size_t found = 0;     // messages found in the folders listed so far
+    std::size_t imported = 0;  // filed by this import
+    std::size_t skipped = 0;   // filed by an earlier import
     std::size_t failed = 0;
 };
 
@@ -56,9 +56,9 @@ struct ImportReport {
 };
 
 struct ImportOptions {
-    std::size_t batchSize = 500;                    // messages per transaction
-    std::size_t batchBytes = 32 * 1024 * 1024;      // raw bytes per transaction
-    unsigned workers = 0;                           // parsing threads; 0: one per core
+    std::size_t batchSize = 500;                          // messages per transaction
+    std::size_t batchBytes = 32 * 1024 * 1024;            // raw bytes per transaction
+    unsigned workers = 0;                                 // parsing threads; 0: one per core
     std::function<void(const ImportProgress&)> progress;  // after each batch
 };
 
@@ -72,7 +72,8 @@ public:
     // Throws MailError (the root cannot be read, "account not found", storage
     // failures); a message that cannot be read or parsed is reported in the
     // result and the import goes on.
-    ImportReport importMaildir(const std::filesystem::path& root, const ImportOptions& options = {});
+    ImportReport importMaildir(const std::filesystem::path& root,
+                               const ImportOptions& options = {});
 
     // One mbox file into the folder `folderPath` (created if missing, its
     // role guessed from the name).
@@ -85,7 +86,8 @@ private:
     FolderID folderFor(const std::string& path, const std::optional<std::string>& delimiter,
                        FolderRole role);
     void importSources(const FolderTarget& target, std::vector<Source> sources,
-                       const ImportOptions& options, ImportProgress& progress, ImportReport& report);
+                       const ImportOptions& options, ImportProgress& progress,
+                       ImportReport& report);
 
     SQLiteMailStore& store_;
     AccountID account_;

@@ -1,12 +1,12 @@
 #include "MailCore/MIME/MailSources.h"
-#include "MailCore/MIME/MIMEText.h"
-
-#include "MailCore/Common/MailError.h"
 
 #include <algorithm>
 #include <cstring>
 #include <ctime>
 #include <system_error>
+
+#include "MailCore/Common/MailError.h"
+#include "MailCore/MIME/MIMEText.h"
 
 namespace mailcore {
 
@@ -48,9 +48,10 @@ void collectNested(const fs::path& root, const fs::path& dir, int depth,
             if (!isMaildir(child)) continue;
             const std::string path = name.substr(1);
             const std::size_t lastDot = path.rfind('.');
-            out.push_back({path, std::string("."),
-                           folderRoleForName(lastDot == std::string::npos ? path : path.substr(lastDot + 1)),
-                           child});
+            out.push_back(
+                {path, std::string("."),
+                 folderRoleForName(lastDot == std::string::npos ? path : path.substr(lastDot + 1)),
+                 child});
             continue;
         }
         if (name[0] == '.') continue;  // hidden directories of other programs
@@ -121,7 +122,8 @@ bool isSeparatorLine(std::string_view line) {
     if (line.substr(0, 5) != "From ") return false;
     for (std::size_t i = 5; i + 4 < line.size(); ++i) {
         auto digit = [&](std::size_t k) { return line[k] >= '0' && line[k] <= '9'; };
-        if (line[i + 2] == ':' && digit(i) && digit(i + 1) && digit(i + 3) && digit(i + 4)) return true;
+        if (line[i + 2] == ':' && digit(i) && digit(i + 1) && digit(i + 3) && digit(i + 4))
+            return true;
     }
     return false;
 }
@@ -129,7 +131,8 @@ bool isSeparatorLine(std::string_view line) {
 bool looksLikeHeaderLine(std::string_view text) {
     const std::size_t colon = text.find(':');
     const std::size_t newline = text.find('\n');
-    if (colon == std::string_view::npos || colon == 0 || (newline != std::string_view::npos && newline < colon))
+    if (colon == std::string_view::npos || colon == 0 ||
+        (newline != std::string_view::npos && newline < colon))
         return false;
     for (std::size_t i = 0; i < colon; ++i) {
         const auto c = static_cast<unsigned char>(text[i]);
@@ -146,18 +149,22 @@ FolderRole folderRoleForName(std::string_view name) {
     if (n == "sent" || n == "sent items" || n == "sent mail" || n == "sent messages" ||
         n == "gesendet" || n == "envoyés")
         return FolderRole::sent;
-    if (n == "drafts" || n == "draft" || n == "entwürfe" || n == "brouillons") return FolderRole::drafts;
+    if (n == "drafts" || n == "draft" || n == "entwürfe" || n == "brouillons")
+        return FolderRole::drafts;
     if (n == "trash" || n == "deleted items" || n == "deleted messages" || n == "bin" ||
         n == "papierkorb" || n == "corbeille")
         return FolderRole::trash;
-    if (n == "junk" || n == "spam" || n == "junk e-mail" || n == "bulk mail") return FolderRole::junk;
-    if (n == "archive" || n == "archives" || n == "all mail" || n == "archiv") return FolderRole::archive;
+    if (n == "junk" || n == "spam" || n == "junk e-mail" || n == "bulk mail")
+        return FolderRole::junk;
+    if (n == "archive" || n == "archives" || n == "all mail" || n == "archiv")
+        return FolderRole::archive;
     return FolderRole::custom;
 }
 
 std::vector<MaildirFolderSource> findMaildirFolders(const fs::path& root) {
     if (!isDirectory(root)) {
-        throw MailError::storage(StorageFailureKind::ioError, "cannot read maildir " + root.string());
+        throw MailError::storage(StorageFailureKind::ioError,
+                                 "cannot read maildir " + root.string());
     }
     std::vector<MaildirFolderSource> out;
     if (isMaildir(root)) out.push_back({"INBOX", std::nullopt, FolderRole::inbox, root});
@@ -171,15 +178,26 @@ MessageFlags flagsFromMaildirName(std::string_view fileName) {
     if (sep == std::string_view::npos) return flags;
     for (char c : fileName.substr(sep + 3)) {
         switch (c) {
-            case 'D': flags.system |= MessageFlags::draft; break;
-            case 'F': flags.system |= MessageFlags::flagged; break;
-            case 'R': flags.system |= MessageFlags::answered; break;
-            case 'S': flags.system |= MessageFlags::seen; break;
-            case 'T': flags.system |= MessageFlags::deleted; break;
+            case 'D':
+                flags.system |= MessageFlags::draft;
+                break;
+            case 'F':
+                flags.system |= MessageFlags::flagged;
+                break;
+            case 'R':
+                flags.system |= MessageFlags::answered;
+                break;
+            case 'S':
+                flags.system |= MessageFlags::seen;
+                break;
+            case 'T':
+                flags.system |= MessageFlags::deleted;
+                break;
             case 'P':
                 if (flags.keywords.empty()) flags.keywords.push_back("$Forwarded");
                 break;
-            default: break;
+            default:
+                break;
         }
     }
     return flags;
@@ -199,13 +217,13 @@ std::vector<MaildirMessageSource> listMaildirMessages(const fs::path& folder) {
             out.push_back({std::move(unique), it->path(), flagsFromMaildirName(name)});
         }
     }
-    std::sort(out.begin(), out.end(), [](const auto& a, const auto& b) {
-        return a.uniqueName < b.uniqueName;
-    });
+    std::sort(out.begin(), out.end(),
+              [](const auto& a, const auto& b) { return a.uniqueName < b.uniqueName; });
     // The same message in cur/ and new/ (a crash mid-rename): keep one.
-    out.erase(std::unique(out.begin(), out.end(),
-                          [](const auto& a, const auto& b) { return a.uniqueName == b.uniqueName; }),
-              out.end());
+    out.erase(
+        std::unique(out.begin(), out.end(),
+                    [](const auto& a, const auto& b) { return a.uniqueName == b.uniqueName; }),
+        out.end());
     return out;
 }
 
@@ -216,8 +234,9 @@ std::vector<MboxMessageSource> splitMbox(std::string_view data) {
     bool previousBlank = true;
     while (pos < data.size()) {
         const void* nl = std::memchr(data.data() + pos, '\n', data.size() - pos);
-        const std::size_t end = nl == nullptr ? data.size()
-                                              : static_cast<std::size_t>(static_cast<const char*>(nl) - data.data());
+        const std::size_t end =
+            nl == nullptr ? data.size()
+                          : static_cast<std::size_t>(static_cast<const char*>(nl) - data.data());
         const std::string_view line = data.substr(pos, end - pos);
         if ((pos == 0 && line.substr(0, 5) == "From ") || (previousBlank && isSeparatorLine(line)))
             starts.emplace_back(pos, end + 1);
@@ -254,8 +273,9 @@ std::vector<MboxMessageSource> splitMbox(std::string_view data) {
 }
 
 std::string mboxMessageText(std::string_view data, const MboxMessageSource& source) {
-    const std::string_view text =
-        source.offset >= data.size() ? std::string_view() : data.substr(source.offset, source.length);
+    const std::string_view text = source.offset >= data.size()
+                                      ? std::string_view()
+                                      : data.substr(source.offset, source.length);
     std::string out;
     out.reserve(text.size());
     std::size_t pos = 0;

@@ -15,14 +15,14 @@
 // All functions are thread-safe; they read the file system only.
 #pragma once
 
-#include "MailCore/Store/StoreTypes.h"
-
 #include <cstdint>
 #include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "MailCore/Store/StoreTypes.h"
 
 namespace mailcore {
 
@@ -59,8 +59,8 @@ std::vector<MaildirMessageSource> listMaildirMessages(const std::filesystem::pat
 MessageFlags flagsFromMaildirName(std::string_view fileName);
 
 struct MboxMessageSource {
-    std::uint64_t offset = 0;  // of the message's first header line
-    std::uint64_t length = 0;  // up to, not including, the next "From " line
+    std::uint64_t offset = 0;          // of the message's first header line
+    std::uint64_t length = 0;          // up to, not including, the next "From " line
     std::optional<Date> internalDate;  // from the "From " line
     MessageFlags flags;
 };

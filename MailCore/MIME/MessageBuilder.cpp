@@ -1,11 +1,11 @@
 #include "MailCore/MIME/MessageBuilder.h"
-#include "MailCore/MIME/MIMEText.h"
+
+#include <algorithm>
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/MIME/GMimeSupport.h"
-
-#include <algorithm>
+#include "MailCore/MIME/MIMEText.h"
 
 namespace mailcore {
 
@@ -50,8 +50,8 @@ void addMailboxes(GMimeMessage* message, GMimeAddressType type,
     for (const auto& a : addresses) {
         checkHeaderText(a.name);
         if (!isValidEmail(a.email)) throw invalid("invalid address: " + a.email);
-        GObjectPtr<InternetAddress> mailbox = adoptGObject(
-            internet_address_mailbox_new(a.name.empty() ? nullptr : a.name.c_str(), a.email.c_str()));
+        GObjectPtr<InternetAddress> mailbox = adoptGObject(internet_address_mailbox_new(
+            a.name.empty() ? nullptr : a.name.c_str(), a.email.c_str()));
         internet_address_set_charset(mailbox.get(), "utf-8");
         internet_address_list_add(list, mailbox.get());
     }
@@ -70,23 +70,26 @@ GObjectPtr<GMimeObject> textPart(const char* subtype, const std::string& content
 }
 
 GObjectPtr<GMimeObject> attachmentPart(const OutgoingAttachment& attachment) {
-    std::string type = attachment.mimeType.empty() ? "application/octet-stream" : attachment.mimeType;
+    std::string type =
+        attachment.mimeType.empty() ? "application/octet-stream" : attachment.mimeType;
     checkHeaderText(type);
     checkHeaderText(attachment.filename);
     const std::size_t slash = type.find('/');
     const std::string media = slash == std::string::npos ? "application" : type.substr(0, slash);
     const std::string sub = slash == std::string::npos ? "octet-stream" : type.substr(slash + 1);
-    GObjectPtr<GMimePart> part = adoptGObject(g_mime_part_new_with_type(media.c_str(), sub.c_str()));
+    GObjectPtr<GMimePart> part =
+        adoptGObject(g_mime_part_new_with_type(media.c_str(), sub.c_str()));
     GObjectPtr<GMimeStream> stream = adoptGObject(
         g_mime_stream_mem_new_with_buffer(attachment.data.data(), attachment.data.size()));
     GObjectPtr<GMimeDataWrapper> content = adoptGObject(
         g_mime_data_wrapper_new_with_stream(stream.get(), GMIME_CONTENT_ENCODING_DEFAULT));
     g_mime_part_set_content(part.get(), content.get());
     g_mime_part_set_content_encoding(part.get(), GMIME_CONTENT_ENCODING_BASE64);
-    g_mime_object_set_disposition(GMIME_OBJECT(part.get()),
-                                  attachment.isInline ? GMIME_DISPOSITION_INLINE
-                                                      : GMIME_DISPOSITION_ATTACHMENT);
-    if (!attachment.filename.empty()) g_mime_part_set_filename(part.get(), attachment.filename.c_str());
+    g_mime_object_set_disposition(GMIME_OBJECT(part.get()), attachment.isInline
+                                                                ? GMIME_DISPOSITION_INLINE
+                                                                : GMIME_DISPOSITION_ATTACHMENT);
+    if (!attachment.filename.empty())
+        g_mime_part_set_filename(part.get(), attachment.filename.c_str());
     if (attachment.contentID) {
         if (!isValidMessageID(*attachment.contentID)) throw invalid("invalid content id");
         g_mime_object_set_content_id(GMIME_OBJECT(part.get()), attachment.contentID->c_str());
@@ -142,12 +145,12 @@ BuiltMessage MessageBuilder::build(const ComposedMessage& input, MessageBuildOpt
     if (!isValidMessageID(messageID)) throw invalid("invalid message id");
     g_mime_message_set_message_id(msg, messageID.c_str());
     if (!input.inReplyTo.empty()) {
-        g_mime_object_set_header(GMIME_OBJECT(msg), "In-Reply-To", bracketed(input.inReplyTo).c_str(),
-                                 nullptr);
+        g_mime_object_set_header(GMIME_OBJECT(msg), "In-Reply-To",
+                                 bracketed(input.inReplyTo).c_str(), nullptr);
     }
     if (!input.references.empty()) {
-        g_mime_object_set_header(GMIME_OBJECT(msg), "References", bracketed(input.references).c_str(),
-                                 nullptr);
+        g_mime_object_set_header(GMIME_OBJECT(msg), "References",
+                                 bracketed(input.references).c_str(), nullptr);
     }
 
     GObjectPtr<GMimeObject> body = textPart("plain", input.text);
@@ -193,7 +196,8 @@ void setReplyHeaders(ComposedMessage& reply, const std::optional<std::string>& p
     constexpr std::size_t maxReferences = 20;
     if (reply.references.size() > maxReferences) {
         std::vector<std::string> kept{reply.references.front()};
-        kept.insert(kept.end(), reply.references.end() - (maxReferences - 1), reply.references.end());
+        kept.insert(kept.end(), reply.references.end() - (maxReferences - 1),
+                    reply.references.end());
         reply.references = std::move(kept);
     }
 }

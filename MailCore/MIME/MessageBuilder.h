@@ -11,12 +11,12 @@
 // source for a missing Message-ID); it may run on many threads at once.
 #pragma once
 
-#include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/AddressFormat.h"
-
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "MailCore/Common/Clock.h"
+#include "MailCore/MIME/AddressFormat.h"
 
 namespace mailcore {
 

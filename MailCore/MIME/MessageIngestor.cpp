@@ -60,7 +60,8 @@ PreparedMessage prepareMessage(const ParsedMessage& parsed, const AccountID& acc
     b.structure = encodeStructure(parsed);
     b.isTruncated = parsed.isTruncated;
     b.fetchedAt = now;
-    b.bytes = static_cast<std::int64_t>(parsed.text.size() + (parsed.html ? parsed.html->size() : 0));
+    b.bytes =
+        static_cast<std::int64_t>(parsed.text.size() + (parsed.html ? parsed.html->size() : 0));
 
     out.attachments.reserve(parsed.attachments.size());
     for (const auto& a : parsed.attachments) {
@@ -98,7 +99,8 @@ std::vector<MessageID> MessageIngestor::file(
         const std::vector<MessageID> ids = store_.upsertSync(fields);
         std::vector<std::pair<MessageID, StoredBody>> bodies;
         bodies.reserve(batch.size());
-        for (std::size_t i = 0; i < batch.size(); ++i) bodies.emplace_back(ids[i], std::move(batch[i].body));
+        for (std::size_t i = 0; i < batch.size(); ++i)
+            bodies.emplace_back(ids[i], std::move(batch[i].body));
         store_.saveBodies(bodies);
         for (std::size_t i = 0; i < batch.size(); ++i) {
             store_.replaceAttachments(ids[i], batch[i].attachments);

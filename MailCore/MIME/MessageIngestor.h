@@ -8,15 +8,15 @@
 // store's own serialisation (the store's lock); it holds no other state.
 #pragma once
 
-#include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/MessageParser.h"
-#include "MailCore/Store/MessageRecords.h"
-#include "MailCore/Store/SQLiteMailStore.h"
-
 #include <functional>
 #include <optional>
 #include <string_view>
 #include <vector>
+
+#include "MailCore/Common/Clock.h"
+#include "MailCore/MIME/MessageParser.h"
+#include "MailCore/Store/MessageRecords.h"
+#include "MailCore/Store/SQLiteMailStore.h"
 
 namespace mailcore {
 
@@ -62,7 +62,8 @@ public:
     // after the messages are filed (importers record their progress there).
     std::vector<MessageID> file(
         std::vector<PreparedMessage> batch,
-        const std::function<void(SQLiteDatabase&, const std::vector<MessageID>&)>& inSameTransaction = {});
+        const std::function<void(SQLiteDatabase&, const std::vector<MessageID>&)>&
+            inSameTransaction = {});
 
     const MessageParser& parser() const { return parser_; }
 

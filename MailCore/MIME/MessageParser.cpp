@@ -1,14 +1,14 @@
 #include "MailCore/MIME/MessageParser.h"
 
+#include <algorithm>
+#include <array>
+#include <cstring>
+
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/GMimeSupport.h"
 #include "MailCore/MIME/MIMEText.h"
 #include "MailCore/Store/ThreadingKeys.h"
-
-#include <algorithm>
-#include <array>
-#include <cstring>
 
 namespace mailcore {
 
@@ -27,8 +27,8 @@ std::string trim(std::string_view text) {
     std::size_t b = 0;
     std::size_t e = text.size();
     while (b < e && (text[b] == ' ' || text[b] == '\t' || text[b] == '\r' || text[b] == '\n')) ++b;
-    while (e > b &&
-           (text[e - 1] == ' ' || text[e - 1] == '\t' || text[e - 1] == '\r' || text[e - 1] == '\n'))
+    while (e > b && (text[e - 1] == ' ' || text[e - 1] == '\t' || text[e - 1] == '\r' ||
+                     text[e - 1] == '\n'))
         --e;
     return std::string(text.substr(b, e - b));
 }
@@ -59,11 +59,20 @@ std::string escapeHTML(std::string_view text) {
     out.reserve(text.size() + 16);
     for (char c : text) {
         switch (c) {
-            case '&': out += "&amp;"; break;
-            case '<': out += "&lt;"; break;
-            case '>': out += "&gt;"; break;
-            case '"': out += "&quot;"; break;
-            default: out += c;
+            case '&':
+                out += "&amp;";
+                break;
+            case '<':
+                out += "&lt;";
+                break;
+            case '>':
+                out += "&gt;";
+                break;
+            case '"':
+                out += "&quot;";
+                break;
+            default:
+                out += c;
         }
     }
     return out;
@@ -82,7 +91,8 @@ std::size_t structuralCut(std::string_view raw, const MessageParserLimits& limit
     while (pos < raw.size()) {
         if (raw[pos] == '-' && pos + 1 < raw.size() && raw[pos + 1] == '-') {
             if (++boundaryLines > maxBoundaryLines) return pos;
-        } else if ((raw[pos] == 'c' || raw[pos] == 'C') && startsWithNoCase(raw, pos, "content-type:")) {
+        } else if ((raw[pos] == 'c' || raw[pos] == 'C') &&
+                   startsWithNoCase(raw, pos, "content-type:")) {
             if (++typeLines > maxTypeLines) return pos;
         }
         const void* next = std::memchr(raw.data() + pos, '\n', raw.size() - pos);
@@ -115,10 +125,10 @@ std::string dispositionOf(GMimeObject* object) {
 
 std::string extensionFor(const std::string& mimeType) {
     static constexpr std::pair<std::string_view, std::string_view> known[] = {
-        {"application/pdf", ".pdf"}, {"image/png", ".png"},   {"image/jpeg", ".jpg"},
-        {"image/gif", ".gif"},       {"text/plain", ".txt"},  {"text/html", ".html"},
+        {"application/pdf", ".pdf"}, {"image/png", ".png"},       {"image/jpeg", ".jpg"},
+        {"image/gif", ".gif"},       {"text/plain", ".txt"},      {"text/html", ".html"},
         {"text/calendar", ".ics"},   {"application/zip", ".zip"}, {"message/rfc822", ".eml"},
-        {"text/csv", ".csv"},        {"image/webp", ".webp"}, {"text/vcard", ".vcf"},
+        {"text/csv", ".csv"},        {"image/webp", ".webp"},     {"text/vcard", ".vcf"},
         {"text/x-vcard", ".vcf"}};
     for (const auto& [type, ext] : known) {
         if (type == mimeType) return std::string(ext);
@@ -136,7 +146,8 @@ std::string safeFilename(std::string name, const std::string& mimeType) {
         if (static_cast<unsigned char>(c) >= 0x20 && c != 0x7F) clean += c;
     }
     clean = trim(clean);
-    if (clean.empty() || clean == "." || clean == "..") return "attachment" + extensionFor(mimeType);
+    if (clean.empty() || clean == "." || clean == "..")
+        return "attachment" + extensionFor(mimeType);
     return cutUTF8(clean, 255);
 }
 
@@ -276,7 +287,9 @@ enum class Context { body, resource, attachment };
 class Walker {
 public:
     Walker(const MessageParserLimits& limits, ParsedMessage& out)
-        : limits_(limits), out_(out), textBudget_(limits.maxBodyBytes),
+        : limits_(limits),
+          out_(out),
+          textBudget_(limits.maxBodyBytes),
           htmlBudget_(limits.maxBodyBytes) {}
 
     std::vector<Piece> walk(GMimeObject* object, const std::string& id, std::size_t depth,
@@ -305,7 +318,8 @@ private:
         part.partID = id.empty() ? "TEXT" : id;
         part.mimeType = mimeType;
         part.size = size;
-        part.charset = lower(headerText(g_mime_object_get_content_type_parameter(object, "charset"), 64));
+        part.charset =
+            lower(headerText(g_mime_object_get_content_type_parameter(object, "charset"), 64));
         part.disposition = dispositionOf(object);
         out_.parts.push_back(std::move(part));
     }
@@ -371,18 +385,20 @@ private:
         }
         if (type == "multipart/related") {
             int root = 0;
-            std::string start = headerText(g_mime_object_get_content_type_parameter(object, "start"), 500);
+            std::string start =
+                headerText(g_mime_object_get_content_type_parameter(object, "start"), 500);
             if (start.size() >= 2 && start.front() == '<' && start.back() == '>')
                 start = start.substr(1, start.size() - 2);
             if (!start.empty()) {
                 for (int i = 0; i < count; ++i) {
-                    const char* cid = g_mime_object_get_content_id(g_mime_multipart_get_part(multipart, i));
+                    const char* cid =
+                        g_mime_object_get_content_id(g_mime_multipart_get_part(multipart, i));
                     if (cid != nullptr && start == cid) root = i;
                 }
             }
             for (int i = 0; i < count; ++i) {
-                auto child = walk(g_mime_multipart_get_part(multipart, i), childID(id, i), depth + 1,
-                                  i == root ? Context::body : Context::resource, false);
+                auto child = walk(g_mime_multipart_get_part(multipart, i), childID(id, i),
+                                  depth + 1, i == root ? Context::body : Context::resource, false);
                 for (auto& p : child) pieces.push_back(std::move(p));
             }
             return pieces;
@@ -438,7 +454,8 @@ private:
         const std::string disposition = dispositionOf(object);
         std::string filename =
             headerText(g_mime_object_get_content_disposition_parameter(object, "filename"), 500);
-        if (filename.empty()) filename = headerText(g_mime_object_get_content_type_parameter(object, "name"), 500);
+        if (filename.empty())
+            filename = headerText(g_mime_object_get_content_type_parameter(object, "name"), 500);
         if (filename.empty() && inner != nullptr) {
             const std::string subject = headerText(g_mime_message_get_subject(inner), 200);
             if (!subject.empty()) filename = subject + ".eml";
@@ -488,10 +505,10 @@ private:
         if (!bodyCandidate) {
             const std::int64_t size = readContent(part, 0, nullptr);
             recordPart(object, leafID, type, size);
-            const bool isInline = context == Context::resource
-                                      ? disposition != "attachment"
-                                      : disposition == "inline" && !filename.empty() &&
-                                            type.rfind("image/", 0) == 0;
+            const bool isInline =
+                context == Context::resource
+                    ? disposition != "attachment"
+                    : disposition == "inline" && !filename.empty() && type.rfind("image/", 0) == 0;
             addAttachment(object, leafID, std::move(filename), type, size, isInline);
             return pieces;
         }
@@ -545,8 +562,9 @@ ParsedMessage MessageParser::parse(std::string_view raw) const {
         adoptGObject(g_mime_parser_construct_message(parser.get(), mimeParserOptions()));
     if (!message) {
         // Not even a header block: keep the bytes as the text body.
-        result.text = cutUTF8(normaliseNewlines(convertToUTF8(raw.substr(0, limits_.maxBodyBytes), "")),
-                              limits_.maxBodyBytes);
+        result.text =
+            cutUTF8(normaliseNewlines(convertToUTF8(raw.substr(0, limits_.maxBodyBytes), "")),
+                    limits_.maxBodyBytes);
         result.snippet = makeSnippet(result.text, limits_.snippetCharacters);
         return result;
     }
@@ -568,13 +586,16 @@ ParsedMessage MessageParser::parse(std::string_view raw) const {
     }
     const std::string messageID = headerText(g_mime_message_get_message_id(msg), 998);
     if (!messageID.empty()) result.messageID = messageID;
-    result.inReplyTo = parseIdentifiers(g_mime_object_get_header(root, "In-Reply-To"), limits_.maxReferences);
-    result.references = parseIdentifiers(g_mime_object_get_header(root, "References"), limits_.maxReferences);
+    result.inReplyTo =
+        parseIdentifiers(g_mime_object_get_header(root, "In-Reply-To"), limits_.maxReferences);
+    result.references =
+        parseIdentifiers(g_mime_object_get_header(root, "References"), limits_.maxReferences);
 
     Walker walker(limits_, result);
     GMimeObject* body = g_mime_message_get_mime_part(msg);
     const std::string bodyID = body != nullptr && GMIME_IS_MULTIPART(body) ? "" : "1";
-    const Piece piece = compose(walker.walk(body, bodyID, 0, Context::body, true), limits_.maxBodyBytes);
+    const Piece piece =
+        compose(walker.walk(body, bodyID, 0, Context::body, true), limits_.maxBodyBytes);
     if (piece.hasText) {
         result.text = piece.text;
     } else if (piece.hasHTML) {

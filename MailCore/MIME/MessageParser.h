@@ -12,15 +12,15 @@
 // many threads at once.
 #pragma once
 
-#include "MailCore/Common/Clock.h"
-#include "MailCore/MIME/AddressFormat.h"
-
 #include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "MailCore/Common/Clock.h"
+#include "MailCore/MIME/AddressFormat.h"
 
 namespace mailcore {
 

@@ -1,9 +1,9 @@
 #include "MailCore/Workflow/WorkflowDescription.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
-
-#include <fmt/format.h>
 
 #include "MailCore/Workflow/WorkflowText.h"
 
@@ -30,7 +30,8 @@ std::string joinList(const std::vector<std::string>& items, const std::string& w
 
 std::string valueList(const std::vector<std::string>& values) {
     std::vector<std::string> shown;
-    for (std::size_t i = 0; i < values.size() && i < shownValues; ++i) shown.push_back(quote(values[i]));
+    for (std::size_t i = 0; i < values.size() && i < shownValues; ++i)
+        shown.push_back(quote(values[i]));
     if (values.size() > shownValues) {
         const std::size_t rest = values.size() - shownValues;
         shown.push_back(fmt::format("{} other{}", rest, rest == 1 ? "" : "s"));
@@ -93,8 +94,10 @@ std::string actionPhrase(const WorkflowAction& a) {
     if (a.type == "mark_read") return "mark it read";
     if (a.type == "star") return "star it";
     if (a.type == "remind") return "remind you about it";
-    if (a.type == "notify") return a.message.empty() ? "notify you" : "notify you with " + quote(a.message);
-    if (a.type == "show_notice") return "show the notice " + quote(a.title) + " above the message list";
+    if (a.type == "notify")
+        return a.message.empty() ? "notify you" : "notify you with " + quote(a.message);
+    if (a.type == "show_notice")
+        return "show the notice " + quote(a.title) + " above the message list";
     if (a.type == "add_to_collection") return "add it to the collection " + quote(a.collection);
     if (a.type == "draft_reply") {
         return a.instruction
@@ -106,7 +109,8 @@ std::string actionPhrase(const WorkflowAction& a) {
     if (a.type == "digest") return "save a digest draft " + quote(a.title);
     if (a.type == "extract") {
         std::vector<std::string> names;
-        for (const std::string& f : a.fields) names.push_back(workflowtext::displayText(f, shownLength));
+        for (const std::string& f : a.fields)
+            names.push_back(workflowtext::displayText(f, shownLength));
         return "copy " + joinList(names, "and") + " into the file " +
                quote(workflowtext::displayText(a.file, 60) + ".jsonl") + " in the app's folder";
     }
@@ -124,9 +128,12 @@ std::string accountsPhrase(const std::vector<std::string>& accounts, const char*
 
 std::string_view riskName(WorkflowRisk risk) {
     switch (risk) {
-        case WorkflowRisk::low: return "low";
-        case WorkflowRisk::medium: return "medium";
-        case WorkflowRisk::high: return "high";
+        case WorkflowRisk::low:
+            return "low";
+        case WorkflowRisk::medium:
+            return "medium";
+        case WorkflowRisk::high:
+            return "high";
     }
     return "high";
 }
@@ -154,7 +161,8 @@ std::string describeWorkflow(const WorkflowSpec& spec) {
     std::vector<std::string> conditions;
     for (const WorkflowCondition& c : spec.conditions) conditions.push_back(conditionPhrase(c));
     std::string that;
-    if (!conditions.empty()) that = " that " + joinList(conditions, spec.match == "any" ? "or" : "and");
+    if (!conditions.empty())
+        that = " that " + joinList(conditions, spec.match == "any" ? "or" : "and");
 
     std::vector<std::string> actions;
     for (const WorkflowAction& a : spec.actions) actions.push_back(actionPhrase(a));
@@ -171,7 +179,8 @@ std::string describeWorkflow(const WorkflowSpec& spec) {
     }
     if (t.type == "no_reply") {
         return "When a message you sent" + accountsPhrase(spec.accounts, "from") + that +
-               " gets no reply within " + hoursPhrase(t.afterHours.value_or(0)) + ": " + doing + ".";
+               " gets no reply within " + hoursPhrase(t.afterHours.value_or(0)) + ": " + doing +
+               ".";
     }
     return "When " + quote(t.type) + " happens (unknown trigger)" + that + ": " + doing + ".";
 }

@@ -21,13 +21,13 @@ struct WorkflowMailMessage {
     std::string id;       // the message handle agents know as message_id
     std::string account;  // account key (email)
     std::string folder;
-    std::string from;     // "Name <address>" or a bare address
+    std::string from;             // "Name <address>" or a bare address
     std::vector<std::string> to;  // recipients (to and cc), bare addresses
     std::string subject;
-    std::string date;             // as the backend shows it
-    std::optional<Date> sentAt;   // when known
+    std::string date;            // as the backend shows it
+    std::optional<Date> sentAt;  // when known
     std::string snippet;
-    std::string bodyText;         // may be empty when only the snippet is known
+    std::string bodyText;  // may be empty when only the snippet is known
     bool unread = false;
     bool hasAttachment = false;
     std::vector<WorkflowMailAttachment> attachments;
@@ -38,10 +38,10 @@ public:
     virtual ~WorkflowMailSource() = default;
 
     // The newest messages of `accounts`, newest first, at most `limit`. The
-    // caller always names the accounts; an empty list reads nothing. May throw; callers treat any exception
-    // as "the mail could not be read" and never show its text to an agent.
-    virtual std::vector<WorkflowMailMessage> recentMessages(const std::vector<std::string>& accounts,
-                                                            int limit) = 0;
+    // caller always names the accounts; an empty list reads nothing. May throw; callers treat any
+    // exception as "the mail could not be read" and never show its text to an agent.
+    virtual std::vector<WorkflowMailMessage> recentMessages(
+        const std::vector<std::string>& accounts, int limit) = 0;
 };
 
 }  // namespace mailcore

@@ -1,9 +1,9 @@
 #include "MailCore/Workflow/WorkflowMatcher.h"
 
+#include <fmt/format.h>
+
 #include <ctime>
 #include <set>
-
-#include <fmt/format.h>
 
 #include "MailCore/Workflow/WorkflowText.h"
 
@@ -115,11 +115,13 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
     }
     if (c.type == "from_domain") {
         const std::string domain = domainOf(senderAddress(m.from));
-        return anyValue(c, [&](const std::string& v) { return domainIsWithin(domain, domainValue(v)); });
+        return anyValue(
+            c, [&](const std::string& v) { return domainIsWithin(domain, domainValue(v)); });
     }
     if (c.type == "sender_outside") {
         const std::string domain = domainOf(senderAddress(m.from));
-        return !anyValue(c, [&](const std::string& v) { return domainIsWithin(domain, domainValue(v)); });
+        return !anyValue(
+            c, [&](const std::string& v) { return domainIsWithin(domain, domainValue(v)); });
     }
     if (c.type == "to") {
         return anyValue(c, [&](const std::string& v) {
@@ -130,7 +132,8 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
         });
     }
     if (c.type == "subject") {
-        return anyValue(c, [&](const std::string& v) { return containsText(m.subject, trimmed(v)); });
+        return anyValue(c,
+                        [&](const std::string& v) { return containsText(m.subject, trimmed(v)); });
     }
     if (c.type == "body") {
         return anyValue(c, [&](const std::string& v) { return containsText(body, trimmed(v)); });

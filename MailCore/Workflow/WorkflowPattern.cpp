@@ -26,10 +26,10 @@ pcre2_code* asCode(void* code) { return static_cast<pcre2_code*>(code); }
 WorkflowPattern::WorkflowPattern(const char* pattern) {
     int error = 0;
     PCRE2_SIZE offset = 0;
-    pcre2_code* code = pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern), PCRE2_ZERO_TERMINATED,
-                                     PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF |
-                                         PCRE2_DOLLAR_ENDONLY,
-                                     &error, &offset, nullptr);
+    pcre2_code* code =
+        pcre2_compile(reinterpret_cast<PCRE2_SPTR>(pattern), PCRE2_ZERO_TERMINATED,
+                      PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF | PCRE2_DOLLAR_ENDONLY,
+                      &error, &offset, nullptr);
     if (!code) throw std::logic_error(std::string("pattern does not compile: ") + pattern);
     pcre2_jit_compile(code, PCRE2_JIT_COMPLETE);  // falls back to the interpreter if refused
     code_ = code;

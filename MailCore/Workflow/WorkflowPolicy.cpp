@@ -1,9 +1,9 @@
 #include "MailCore/Workflow/WorkflowPolicy.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <set>
-
-#include <fmt/format.h>
 
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/Workflow/WorkflowPattern.h"
@@ -121,10 +121,12 @@ void checkAccounts(Problems& out, const std::vector<std::string>& accounts,
     if (repeated) out.add("accounts must not repeat.");
     if (!knownAccounts) return;
     std::set<std::string> known;
-    for (const std::string& account : *knownAccounts) known.insert(workflowtext::lowercased(account));
+    for (const std::string& account : *knownAccounts)
+        known.insert(workflowtext::lowercased(account));
     for (const std::string& account : accounts) {
         if (known.count(workflowtext::lowercased(account))) continue;
-        out.add("Unknown account " + quoted(account) + ". Use list_accounts for valid account keys.");
+        out.add("Unknown account " + quoted(account) +
+                ". Use list_accounts for valid account keys.");
     }
 }
 
@@ -133,8 +135,9 @@ void checkConditions(Problems& out, const WorkflowSpec& spec, const WorkflowLimi
         out.add(fmt::format("At most {} conditions are allowed.", limits.maxConditions));
     }
     if (spec.trigger.type == "new_message" && spec.conditions.empty()) {
-        out.add("A new_message workflow needs at least one condition; workflows cannot act on all "
-                "incoming mail.");
+        out.add(
+            "A new_message workflow needs at least one condition; workflows cannot act on all "
+            "incoming mail.");
     }
     for (std::size_t i = 0; i < spec.conditions.size(); ++i) {
         const WorkflowCondition& c = spec.conditions[i];
@@ -193,8 +196,9 @@ void checkExtract(Problems& out, const std::string& at, const WorkflowAction& a,
     }
 }
 
-void checkAction(Problems& out, std::size_t index, const WorkflowAction& a, const WorkflowSpec& spec,
-                 const std::vector<std::string>& grantedTools, const WorkflowLimits& limits) {
+void checkAction(Problems& out, std::size_t index, const WorkflowAction& a,
+                 const WorkflowSpec& spec, const std::vector<std::string>& grantedTools,
+                 const WorkflowLimits& limits) {
     const std::string at = fmt::format("actions[{}]", index);
     const std::string& trigger = spec.trigger.type;
     if (a.type == "apply_label") {
@@ -241,7 +245,8 @@ void checkAction(Problems& out, std::size_t index, const WorkflowAction& a, cons
         return;
     }
     if (const auto permission = permissionForAction(a.type)) {
-        if (std::find(grantedTools.begin(), grantedTools.end(), *permission) == grantedTools.end()) {
+        if (std::find(grantedTools.begin(), grantedTools.end(), *permission) ==
+            grantedTools.end()) {
             out.add(a.type + " needs the " + *permission +
                     " permission, which this app does not have.");
         }
@@ -255,14 +260,15 @@ void checkActions(Problems& out, const WorkflowSpec& spec,
         out.add(fmt::format("At most {} actions are allowed.", limits.maxActions));
     }
     if (spec.trigger.type == "schedule") {
-        const bool onlyDigests = std::all_of(
-            spec.actions.begin(), spec.actions.end(), [](const WorkflowAction& a) {
+        const bool onlyDigests =
+            std::all_of(spec.actions.begin(), spec.actions.end(), [](const WorkflowAction& a) {
                 return a.type == "digest" || !isKnownActionType(a.type);
             });
         if (!onlyDigests) out.add("A schedule workflow may only contain digest actions.");
     }
-    const auto drafts = std::count_if(spec.actions.begin(), spec.actions.end(),
-                                      [](const WorkflowAction& a) { return a.type == "draft_reply"; });
+    const auto drafts =
+        std::count_if(spec.actions.begin(), spec.actions.end(),
+                      [](const WorkflowAction& a) { return a.type == "draft_reply"; });
     if (drafts > 1) out.add("At most one draft_reply action per workflow.");
     for (std::size_t i = 0; i < spec.actions.size(); ++i) {
         checkAction(out, i, spec.actions[i], spec, grantedTools, limits);
@@ -298,10 +304,9 @@ std::optional<std::string> permissionForAction(const std::string& actionType) {
 
 bool isForbiddenActionType(const std::string& actionType) {
     if (isKnownActionType(actionType)) return false;
-    static const std::set<std::string> words = {"send",    "forward",  "fwd",    "move",
-                                                "delete",  "trash",    "archive", "expunge",
-                                                "purge",   "redirect", "bounce", "reply",
-                                                "autoreply", "junk",   "spam"};
+    static const std::set<std::string> words = {
+        "send",  "forward",  "fwd",    "move",  "delete",    "trash", "archive", "expunge",
+        "purge", "redirect", "bounce", "reply", "autoreply", "junk",  "spam"};
     const std::string lower = workflowtext::lowercased(actionType);
     std::size_t start = 0;
     while (start <= lower.size()) {
@@ -318,9 +323,8 @@ std::vector<std::string> placeholderNames(std::string_view text) {
 }
 
 const std::vector<std::string>& knownPlaceholders() {
-    static const std::vector<std::string> names = {"sender_name", "sender_first_name",
-                                                   "sender_email", "subject",
-                                                   "my_name",      "my_first_name"};
+    static const std::vector<std::string> names = {
+        "sender_name", "sender_first_name", "sender_email", "subject", "my_name", "my_first_name"};
     return names;
 }
 

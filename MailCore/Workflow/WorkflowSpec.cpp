@@ -2,7 +2,6 @@
 
 #include <algorithm>
 #include <cmath>
-
 #include <nlohmann/json.hpp>
 
 #include "MailCore/Common/UTF8.h"
@@ -49,8 +48,9 @@ std::int64_t readInteger(const Json& value, const std::string& path) {
     if (value.is_number_integer()) {
         if (value.is_number_unsigned()) {
             const auto u = value.get<std::uint64_t>();
-            return u > static_cast<std::uint64_t>(integerClamp) ? static_cast<std::int64_t>(integerClamp)
-                                                                 : static_cast<std::int64_t>(u);
+            return u > static_cast<std::uint64_t>(integerClamp)
+                       ? static_cast<std::int64_t>(integerClamp)
+                       : static_cast<std::int64_t>(u);
         }
         return value.get<std::int64_t>();
     }
@@ -62,7 +62,8 @@ std::int64_t readInteger(const Json& value, const std::string& path) {
     unreadable(path, "is not an integer");
 }
 
-std::optional<std::int64_t> integerMember(const Json& object, const char* key, const std::string& path) {
+std::optional<std::int64_t> integerMember(const Json& object, const char* key,
+                                          const std::string& path) {
     const Json* value = member(object, key);
     if (!value) return std::nullopt;
     return readInteger(*value, path + key);
@@ -74,7 +75,8 @@ const Json* arrayMember(const Json& object, const char* key, const std::string& 
     return value;
 }
 
-std::vector<std::string> textListMember(const Json& object, const char* key, const std::string& path) {
+std::vector<std::string> textListMember(const Json& object, const char* key,
+                                        const std::string& path) {
     std::vector<std::string> out;
     if (const Json* list = arrayMember(object, key, path)) {
         out.reserve(list->size());
@@ -91,7 +93,8 @@ WorkflowTrigger readTrigger(const Json& json) {
     trigger.minute = integerMember(json, "minute", "trigger.");
     if (const Json* days = arrayMember(json, "weekdays", "trigger.")) {
         trigger.weekdays.reserve(days->size());
-        for (const Json& day : *days) trigger.weekdays.push_back(readInteger(day, "trigger.weekdays[]"));
+        for (const Json& day : *days)
+            trigger.weekdays.push_back(readInteger(day, "trigger.weekdays[]"));
     }
     trigger.afterHours = integerMember(json, "after_hours", "trigger.");
     return trigger;
@@ -131,8 +134,8 @@ bool contains(const std::vector<std::string>& list, const std::string& value) {
 }  // namespace
 
 const std::vector<std::string>& workflowValueConditionTypes() {
-    static const std::vector<std::string> types = {"from", "from_domain", "sender_outside",
-                                                   "to",   "subject",     "body",
+    static const std::vector<std::string> types = {"from", "from_domain",     "sender_outside",
+                                                   "to",   "subject",         "body",
                                                    "text", "attachment_kind", "in_thread"};
     return types;
 }
@@ -144,8 +147,8 @@ const std::vector<std::string>& workflowFlagConditionTypes() {
 
 const std::vector<std::string>& workflowActionTypes() {
     static const std::vector<std::string> types = {
-        "apply_label",       "mark_read",   "star",   "remind",  "notify", "show_notice",
-        "add_to_collection", "draft_reply", "digest", "extract"};
+        "apply_label", "mark_read",         "star",        "remind", "notify",
+        "show_notice", "add_to_collection", "draft_reply", "digest", "extract"};
     return types;
 }
 

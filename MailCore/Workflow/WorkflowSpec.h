@@ -29,10 +29,10 @@ public:
 };
 
 struct WorkflowTrigger {
-    std::string type;                     // "new_message", "schedule" or "no_reply"
-    std::optional<std::int64_t> hour;     // schedule: 0-23, required
-    std::optional<std::int64_t> minute;   // schedule: 0-59, default 0
-    std::vector<std::int64_t> weekdays;   // schedule: 1 = Sunday ... 7 = Saturday; empty = every day
+    std::string type;                    // "new_message", "schedule" or "no_reply"
+    std::optional<std::int64_t> hour;    // schedule: 0-23, required
+    std::optional<std::int64_t> minute;  // schedule: 0-59, default 0
+    std::vector<std::int64_t> weekdays;  // schedule: 1 = Sunday ... 7 = Saturday; empty = every day
     std::optional<std::int64_t> afterHours;  // no_reply: `after_hours`, required
 };
 
@@ -45,11 +45,11 @@ struct WorkflowCondition {
 
 struct WorkflowAction {
     std::string type;
-    std::string label;       // apply_label
-    std::string message;     // notify
-    std::string title;       // show_notice, digest
-    std::string body;        // show_notice
-    std::string collection;  // add_to_collection
+    std::string label;                        // apply_label
+    std::string message;                      // notify
+    std::string title;                        // show_notice, digest
+    std::string body;                         // show_notice
+    std::string collection;                   // add_to_collection
     std::optional<std::string> templateText;  // draft_reply `template`
     std::optional<std::string> instruction;   // draft_reply
     std::vector<std::string> fields;          // extract

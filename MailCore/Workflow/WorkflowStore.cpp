@@ -1,6 +1,7 @@
 #include "MailCore/Workflow/WorkflowStore.h"
 
 #include <fcntl.h>
+#include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -8,10 +9,8 @@
 #include <cmath>
 #include <cstring>
 #include <fstream>
-#include <sstream>
-
-#include <fmt/format.h>
 #include <nlohmann/json.hpp>
+#include <sstream>
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Workflow/WorkflowText.h"
@@ -74,9 +73,12 @@ void writeAll(int fd, const std::string& data) {
 
 std::string_view statusName(WorkflowStatus status) {
     switch (status) {
-        case WorkflowStatus::pendingApproval: return "pending_approval";
-        case WorkflowStatus::active: return "active";
-        case WorkflowStatus::paused: return "paused";
+        case WorkflowStatus::pendingApproval:
+            return "pending_approval";
+        case WorkflowStatus::active:
+            return "active";
+        case WorkflowStatus::paused:
+            return "paused";
     }
     return "paused";
 }
@@ -145,7 +147,8 @@ void WorkflowStore::load() {
             throw WorkflowSpecReadError("not a JSON object");
         }
         const auto list = json.find("workflows");
-        if (list == json.end() || !list->is_array()) throw WorkflowSpecReadError("no workflows list");
+        if (list == json.end() || !list->is_array())
+            throw WorkflowSpecReadError("no workflows list");
         std::vector<StoredWorkflow> records;
         for (const Json& record : *list) records.push_back(StoredWorkflow::fromJson(record));
         records_ = std::move(records);
@@ -154,9 +157,9 @@ void WorkflowStore::load() {
         const auto aside = directory_ / fmt::format("workflows.json.unreadable-{}", now);
         std::error_code ignored;
         std::filesystem::rename(file_, aside, ignored);
-        loadProblem_ = fmt::format("The saved workflows could not be read ({}); the file was kept as {}.",
-                                   workflowtext::displayText(error.what(), 120),
-                                   aside.filename().string());
+        loadProblem_ =
+            fmt::format("The saved workflows could not be read ({}); the file was kept as {}.",
+                        workflowtext::displayText(error.what(), 120), aside.filename().string());
         records_.clear();
     }
 }

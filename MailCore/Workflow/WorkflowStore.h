@@ -39,8 +39,8 @@ struct StoredWorkflow {
     std::string author;      // the harness id that proposed it
     std::string authorName;  // that harness's display name when it proposed it
     WorkflowStatus status = WorkflowStatus::pendingApproval;
-    bool approved = false;   // the user approved the current spec
-    std::string risk;        // "low", "medium" or "high" (see WorkflowDescription.h)
+    bool approved = false;  // the user approved the current spec
+    std::string risk;       // "low", "medium" or "high" (see WorkflowDescription.h)
     Date createdAt;
     Date updatedAt;
     WorkflowSpec spec;
@@ -100,8 +100,8 @@ private:
     std::filesystem::path directory_;
     std::filesystem::path file_;
     mutable std::mutex lock_;
-    std::vector<StoredWorkflow> records_;      // guarded by lock_
-    std::optional<std::string> loadProblem_;   // guarded by lock_
+    std::vector<StoredWorkflow> records_;     // guarded by lock_
+    std::optional<std::string> loadProblem_;  // guarded by lock_
 };
 
 }  // namespace mailcore

@@ -37,9 +37,9 @@ struct WorkflowCaller {
 };
 
 struct WorkflowToolAnswer {
-    std::string text;      // JSON text, or the error message when isError
+    std::string text;  // JSON text, or the error message when isError
     bool isError = false;
-    std::string summary;   // short audit summary: counts and outcomes, no mail content
+    std::string summary;  // short audit summary: counts and outcomes, no mail content
 };
 
 class WorkflowToolHandler {

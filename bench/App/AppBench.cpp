@@ -17,17 +17,16 @@
 #include <cstdlib>
 #include <filesystem>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <random>
 #include <stdexcept>
 #include <string>
 #include <vector>
 
-#include <nlohmann/json.hpp>
-
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -44,12 +43,13 @@ using namespace mailcore;
 // words are very common and most are rare, as in real mail.
 const std::vector<std::string>& vocabulary() {
     static const std::vector<std::string> words = [] {
-        const char* syllables[] = {"ka", "ro", "mi", "te", "su", "lan", "dor", "vi", "pe", "qua",
-                                   "bel", "nor", "tis", "ga", "fu", "ren", "xo", "ly", "mer", "zan"};
+        const char* syllables[] = {"ka", "ro",  "mi",  "te",  "su",  "lan", "dor",
+                                   "vi", "pe",  "qua", "bel", "nor", "tis", "ga",
+                                   "fu", "ren", "xo",  "ly",  "mer", "zan"};
         std::vector<std::string> out;
         for (int i = 0; out.size() < 20000; ++i) {
             std::string w;
-            for (int n = i; ; n /= 20) {
+            for (int n = i;; n /= 20) {
                 w += syllables[n % 20];
                 if (n < 20) break;
             }
@@ -96,10 +96,12 @@ struct World {
         dir = pattern;
         const char* env = std::getenv("KESTRUNE_APP_BENCH_MESSAGES");
         const long count = env ? std::atol(env) : 100000;
-        store = std::make_shared<SQLiteMailStore>(StoreLocation::file((dir / "mail.sqlite").string()));
+        store =
+            std::make_shared<SQLiteMailStore>(StoreLocation::file((dir / "mail.sqlite").string()));
         const Date now = systemClock()();
         kestrune::ensureAccount(*store, {"alex@example.com", "Alex", true}, now);
-        const FolderID inbox = kestrune::folderWithRole(*store, "alex@example.com", FolderRole::inbox);
+        const FolderID inbox =
+            kestrune::folderWithRole(*store, "alex@example.com", FolderRole::inbox);
         std::mt19937 rng(7);
         for (long done = 0; done < count;) {
             std::vector<MessageIndexFields> batch;
@@ -110,8 +112,10 @@ struct World {
                 f.folderID = inbox;
                 f.uid = IMAPUID(static_cast<std::uint32_t>(done + 1));
                 f.subject = sentence(rng, 4);
-                f.threading = ThreadingKeys::fromHeaders("<m" + std::to_string(done) + "@bench>", "", "", f.subject);
-                f.from = {{"Sender " + std::to_string(rng() % 500), "s" + std::to_string(rng() % 500) + "@example.com"}};
+                f.threading = ThreadingKeys::fromHeaders("<m" + std::to_string(done) + "@bench>",
+                                                         "", "", f.subject);
+                f.from = {{"Sender " + std::to_string(rng() % 500),
+                           "s" + std::to_string(rng() % 500) + "@example.com"}};
                 f.to = {{"Alex", "alex@example.com"}};
                 f.date = now - std::chrono::seconds(done * 60);
                 f.flags.system = (rng() % 3) ? std::int64_t{MessageFlags::seen} : std::int64_t{0};
@@ -128,14 +132,16 @@ struct World {
                     b.fetchedAt = now;
                     b.bytes = static_cast<std::int64_t>(bodies[i].size());
                     saved.emplace_back(ids[i], b);
-                    if (rng() % 50 == 0) handles.push_back(kestrune::StoreMailBackend::handle(ids[i]));
+                    if (rng() % 50 == 0)
+                        handles.push_back(kestrune::StoreMailBackend::handle(ids[i]));
                 }
                 store->saveBodies(saved);
             });
         }
         auto tokens = std::make_shared<mcpkit::MCPMemoryTokenStore>();
         auto policy = std::make_shared<mcpkit::MCPPolicyStore>(dir / "state.json", tokens);
-        policy->registerHarness("bench", "Bench", {"bench"}, "kmt_bench_token_0123456789abcdefghij");
+        policy->registerHarness("bench", "Bench", {"bench"},
+                                "kmt_bench_token_0123456789abcdefghij");
         policy->mutate([](mcpkit::MCPState& s) {
             s.settings.masterEnabled = true;
             s.settings.limits.requestsPerMinute = 6000;
@@ -149,16 +155,19 @@ struct World {
         service = std::make_unique<mcpkit::MCPService>(policy, audit, backend, confirmer, bridge);
         const std::string socket = (dir / "mcp/kestrune.sock").string();
         server = std::make_unique<mcpkit::MCPSocketServer>(
-            socket, mcpkit::MCP::maxFrameBytes, [this](const std::string& f) { return service->handleFrame(f); });
+            socket, mcpkit::MCP::maxFrameBytes,
+            [this](const std::string& f) { return service->handleFrame(f); });
         server->start();
         startHelper(socket);
     }
 
     void startHelper(const std::string& socket) {
         const fs::path self = fs::read_symlink("/proc/self/exe");
-        const std::string exe = (self.parent_path().parent_path().parent_path() / "kestrune_mcp/kestrune-mcp").string();
+        const std::string exe =
+            (self.parent_path().parent_path().parent_path() / "kestrune_mcp/kestrune-mcp").string();
         int in[2], out[2];
-        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0) throw std::runtime_error("pipe");
+        if (::pipe2(in, O_CLOEXEC) != 0 || ::pipe2(out, O_CLOEXEC) != 0)
+            throw std::runtime_error("pipe");
         std::string tokenVar = "KESTRUNE_MCP_TOKEN=kmt_bench_token_0123456789abcdefghij";
         std::string socketVar = "KESTRUNE_SOCKET=" + socket;
         std::string homeVar = "HOME=" + dir.string();
@@ -175,7 +184,8 @@ struct World {
         if (spawned != 0) throw std::runtime_error("cannot start kestrune-mcp (build that target)");
         toHelper = in[1];
         fromHelper = out[0];
-        exchange(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})");
+        exchange(
+            R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","capabilities":{},"clientInfo":{"name":"bench","version":"1"}}})");
         send(R"({"jsonrpc":"2.0","method":"notifications/initialized"})");
     }
 
@@ -236,7 +246,9 @@ void timed(benchmark::State& state, Body body) {
     for (auto _ : state) {
         const auto start = std::chrono::steady_clock::now();
         const std::string answer = body(micros.size());
-        micros.push_back(std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start).count());
+        micros.push_back(
+            std::chrono::duration<double, std::micro>(std::chrono::steady_clock::now() - start)
+                .count());
         if (answer.find("\"isError\":true") != std::string::npos) {
             state.SkipWithError(answer.substr(0, 300).c_str());
             break;

@@ -10,23 +10,23 @@
 //
 // bench/MIME/compare_import.sh runs the import side by side with other
 // indexers on the same tree and reports peak memory.
-#include "MailCore/Common/Json.h"
-#include "MailCore/MIME/GMimeSupport.h"
-#include "MailCore/MIME/MailImporter.h"
-#include "MailCore/MIME/MessageBuilder.h"
-#include "MailCore/MIME/MessageParser.h"
-#include "MailCore/Store/SQLiteMailStore.h"
-
 #include <benchmark/benchmark.h>
-#include <nlohmann/json.hpp>
+#include <stdlib.h>
 
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
-#include <stdlib.h>
+
+#include "MailCore/Common/Json.h"
+#include "MailCore/MIME/GMimeSupport.h"
+#include "MailCore/MIME/MailImporter.h"
+#include "MailCore/MIME/MessageBuilder.h"
+#include "MailCore/MIME/MessageParser.h"
+#include "MailCore/Store/SQLiteMailStore.h"
 
 namespace {
 
@@ -73,7 +73,8 @@ void BM_BuildMessage(benchmark::State& state) {
     m.subject = "Grüße – notes";
     m.date = dateFromSeconds(1700000000);
     m.text = std::string(4000, 'x');
-    m.attachments.push_back({"notes.pdf", "application/pdf", std::string(20000, '\x42'), std::nullopt, false});
+    m.attachments.push_back(
+        {"notes.pdf", "application/pdf", std::string(20000, '\x42'), std::nullopt, false});
     for (auto _ : state) benchmark::DoNotOptimize(MessageBuilder::build(m));
     state.SetItemsProcessed(state.iterations());
 }

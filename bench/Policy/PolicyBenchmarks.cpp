@@ -9,11 +9,11 @@
 #include <memory>
 #include <string>
 
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Audit/MCPRedactor.h"
+#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Tokens/MCPToken.h"
-#include "KestruneMCPKit/Audit/MCPAuditLog.h"
-#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
-#include "KestruneMCPKit/Audit/MCPRedactor.h"
 
 namespace {
 

@@ -10,13 +10,13 @@
 #include <filesystem>
 #include <nlohmann/json.hpp>
 
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPSocketLink.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
-#include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/RecordingWorkflows.h"
 #include "tests/fakes/ScriptedConfirmer.h"
@@ -47,10 +47,10 @@ struct World {
             s.settings.limits.requestsPerMinute = 1'000'000'000;
         });
         audit = std::make_shared<MCPAuditLog>(dir / "audit.jsonl");
-        service = std::make_unique<MCPService>(
-            policy, audit, testing::FakeMailBackend::withSampleMail(),
-            std::make_shared<testing::ScriptedConfirmer>(),
-            std::make_shared<testing::RecordingWorkflows>());
+        service =
+            std::make_unique<MCPService>(policy, audit, testing::FakeMailBackend::withSampleMail(),
+                                         std::make_shared<testing::ScriptedConfirmer>(),
+                                         std::make_shared<testing::RecordingWorkflows>());
     }
     ~World() { std::filesystem::remove_all(dir); }
 };
@@ -81,10 +81,9 @@ void BM_SocketCallsFromConcurrentConnections(benchmark::State& state) {
     static MCPSocketServer* server = nullptr;
     if (state.thread_index() == 0) {
         world = new World();
-        server = new MCPSocketServer((world->dir / "k.sock").string(), MCP::maxFrameBytes,
-                                     [](const std::string& f) {
-                                         return world->service->handleFrame(f);
-                                     });
+        server = new MCPSocketServer(
+            (world->dir / "k.sock").string(), MCP::maxFrameBytes,
+            [](const std::string& f) { return world->service->handleFrame(f); });
         server->start();
     }
     // The benchmark loop starts and ends with a barrier across threads, so

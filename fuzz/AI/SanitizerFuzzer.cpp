@@ -37,13 +37,15 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     options.maxSignatureLines = (data[1] >> 2) & 0x07;
     mailcore::SanitizedText result = AIContentSanitizer::sanitize(input, options, format);
     if (!mailcore::utf8::isValid(result.text)) std::abort();
-    if (static_cast<std::int64_t>(mailcore::utf8::characterCount(result.text)) > budget) std::abort();
+    if (static_cast<std::int64_t>(mailcore::utf8::characterCount(result.text)) > budget)
+        std::abort();
 
     auto unlimited = options;
     unlimited.maxCharacters = 1 << 30;
     mailcore::SanitizedText whole = AIContentSanitizer::sanitize(input, unlimited, format);
     if (whole.truncated) std::abort();
-    if (result.truncated != (mailcore::utf8::characterCount(whole.text) > static_cast<std::size_t>(budget)))
+    if (result.truncated !=
+        (mailcore::utf8::characterCount(whole.text) > static_cast<std::size_t>(budget)))
         std::abort();
     if (!result.truncated && result.text != whole.text) std::abort();
 

@@ -2,17 +2,16 @@
 // selection, charset conversion and snippets, then the mapping to the
 // store's records. Checks the invariants every caller relies on: text is
 // valid UTF-8, limits hold, part ids are never empty.
-#include "MailCore/Common/UTF8.h"
-#include "MailCore/MIME/MessageIngestor.h"
-#include "MailCore/MIME/MessageParser.h"
-#include "MailCore/Common/Json.h"
-
-#include <nlohmann/json.hpp>
-
 #include <cstdint>
 #include <cstdlib>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <string_view>
+
+#include "MailCore/Common/Json.h"
+#include "MailCore/Common/UTF8.h"
+#include "MailCore/MIME/MessageIngestor.h"
+#include "MailCore/MIME/MessageParser.h"
 
 namespace {
 
@@ -26,7 +25,8 @@ struct IndexTarget {
 
     IndexTarget() {
         store.saveAccount(account, mailcore::Json::object(), mailcore::dateFromSeconds(0));
-        folder = store.createFolder(account, mailcore::FolderListing{"INBOX", "/", mailcore::FolderRole::inbox, {}});
+        folder = store.createFolder(
+            account, mailcore::FolderListing{"INBOX", "/", mailcore::FolderRole::inbox, {}});
     }
 };
 
@@ -61,7 +61,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         check(a.size >= 0);
     }
     for (const auto* list : {&m.from, &m.to, &m.cc, &m.bcc, &m.replyTo}) {
-        for (const auto& address : *list) check(utf8::isValid(address.name) && utf8::isValid(address.email));
+        for (const auto& address : *list)
+            check(utf8::isValid(address.name) && utf8::isValid(address.email));
     }
 
     // Index: map to the store's records and file them.
@@ -69,7 +70,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     static int filed = 0;
     if (!current || ++filed % 50 == 0) current = std::make_unique<IndexTarget>();
     IndexTarget& target = *current;
-    IncomingMessage incoming{target.folder, IMAPUID(target.nextUID++), {}, std::nullopt, std::nullopt};
+    IncomingMessage incoming{
+        target.folder, IMAPUID(target.nextUID++), {}, std::nullopt, std::nullopt};
     PreparedMessage prepared = prepareMessage(m, target.account, incoming, dateFromSeconds(0));
     check(prepared.attachments.size() == m.attachments.size());
     std::vector<PreparedMessage> batch;

@@ -1,12 +1,12 @@
 // Any text a user or an agent types becomes an FTS5 expression that SQLite
 // accepts: matching it against a real search table never fails.
-#include "MailCore/Store/SQLiteDatabase.h"
-#include "MailCore/Store/SearchExpression.h"
-
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
+
+#include "MailCore/Store/SQLiteDatabase.h"
+#include "MailCore/Store/SearchExpression.h"
 
 using namespace mailcore;
 

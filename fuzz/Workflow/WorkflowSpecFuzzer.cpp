@@ -4,15 +4,14 @@
 // WorkflowSpecReadError, that the canonical form of a readable spec reads
 // back to the same canonical form and the same problems, and that the
 // preview answers every input.
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <nlohmann/json.hpp>
 #include <string>
 #include <string_view>
-
-#include <unistd.h>
-
-#include <nlohmann/json.hpp>
 
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowPolicy.h"
@@ -80,8 +79,8 @@ void check(const Json& value, Harness& harness) {
 
     Json arguments = Json::object();
     arguments["spec"] = canonical;
-    const auto answer = harness.handler.handle({"fuzz", "Fuzz", granted, known}, "preview_workflow",
-                                               arguments);
+    const auto answer =
+        harness.handler.handle({"fuzz", "Fuzz", granted, known}, "preview_workflow", arguments);
     if (answer.text.empty()) std::abort();
 }
 

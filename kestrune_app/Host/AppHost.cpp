@@ -6,11 +6,10 @@
 
 #include <algorithm>
 #include <fstream>
+#include <nlohmann/json.hpp>
 #include <sstream>
 #include <stdexcept>
 #include <thread>
-
-#include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
@@ -37,9 +36,9 @@ std::string fileText(const fs::path& path) {
 }
 
 bool validRequestName(const std::string& stem) {
-    return !stem.empty() && stem.size() <= 64 &&
-           std::all_of(stem.begin(), stem.end(),
-                       [](char c) { return std::isalnum(static_cast<unsigned char>(c)) || c == '-'; });
+    return !stem.empty() && stem.size() <= 64 && std::all_of(stem.begin(), stem.end(), [](char c) {
+        return std::isalnum(static_cast<unsigned char>(c)) || c == '-';
+    });
 }
 
 }  // namespace
@@ -63,26 +62,34 @@ Json handleControl(mailcore::WorkflowStore& workflows, mcpkit::MCPService* servi
         const std::string action = request.value("action", "");
         const std::string id = request.value("id", "");
         mailcore::WorkflowStore::Change change;
-        if (action == "approve") change = workflows.approve(id, now);
-        else if (action == "pause") change = workflows.pause(id, now);
-        else if (action == "resume") change = workflows.resume(id, now);
-        else if (action == "delete") change = workflows.removeByUser(id);
-        else return reply(false, "unknown workflow action " + action);
+        if (action == "approve")
+            change = workflows.approve(id, now);
+        else if (action == "pause")
+            change = workflows.pause(id, now);
+        else if (action == "resume")
+            change = workflows.resume(id, now);
+        else if (action == "delete")
+            change = workflows.removeByUser(id);
+        else
+            return reply(false, "unknown workflow action " + action);
         using Outcome = mailcore::WorkflowStore::Outcome;
         if (change.outcome == Outcome::notFound) return reply(false, "No workflow " + id + ".");
         if (change.outcome == Outcome::unchanged)
             return reply(true, "Workflow " + id + " unchanged (status " +
-                                   std::string(mailcore::statusName(change.workflow.status)) + ").");
+                                   std::string(mailcore::statusName(change.workflow.status)) +
+                                   ").");
         return reply(true, action == "delete"
                                ? "Workflow " + id + " deleted."
                                : "Workflow " + id + " is now " +
-                                     std::string(mailcore::statusName(change.workflow.status)) + ".");
+                                     std::string(mailcore::statusName(change.workflow.status)) +
+                                     ".");
     }
     return reply(false, "unknown request " + op);
 }
 
 AppHost::AppHost(ServeOptions options, Print out)
-    : options_(std::move(options)), out_(std::move(out)),
+    : options_(std::move(options)),
+      out_(std::move(out)),
       paths_(HostPaths::make(options_.dataDir, options_.home)) {}
 
 AppHost::~AppHost() { stop(std::chrono::milliseconds(0)); }
@@ -110,8 +117,9 @@ void AppHost::start() {
         if (options_.demo || (options_.offerDemo && options_.offerDemo())) {
             fillDemo();
         } else {
-            out_("No mail account yet. Run `kestrune serve --demo` for the demonstration mailbox, "
-                 "or `kestrune import` a Maildir or mbox.");
+            out_(
+                "No mail account yet. Run `kestrune serve --demo` for the demonstration mailbox, "
+                "or `kestrune import` a Maildir or mbox.");
         }
     }
 
@@ -131,7 +139,8 @@ void AppHost::start() {
         else if (here)
             text += "Type y to allow or n to refuse (or: " + command + " yes|no " + q.id + ")";
         else
-            text += "Answer: " + command + " yes " + q.id + "   (or: " + command + " no " + q.id + ")";
+            text +=
+                "Answer: " + command + " yes " + q.id + "   (or: " + command + " no " + q.id + ")";
         out_(text);
     };
     auto questions = questions_;
@@ -150,11 +159,10 @@ void AppHost::start() {
         sending.holdForUndo = [questions, window, show](const mcpkit::MCPOutgoing& m) {
             std::string to;
             for (const auto& a : m.to) to += (to.empty() ? "" : ", ") + a;
-            const auto answer = questions->ask(
-                "undo",
-                "Sending \"" + m.subject + "\" to " + to + " in " +
-                    std::to_string(window.count() / 1000) + " s.\n",
-                window, show);
+            const auto answer = questions->ask("undo",
+                                               "Sending \"" + m.subject + "\" to " + to + " in " +
+                                                   std::to_string(window.count() / 1000) + " s.\n",
+                                               window, show);
             return answer && *answer == PendingQuestions::undo;
         };
     }
@@ -174,8 +182,8 @@ void AppHost::start() {
     workflows_ = std::make_unique<mailcore::WorkflowStore>(paths_.workflows);
     bridge_ = std::make_shared<mcpkit::MCPWorkflowBridge>(*workflows_, *backend_,
                                                           mailcore::systemClock());
-    service_ = std::make_unique<mcpkit::MCPService>(storage_.policy, audit_, backend_, confirmer,
-                                                    bridge_);
+    service_ =
+        std::make_unique<mcpkit::MCPService>(storage_.policy, audit_, backend_, confirmer, bridge_);
     server_ = std::make_unique<mcpkit::MCPSocketServer>(
         storage_.socketPath.string(), mcpkit::MCP::maxFrameBytes, [this](const std::string& frame) {
             ++inFlight_;
@@ -189,8 +197,10 @@ void AppHost::start() {
         server_->start();
     } catch (const mcpkit::MCPSocketError& e) {
         if (e.kind() == mcpkit::MCPSocketError::Kind::alreadyRunning)
-            throw std::runtime_error("Kestrune is already running at " + storage_.socketPath.string() + ".");
-        throw std::runtime_error("Cannot listen at " + storage_.socketPath.string() + ": " + e.what());
+            throw std::runtime_error("Kestrune is already running at " +
+                                     storage_.socketPath.string() + ".");
+        throw std::runtime_error("Cannot listen at " + storage_.socketPath.string() + ": " +
+                                 e.what());
     }
 }
 
@@ -226,8 +236,7 @@ void AppHost::pollControl() {
         try {
             Json request;
             if (!mailcore::tryParseJson(*data, request)) request = Json();
-            reply = handleControl(*workflows_, service_.get(), request,
-                                  mailcore::systemClock()());
+            reply = handleControl(*workflows_, service_.get(), request, mailcore::systemClock()());
         } catch (const std::exception& e) {
             reply = Json{{"ok", false}, {"message", e.what()}};
         }
@@ -266,7 +275,8 @@ void AppHost::fillDemo() {
         const std::string name = file.filename().string();
         const bool sent = name.find("sent") != std::string::npos;
         mailcore::MessageFlags flags;
-        if (sent || name.find("read") != std::string::npos) flags.system |= mailcore::MessageFlags::seen;
+        if (sent || name.find("read") != std::string::npos)
+            flags.system |= mailcore::MessageFlags::seen;
         const auto folder = folderWithRole(
             *store_, demoAccount, sent ? mailcore::FolderRole::sent : mailcore::FolderRole::inbox);
         fileMessage(*store_, demoAccount, folder, fileText(file), flags, now);

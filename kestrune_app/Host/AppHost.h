@@ -21,16 +21,16 @@
 #include <set>
 #include <string>
 
-#include "KestruneMCPKit/Link/MCPSocketServer.h"
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
-#include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Link/MCPSocketServer.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
-#include "kestrune_app/Host/MCPWorkflowBridge.h"
+#include "KestruneMCPKit/Service/MCPService.h"
+#include "MailCore/Engine/OutboxWorker.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Workflow/WorkflowStore.h"
-#include "MailCore/Engine/OutboxWorker.h"
 #include "kestrune_app/Host/HostPaths.h"
 #include "kestrune_app/Host/LocalDelivery.h"
+#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 

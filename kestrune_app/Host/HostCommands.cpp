@@ -5,20 +5,19 @@
 
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <stdexcept>
 #include <thread>
 
-#include <nlohmann/json.hpp>
-
-#include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
-#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
+#include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
@@ -71,7 +70,8 @@ std::optional<std::string> takeOption(std::vector<std::string>& args, const std:
         if (args[i] == name) {
             if (i + 1 >= args.size()) throw UsageError(name + " needs a value");
             std::string value = args[i + 1];
-            args.erase(args.begin() + static_cast<long>(i), args.begin() + static_cast<long>(i) + 2);
+            args.erase(args.begin() + static_cast<long>(i),
+                       args.begin() + static_cast<long>(i) + 2);
             return value;
         }
     }
@@ -116,8 +116,10 @@ public:
             if (::poll(&ready, 1, 100) > 0) {
                 char buffer[512];
                 const ssize_t n = ::read(fd_, buffer, sizeof buffer);
-                if (n <= 0) fd_ = -1;  // answers still come from `kestrune confirm`
-                else typed_.append(buffer, static_cast<std::size_t>(n));
+                if (n <= 0)
+                    fd_ = -1;  // answers still come from `kestrune confirm`
+                else
+                    typed_.append(buffer, static_cast<std::size_t>(n));
             }
         }
         const auto end = typed_.find('\n');
@@ -231,8 +233,10 @@ int permissions(Context& c) {
         if (std::find(ids.begin(), ids.end(), id) == ids.end())
             throw UsageError("unknown permission " + id);
         policy->mutate([&](mcpkit::MCPState& s) {
-            if (verb == "enable") s.settings.enabledPermissions.insert(id);
-            else s.settings.enabledPermissions.erase(id);
+            if (verb == "enable")
+                s.settings.enabledPermissions.insert(id);
+            else
+                s.settings.enabledPermissions.erase(id);
         });
     } else if (verb != "list") {
         throw UsageError("permissions takes list, enable or disable");
@@ -252,8 +256,10 @@ int accounts(Context& c) {
         const std::string email = c.arg(1, "the account");
         c.noMoreThan(2);
         policy->mutate([&](mcpkit::MCPState& s) {
-            if (verb == "exclude") s.settings.excludedAccounts.insert(email);
-            else s.settings.excludedAccounts.erase(email);
+            if (verb == "exclude")
+                s.settings.excludedAccounts.insert(email);
+            else
+                s.settings.excludedAccounts.erase(email);
         });
     } else if (verb != "list") {
         throw UsageError("accounts takes list, exclude or include");
@@ -265,7 +271,8 @@ int accounts(Context& c) {
         for (const auto& a : hostAccounts(store)) {
             listed.insert(a.email);
             c.out(a.email + " (" + a.label + ")" +
-                  (settings.excludedAccounts.contains(a.email) ? ": excluded from agents" : ": shared with agents"));
+                  (settings.excludedAccounts.contains(a.email) ? ": excluded from agents"
+                                                               : ": shared with agents"));
         }
     }
     for (const auto& e : settings.excludedAccounts)
@@ -275,12 +282,17 @@ int accounts(Context& c) {
 
 const std::map<std::string, std::pair<std::int64_t mcpkit::MCPLimits::*, mcpkit::MCPLimitRange>>&
 limitFields() {
-    static const std::map<std::string, std::pair<std::int64_t mcpkit::MCPLimits::*, mcpkit::MCPLimitRange>>
-        fields{{"requests-per-minute", {&mcpkit::MCPLimits::requestsPerMinute, mcpkit::requestsPerMinuteRange}},
-               {"max-search-limit", {&mcpkit::MCPLimits::maxSearchLimit, mcpkit::maxSearchLimitRange}},
-               {"max-body-characters", {&mcpkit::MCPLimits::maxBodyCharacters, mcpkit::maxBodyCharactersRange}},
-               {"max-result-bytes", {&mcpkit::MCPLimits::maxResultBytes, mcpkit::maxResultBytesRange}},
-               {"max-argument-bytes", {&mcpkit::MCPLimits::maxArgumentBytes, mcpkit::maxArgumentBytesRange}}};
+    static const std::map<std::string,
+                          std::pair<std::int64_t mcpkit::MCPLimits::*, mcpkit::MCPLimitRange>>
+        fields{
+            {"requests-per-minute",
+             {&mcpkit::MCPLimits::requestsPerMinute, mcpkit::requestsPerMinuteRange}},
+            {"max-search-limit", {&mcpkit::MCPLimits::maxSearchLimit, mcpkit::maxSearchLimitRange}},
+            {"max-body-characters",
+             {&mcpkit::MCPLimits::maxBodyCharacters, mcpkit::maxBodyCharactersRange}},
+            {"max-result-bytes", {&mcpkit::MCPLimits::maxResultBytes, mcpkit::maxResultBytesRange}},
+            {"max-argument-bytes",
+             {&mcpkit::MCPLimits::maxArgumentBytes, mcpkit::maxArgumentBytesRange}}};
     return fields;
 }
 
@@ -293,11 +305,13 @@ int limits(Context& c) {
         c.noMoreThan(3);
         auto check = [&](mcpkit::MCPLimitRange r) {
             if (value < r.min || value > r.max)
-                throw UsageError(name + " must be " + std::to_string(r.min) + " to " + std::to_string(r.max));
+                throw UsageError(name + " must be " + std::to_string(r.min) + " to " +
+                                 std::to_string(r.max));
         };
         if (auto it = limitFields().find(name); it != limitFields().end()) {
             check(it->second.second);
-            policy->mutate([&](mcpkit::MCPState& s) { s.settings.limits.*(it->second.first) = value; });
+            policy->mutate(
+                [&](mcpkit::MCPState& s) { s.settings.limits.*(it->second.first) = value; });
         } else if (name == "retention-days") {
             check(mcpkit::retentionDaysRange);
             policy->mutate([&](mcpkit::MCPState& s) { s.settings.retentionDays = value; });
@@ -311,8 +325,10 @@ int limits(Context& c) {
         throw UsageError("limits takes show or set");
     }
     const auto s = policy->snapshot().settings;
-    for (const auto& [name, field] : limitFields()) c.out(name + ": " + std::to_string(s.limits.*(field.first)));
-    c.out("retention-days: " + (s.retentionDays ? std::to_string(*s.retentionDays) : std::string("forever")));
+    for (const auto& [name, field] : limitFields())
+        c.out(name + ": " + std::to_string(s.limits.*(field.first)));
+    c.out("retention-days: " +
+          (s.retentionDays ? std::to_string(*s.retentionDays) : std::string("forever")));
     c.out("confirm-timeout: " + std::to_string(s.confirmTimeoutSeconds));
     return ok;
 }
@@ -322,10 +338,12 @@ int harnesses(Context& c) {
     const std::string verb = c.args.empty() ? "list" : c.args[0];
     if (verb == "list") {
         const auto state = policy->snapshot();
-        if (state.harnesses.empty()) c.out("No harness is registered. Connect one with: kestrune-mcp --install <harness>");
+        if (state.harnesses.empty())
+            c.out("No harness is registered. Connect one with: kestrune-mcp --install <harness>");
         for (const auto& h : state.harnesses) {
             c.out(h.id + " (" + h.name + "): " + (h.allowed ? "allowed" : "revoked") +
-                  (h.lastSeen ? ", last seen " + mcpkit::MCPAuditLog::timeString(*h.lastSeen) : ", never seen"));
+                  (h.lastSeen ? ", last seen " + mcpkit::MCPAuditLog::timeString(*h.lastSeen)
+                              : ", never seen"));
         }
         return ok;
     }
@@ -341,7 +359,8 @@ int harnesses(Context& c) {
         });
         if (!found) throw Failure("no harness " + id);
         c.out("Harness " + id + " " + (verb == "allow" ? "allowed." : "revoked."));
-        if (verb == "revoke") sendControl(c.paths, Json{{"op", "reset"}, {"harness", id}}, std::chrono::seconds(5));
+        if (verb == "revoke")
+            sendControl(c.paths, Json{{"op", "reset"}, {"harness", id}}, std::chrono::seconds(5));
         return ok;
     }
     if (verb == "reset") {
@@ -373,7 +392,8 @@ int audit(Context& c) {
     }
     if (auto since = takeOption(c.args, "--since")) {
         // Clock times end in 2262; later years are refused before parsing.
-        const bool tooLate = since->size() >= 4 && std::all_of(since->begin(), since->begin() + 4, ::isdigit) &&
+        const bool tooLate = since->size() >= 4 &&
+                             std::all_of(since->begin(), since->begin() + 4, ::isdigit) &&
                              std::stoi(since->substr(0, 4)) >= 2200;
         if (!tooLate) filter.since = mcpkit::MCPWorkflowMailSource::parseDate(*since);
         if (!filter.since) throw UsageError("--since takes a date like 2026-11-20T09:00:00Z");
@@ -385,13 +405,15 @@ int audit(Context& c) {
     mcpkit::MCPAuditLog log(base / "audit.jsonl");
     std::string text;
     if (format == "jsonl" || format == "csv") {
-        text = log.exportEntries(filter, format == "csv" ? mcpkit::MCPAuditLog::ExportFormat::csv
-                                                         : mcpkit::MCPAuditLog::ExportFormat::jsonLines);
+        text = log.exportEntries(filter, format == "csv"
+                                             ? mcpkit::MCPAuditLog::ExportFormat::csv
+                                             : mcpkit::MCPAuditLog::ExportFormat::jsonLines);
     } else if (format == "text") {
         for (const auto& e : log.filtered(filter)) {
-            text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + e.harness + "  " + e.tool + "  " +
-                    (e.account.empty() ? "-" : e.account) + "  " + std::string(mcpkit::rawValue(e.result)) +
-                    "  " + e.summary + (e.mailInfluenced.value_or(false) ? "  [mail-influenced]" : "") + "\n";
+            text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + e.harness + "  " + e.tool +
+                    "  " + (e.account.empty() ? "-" : e.account) + "  " +
+                    std::string(mcpkit::rawValue(e.result)) + "  " + e.summary +
+                    (e.mailInfluenced.value_or(false) ? "  [mail-influenced]" : "") + "\n";
         }
     } else {
         throw UsageError("--format takes text, jsonl or csv");
@@ -414,8 +436,8 @@ int workflows(Context& c) {
         const auto all = store.all();
         if (all.empty()) c.out("No workflow.");
         for (const auto& w : all) {
-            c.out(w.id + "  " + std::string(mailcore::statusName(w.status)) + "  risk " + w.risk + "  by " +
-                  w.authorName + "\n  " + mailcore::describeWorkflow(w.spec));
+            c.out(w.id + "  " + std::string(mailcore::statusName(w.status)) + "  risk " + w.risk +
+                  "  by " + w.authorName + "\n  " + mailcore::describeWorkflow(w.spec));
         }
         return ok;
     }
@@ -442,8 +464,10 @@ int import(Context& c) {
     const auto mbox = takeOption(c.args, "--mbox");
     c.noMoreThan(0);
     if (!account) throw UsageError("import needs --account EMAIL");
-    if (maildir.has_value() == mbox.has_value()) throw UsageError("import needs one of --maildir DIR or --mbox FILE");
-    if (account->find('@') == std::string::npos) throw UsageError("--account must be a mail address");
+    if (maildir.has_value() == mbox.has_value())
+        throw UsageError("import needs one of --maildir DIR or --mbox FILE");
+    if (account->find('@') == std::string::npos)
+        throw UsageError("--account must be a mail address");
     try {
         mcpkit::MCPPaths::preparePrivateDirectory(c.paths.root);
         mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
@@ -466,7 +490,8 @@ std::string describe(const mailcore::OutboxOperation& op) {
     switch (op.kind()) {
         case Kind::send: {
             std::string to;
-            for (const auto& a : op.sendPayload().message.to) to += (to.empty() ? "" : ", ") + a.email;
+            for (const auto& a : op.sendPayload().message.to)
+                to += (to.empty() ? "" : ", ") + a.email;
             return "send \"" + op.sendPayload().message.subject + "\" to " + to;
         }
         case Kind::saveDraft:
@@ -507,8 +532,8 @@ int outbox(Context& c) {
                 const auto& item = row.item;
                 std::string line = item.id.value + "  " + item.accountID.value + "  " +
                                    std::string(mailcore::rawValue(item.state)) + "  " +
-                                   describe(item.operation) +
-                                   "  attempts " + std::to_string(item.attemptCount);
+                                   describe(item.operation) + "  attempts " +
+                                   std::to_string(item.attemptCount);
                 if (item.state == mailcore::OutboxItemState::queued && item.notBefore > now)
                     line += "  next " + StoreMailBackend::isoDate(item.notBefore);
                 if (item.lastError) line += "  (" + item.lastError->detail() + ")";
@@ -537,8 +562,10 @@ const std::string& usage() {
         "  accounts [list]                     accounts and whether agents see them\n"
         "  accounts exclude|include EMAIL\n"
         "  limits [show]                       request and size limits\n"
-        "  limits set NAME VALUE               requests-per-minute, max-search-limit, max-body-characters,\n"
-        "                                      max-result-bytes, max-argument-bytes, retention-days,\n"
+        "  limits set NAME VALUE               requests-per-minute, max-search-limit, "
+        "max-body-characters,\n"
+        "                                      max-result-bytes, max-argument-bytes, "
+        "retention-days,\n"
         "                                      confirm-timeout\n"
         "  harnesses [list]                    registered harnesses\n"
         "  harnesses allow|revoke ID\n"
@@ -550,8 +577,10 @@ const std::string& usage() {
         "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
         "  outbox [list] | retry ID | cancel ID   work queued for the accounts' servers\n"
         "\n"
-        "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in DIR/mcp,\n"
-        "as `kestrune-mcp --data-dir DIR` expects). Exit status: 0 success, 1 failure, 64 usage error.";
+        "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in "
+        "DIR/mcp,\n"
+        "as `kestrune-mcp --data-dir DIR` expects). Exit status: 0 success, 1 failure, 64 usage "
+        "error.";
     return text;
 }
 
@@ -576,14 +605,17 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
         Context c{env, dataDir, std::vector<std::string>(args.begin() + 1, args.end()),
                   HostPaths::make(dataDir, env.home)};
         static const std::map<std::string, int (*)(Context&)> commands{
-            {"serve", serve},       {"confirm", confirm},     {"access", access},
-            {"permissions", permissions}, {"accounts", accounts}, {"limits", limits},
-            {"harnesses", harnesses}, {"audit", audit},       {"workflows", workflows},
-            {"import", import},     {"outbox", outbox}};
+            {"serve", serve},         {"confirm", confirm},
+            {"access", access},       {"permissions", permissions},
+            {"accounts", accounts},   {"limits", limits},
+            {"harnesses", harnesses}, {"audit", audit},
+            {"workflows", workflows}, {"import", import},
+            {"outbox", outbox}};
         auto it = commands.find(command);
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)
-            if (a.starts_with("--") && command != "serve" && command != "audit" && command != "import")
+            if (a.starts_with("--") && command != "serve" && command != "audit" &&
+                command != "import")
                 throw UsageError("unknown option " + a);
         return it->second(c);
     } catch (const UsageError& e) {

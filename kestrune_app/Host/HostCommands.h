@@ -19,9 +19,9 @@ const std::string& usage();
 
 struct Environment {
     std::filesystem::path home;
-    std::filesystem::path demoMessages;        // the bundled demonstration messages
-    const std::atomic<bool>* stop = nullptr;   // set to end `serve`
-    int input = -1;  // a terminal `serve` reads typed answers from, or -1
+    std::filesystem::path demoMessages;       // the bundled demonstration messages
+    const std::atomic<bool>* stop = nullptr;  // set to end `serve`
+    int input = -1;                           // a terminal `serve` reads typed answers from, or -1
     std::function<void(const std::string&)> out;
     std::function<void(const std::string&)> err;
 };

@@ -14,7 +14,8 @@ MailError noOutgoingServer() {
 }
 
 MailError accountGone() {
-    return MailError::storage(StorageFailureKind::notFound, std::string(OutboxText::accountNotFound));
+    return MailError::storage(StorageFailureKind::notFound,
+                              std::string(OutboxText::accountNotFound));
 }
 
 std::vector<std::string> values(const std::vector<InternetMessageID>& ids) {
@@ -80,13 +81,15 @@ OutboxResult LocalDelivery::saveDraft(const OutboxItem& item) {
     const std::string raw = composeOutgoing(save.message, now, true);
     store_->write([&](SQLiteDatabase&) {
         if (save.message.messageID) {
-            for (const auto& id : copiesIn(item.accountID.value, FolderRole::drafts, *save.message.messageID))
+            for (const auto& id :
+                 copiesIn(item.accountID.value, FolderRole::drafts, *save.message.messageID))
                 store_->purgeMessage(id);
         }
         MessageFlags flags;
         flags.system = MessageFlags::seen | MessageFlags::draft;
         fileMessage(*store_, item.accountID.value,
-                    folderWithRole(*store_, item.accountID.value, FolderRole::drafts), raw, flags, now);
+                    folderWithRole(*store_, item.accountID.value, FolderRole::drafts), raw, flags,
+                    now);
     });
     return OutboxResult::done();
 }
@@ -106,8 +109,8 @@ OutboxResult LocalDelivery::send(const OutboxItem& item) {
         if (copiesIn(account->email, FolderRole::sent, messageID).empty()) {
             MessageFlags flags;
             flags.system = MessageFlags::seen;
-            fileMessage(*store_, account->email, folderWithRole(*store_, account->email, FolderRole::sent),
-                        raw, flags, now);
+            fileMessage(*store_, account->email,
+                        folderWithRole(*store_, account->email, FolderRole::sent), raw, flags, now);
         }
         for (const auto& id : copiesIn(account->email, FolderRole::drafts, messageID))
             store_->purgeMessage(id);

@@ -1,6 +1,4 @@
 // MCPWorkflowCall holds its arguments by value: the full JSON type comes first.
-#include <nlohmann/json.hpp>
-
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 
 #include <algorithm>
@@ -8,6 +6,7 @@
 #include <cctype>
 #include <charconv>
 #include <cmath>
+#include <nlohmann/json.hpp>
 
 namespace mcpkit {
 
@@ -45,7 +44,8 @@ public:
     // Exactly `min` to `max` digits.
     std::optional<int> number(std::size_t min, std::size_t max) {
         std::size_t end = pos_;
-        while (end < text_.size() && end - pos_ < max && std::isdigit(static_cast<unsigned char>(text_[end]))) {
+        while (end < text_.size() && end - pos_ < max &&
+               std::isdigit(static_cast<unsigned char>(text_[end]))) {
             ++end;
         }
         if (end - pos_ < min) return std::nullopt;
@@ -71,8 +71,8 @@ bool validTime(int year, int month, int day, int hour, int minute, int second) {
 }
 
 Date makeDate(int year, int month, int day, int hour, int minute, int second, int offsetSeconds) {
-    const std::int64_t seconds = daysFromCivil(year, month, day) * 86400 + hour * 3600 + minute * 60 +
-                                 second - offsetSeconds;
+    const std::int64_t seconds = daysFromCivil(year, month, day) * 86400 + hour * 3600 +
+                                 minute * 60 + second - offsetSeconds;
     return Date(std::chrono::seconds(seconds));
 }
 
@@ -84,9 +84,12 @@ std::optional<int> zoneOffset(Scanner& s) {
     if (name == "UT" || name == "UTC" || name == "GMT") return 0;
     if (!name.empty()) return std::nullopt;
     int sign = 0;
-    if (s.take('+')) sign = 1;
-    else if (s.take('-')) sign = -1;
-    else return std::nullopt;
+    if (s.take('+'))
+        sign = 1;
+    else if (s.take('-'))
+        sign = -1;
+    else
+        return std::nullopt;
     const auto hours = s.number(2, 2);
     if (!hours) return std::nullopt;
     s.take(':');
@@ -183,7 +186,8 @@ std::vector<mailcore::WorkflowMailMessage> MCPWorkflowMailSource::recentMessages
     for (const MCPMessageSummary& summary : page.results) {
         if (static_cast<int>(out.size()) >= limit) break;
         // The backend answers for the accounts asked; anything else is left out.
-        if (std::find(accounts.begin(), accounts.end(), summary.account) == accounts.end()) continue;
+        if (std::find(accounts.begin(), accounts.end(), summary.account) == accounts.end())
+            continue;
         mailcore::WorkflowMailMessage m;
         m.id = summary.id;
         m.account = summary.account;
@@ -204,7 +208,8 @@ std::vector<mailcore::WorkflowMailMessage> MCPWorkflowMailSource::recentMessages
             m.to = full->to;
             m.to.insert(m.to.end(), full->cc.begin(), full->cc.end());
             m.bodyText = full->bodyText;
-            for (const MCPAttachment& a : full->attachments) m.attachments.push_back({a.name, a.type});
+            for (const MCPAttachment& a : full->attachments)
+                m.attachments.push_back({a.name, a.type});
             m.hasAttachment = !m.attachments.empty();
         }
         out.push_back(std::move(m));

@@ -44,8 +44,8 @@ class MCPWorkflowMailSource : public mailcore::WorkflowMailSource {
 public:
     explicit MCPWorkflowMailSource(MCPMailBackend& backend) : backend_(backend) {}
 
-    std::vector<mailcore::WorkflowMailMessage> recentMessages(const std::vector<std::string>& accounts,
-                                                              int limit) override;
+    std::vector<mailcore::WorkflowMailMessage> recentMessages(
+        const std::vector<std::string>& accounts, int limit) override;
 
     // Reads a backend date text: seconds since 1970, ISO 8601
     // ("2026-11-20T09:00:00Z", "2026-11-20 09:00:00+01:00", no zone = UTC)
@@ -59,8 +59,8 @@ private:
 class MCPWorkflowBridge : public MCPWorkflowHandling {
 public:
     // `store` and `backend` must outlive the bridge.
-    MCPWorkflowBridge(mailcore::WorkflowStore& store, MCPMailBackend& backend, mailcore::Clock clock,
-                      mailcore::WorkflowLimits limits = {},
+    MCPWorkflowBridge(mailcore::WorkflowStore& store, MCPMailBackend& backend,
+                      mailcore::Clock clock, mailcore::WorkflowLimits limits = {},
                       mailcore::WorkflowMatcher::UTCOffset utcOffset =
                           mailcore::WorkflowMatcher::localUTCOffset());
 

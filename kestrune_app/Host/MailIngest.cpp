@@ -1,7 +1,6 @@
 #include "kestrune_app/Host/MailIngest.h"
 
 #include <algorithm>
-
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 

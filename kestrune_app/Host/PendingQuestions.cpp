@@ -1,12 +1,10 @@
 #include "kestrune_app/Host/PendingQuestions.h"
 
-#include <sstream>
-
 #include <algorithm>
+#include <nlohmann/json.hpp>
+#include <sstream>
 #include <stdexcept>
 #include <thread>
-
-#include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPPrivateFile.h"
@@ -56,7 +54,8 @@ std::optional<std::string> PendingQuestions::ask(
     std::string error;
     if (!mcpkit::MCPPrivateFile::writeAtomically(
             question,
-            mailcore::encodeJson(Json{{"id", q.id}, {"kind", kind}, {"text", text}, {"expires", q.expires}}),
+            mailcore::encodeJson(
+                Json{{"id", q.id}, {"kind", kind}, {"text", text}, {"expires", q.expires}}),
             &error, false))
         throw std::runtime_error("cannot write the question: " + error);
     if (show) show(q);
@@ -68,7 +67,8 @@ std::optional<std::string> PendingQuestions::ask(
         }
         const auto now = std::chrono::system_clock::now();
         if (now >= deadline) break;
-        std::this_thread::sleep_for(std::min<std::chrono::system_clock::duration>(poll_, deadline - now));
+        std::this_thread::sleep_for(
+            std::min<std::chrono::system_clock::duration>(poll_, deadline - now));
     }
     std::error_code ignored;
     fs::remove(question, ignored);
@@ -93,8 +93,9 @@ std::vector<PendingQuestion> PendingQuestions::open() const {
         q.expires = json->value("expires", 0.0);
         if (validID(q.id)) out.push_back(q);
     }
-    std::sort(out.begin(), out.end(),
-              [](const PendingQuestion& a, const PendingQuestion& b) { return a.expires < b.expires; });
+    std::sort(out.begin(), out.end(), [](const PendingQuestion& a, const PendingQuestion& b) {
+        return a.expires < b.expires;
+    });
     return out;
 }
 
@@ -148,7 +149,10 @@ std::string renderDisplay(const mcpkit::MCPConfirmationDisplay& d) {
         std::size_t start = 0;
         while (start <= d.detail.size()) {
             const auto end = d.detail.find('\n', start);
-            out += "  | " + d.detail.substr(start, end == std::string::npos ? std::string::npos : end - start) + "\n";
+            out +=
+                "  | " +
+                d.detail.substr(start, end == std::string::npos ? std::string::npos : end - start) +
+                "\n";
             if (end == std::string::npos) break;
             start = end + 1;
         }

@@ -24,8 +24,8 @@ namespace kestrune {
 
 struct PendingQuestion {
     std::string id;
-    std::string kind;  // "send", "write", "undo"
-    std::string text;  // what is shown to the user
+    std::string kind;    // "send", "write", "undo"
+    std::string text;    // what is shown to the user
     double expires = 0;  // seconds since 1970
 };
 
@@ -36,8 +36,9 @@ public:
     static constexpr const char* no = "no";
     static constexpr const char* undo = "undo";
 
-    explicit PendingQuestions(std::filesystem::path directory,
-                              std::chrono::milliseconds pollInterval = std::chrono::milliseconds(50));
+    explicit PendingQuestions(
+        std::filesystem::path directory,
+        std::chrono::milliseconds pollInterval = std::chrono::milliseconds(50));
 
     // Opens a question, hands it to `show`, waits up to `timeout` for an
     // answer and closes it. None when no answer came in time.

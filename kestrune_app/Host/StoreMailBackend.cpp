@@ -3,9 +3,8 @@
 #include <algorithm>
 #include <cctype>
 #include <ctime>
-#include <stdexcept>
-
 #include <nlohmann/json.hpp>
+#include <stdexcept>
 
 #include "KestruneMCPKit/Service/MCPService.h"
 #include "MailCore/Common/Random.h"
@@ -111,8 +110,7 @@ std::vector<mcpkit::MCPFolder> StoreMailBackend::folders(const std::string& acco
         throw MCPToolError("Unknown account. Use an address from list_accounts.");
     std::vector<mcpkit::MCPFolder> out;
     for (const auto& f : store_->folders(AccountID(account))) {
-        out.push_back({agentFolderID(f), f.path,
-                       f.unreadCount});
+        out.push_back({agentFolderID(f), f.path, f.unreadCount});
     }
     return out;
 }
@@ -159,11 +157,13 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
         // search, with the filters in SQL so that the total counts every
         // match. Only the page's ids are read; rows follow by id.
         std::string where =
-            "message_search MATCH ? AND m.local_state != 'pendingDelete' AND (m.flags_system & 8) = 0 AND (";
+            "message_search MATCH ? AND m.local_state != 'pendingDelete' AND (m.flags_system & 8) "
+            "= 0 AND (";
         std::vector<SQLValue> values{*expression};
         for (std::size_t i = 0; i < scopes.size(); ++i) {
             where += i ? " OR " : "";
-            where += scopes[i].second ? "(m.account_id = ? AND m.folder_id = ?)" : "m.account_id = ?";
+            where +=
+                scopes[i].second ? "(m.account_id = ? AND m.folder_id = ?)" : "m.account_id = ?";
             values.emplace_back(scopes[i].first);
             if (scopes[i].second) values.emplace_back(*scopes[i].second);
         }
@@ -171,17 +171,19 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
         // CROSS JOIN keeps the full-text index as the outer loop: driven
         // from messages, SQLite would run the match once per message.
         const std::string matches =
-            " FROM message_search CROSS JOIN messages m ON m.id = message_search.rowid WHERE " + where;
+            " FROM message_search CROSS JOIN messages m ON m.id = message_search.rowid WHERE " +
+            where;
         std::vector<SQLValue> pageValues = values;
         pageValues.emplace_back(limit);
         pageValues.emplace_back(offset);
         std::vector<MessageID> ids;
         store_->read([&](SQLiteDatabase& db) {
-            ids = db.query<MessageID>(
-                "SELECT m.id" + matches +
-                    " ORDER BY bm25(message_search, 10.0, 6.0, 3.0, 4.0, 1.0), m.date DESC, m.id DESC"
-                    " LIMIT ? OFFSET ?",
-                pageValues, [](const SQLRow& row) { return row.id<MessageID>(0); });
+            ids = db.query<MessageID>("SELECT m.id" + matches +
+                                          " ORDER BY bm25(message_search, 10.0, 6.0, 3.0, 4.0, "
+                                          "1.0), m.date DESC, m.id DESC"
+                                          " LIMIT ? OFFSET ?",
+                                      pageValues,
+                                      [](const SQLRow& row) { return row.id<MessageID>(0); });
             page.total = db.scalarInt("SELECT COUNT(*)" + matches, values).value_or(0);
         });
         for (const auto& id : ids)
@@ -199,13 +201,14 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
     }
     if (folders.empty()) return page;
     std::vector<SQLValue> filterValues;
-    const std::string filter = "local_state != 'pendingDelete'" + agentFilters(query, "", filterValues);
+    const std::string filter =
+        "local_state != 'pendingDelete'" + agentFilters(query, "", filterValues);
     std::string sql;
     std::vector<SQLValue> values;
     for (const auto& f : folders) {
         if (!sql.empty()) sql += " UNION ALL ";
-        sql += "SELECT id, date FROM (SELECT id, date FROM messages WHERE folder_id = ? AND " + filter +
-               " ORDER BY date DESC, id DESC LIMIT ?)";
+        sql += "SELECT id, date FROM (SELECT id, date FROM messages WHERE folder_id = ? AND " +
+               filter + " ORDER BY date DESC, id DESC LIMIT ?)";
         values.emplace_back(f.id.value);
         values.insert(values.end(), filterValues.begin(), filterValues.end());
         values.emplace_back(offset + limit);
@@ -215,10 +218,12 @@ mcpkit::MCPSearchPage StoreMailBackend::search(const mcpkit::MCPSearchQuery& que
     values.emplace_back(offset);
     std::vector<MessageID> ids;
     store_->read([&](SQLiteDatabase& db) {
-        ids = db.query<MessageID>(sql, values, [](const SQLRow& row) { return row.id<MessageID>(0); });
+        ids = db.query<MessageID>(sql, values,
+                                  [](const SQLRow& row) { return row.id<MessageID>(0); });
         if (filterValues.empty()) {
             // Without a sender filter the folders' own counts are the total.
-            for (const auto& f : folders) page.total += query.unreadOnly ? f.unreadCount : f.totalCount;
+            for (const auto& f : folders)
+                page.total += query.unreadOnly ? f.unreadCount : f.totalCount;
         } else {
             std::string in;
             std::vector<SQLValue> countValues;
@@ -257,8 +262,10 @@ std::optional<mcpkit::MCPMessage> StoreMailBackend::message(
     m.date = isoDate(row->date);
     m.subject = row->subject;
     if (auto body = store_->body(*mid)) {
-        if (body->text && !body->text->empty()) m.bodyText = *body->text;
-        else if (body->html) m.bodyText = *body->html;
+        if (body->text && !body->text->empty())
+            m.bodyText = *body->text;
+        else if (body->html)
+            m.bodyText = *body->html;
     } else {
         m.bodyText = row->snippet.value_or("");
     }
@@ -363,7 +370,8 @@ void StoreMailBackend::kick(const std::string& account) {
 void StoreMailBackend::keepDraft(const DraftRecord& draft) {
     store_->write([&](SQLiteDatabase&) {
         store_->saveDraft(draft);
-        store_->enqueue(draft.accountID, OutboxOperation::saveDraft(draft.id, draft.message), clock_());
+        store_->enqueue(draft.accountID, OutboxOperation::saveDraft(draft.id, draft.message),
+                        clock_());
     });
     kick(draft.accountID.value);
 }
@@ -380,12 +388,14 @@ std::string StoreMailBackend::saveDraft(const mcpkit::MCPOutgoing& outgoing,
     if (inReplyTo) {
         const auto original = messageID(*inReplyTo);
         const auto fields = original ? store_->messageFields(*original) : std::nullopt;
-        if (!fields || fields->accountID.value != account->email) throw MCPToolError("Message not found.");
+        if (!fields || fields->accountID.value != account->email)
+            throw MCPToolError("Message not found.");
         draft.sourceMessageID = *original;
         const auto& parent = fields->threading;
         if (parent.messageID) {
             draft.message.inReplyTo = {*parent.messageID};
-            draft.message.references = parent.references.empty() ? parent.inReplyTo : parent.references;
+            draft.message.references =
+                parent.references.empty() ? parent.inReplyTo : parent.references;
             draft.message.references.push_back(*parent.messageID);
         }
     }
@@ -393,8 +403,8 @@ std::string StoreMailBackend::saveDraft(const mcpkit::MCPOutgoing& outgoing,
     return draftHandle(draft.id);
 }
 
-std::optional<DraftRecord> StoreMailBackend::draftRecord(const std::string& handle,
-                                                         const std::optional<std::string>& account) {
+std::optional<DraftRecord> StoreMailBackend::draftRecord(
+    const std::string& handle, const std::optional<std::string>& account) {
     if (const auto id = draftID(handle)) {
         auto record = store_->draft(*id);
         if (!record || (account && record->accountID.value != *account)) return std::nullopt;

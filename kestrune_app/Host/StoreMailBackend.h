@@ -47,7 +47,6 @@ struct SendPath {
 
 class StoreMailBackend : public mcpkit::MCPMailBackend {
 public:
-
     StoreMailBackend(std::shared_ptr<mailcore::SQLiteMailStore> store,
                      mailcore::Clock clock = mailcore::systemClock(), SendPath sending = {});
 

@@ -7,12 +7,12 @@
 #include <iostream>
 #include <string>
 
+#include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
-#include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/RecordingWorkflows.h"
 #include "tests/fakes/ScriptedConfirmer.h"
@@ -39,9 +39,8 @@ int main(int argc, char** argv) {
     auto workflows = std::make_shared<testing::RecordingWorkflows>();
     MCPService service(policy, audit, backend, confirmer, workflows);
 
-    MCPSocketServer server(argv[2], MCP::maxFrameBytes, [&](const std::string& frame) {
-        return service.handleFrame(frame);
-    });
+    MCPSocketServer server(argv[2], MCP::maxFrameBytes,
+                           [&](const std::string& frame) { return service.handleFrame(frame); });
     try {
         server.start();
     } catch (const std::exception& e) {

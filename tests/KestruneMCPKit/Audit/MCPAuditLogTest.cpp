@@ -5,8 +5,8 @@
 #include <set>
 #include <thread>
 
-#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
+#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/UTF8.h"
 #include "tests/fakes/LinkTestSupport.h"

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "KestruneMCPKit/Audit/MCPRedactor.h"
+#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {

@@ -5,9 +5,9 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
+#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Tokens/MCPToken.h"
-#include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "MailCore/Common/Json.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"

@@ -9,10 +9,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/RecordingWorkflows.h"
 #include "tests/fakes/ScriptedConfirmer.h"

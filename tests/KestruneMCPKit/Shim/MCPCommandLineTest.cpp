@@ -6,9 +6,9 @@
 #include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Installer/MCPHarnessCatalog.h"
-#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "KestruneMCPKit/Shim/MCPCommandLine.h"
+#include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
@@ -80,10 +80,11 @@ TEST_F(MCPCommandLineTest, UsageVersionAndUsageErrors) {
     // catalogue order.
     const std::string& usage = MCPCommandLine::usage();
     EXPECT_TRUE(usage.starts_with("kestrune-mcp: stdio MCP server for Kestrune Mail\n\nUsage:\n"));
-    for (const char* command : {"--version", "--list-harnesses", "--print-config <harness>",
-                                "--status <harness>", "--install <harness>", "--uninstall <harness>",
-                                "--gen-token"})
-        EXPECT_NE(usage.find(std::string("  kestrune-mcp ") + command), std::string::npos) << command;
+    for (const char* command :
+         {"--version", "--list-harnesses", "--print-config <harness>", "--status <harness>",
+          "--install <harness>", "--uninstall <harness>", "--gen-token"})
+        EXPECT_NE(usage.find(std::string("  kestrune-mcp ") + command), std::string::npos)
+            << command;
     EXPECT_TRUE(usage.ends_with(
         "\nHarnesses: claude-code, zcode, cursor, codex, claude-desktop, windsurf, vscode"));
 

@@ -5,8 +5,8 @@
 #include <optional>
 
 #include "KestruneMCPKit/Link/MCPLinkError.h"
-#include "KestruneMCPKit/Tools/MCPTools.h"
 #include "KestruneMCPKit/Shim/MCPShim.h"
+#include "KestruneMCPKit/Tools/MCPTools.h"
 
 namespace {
 

@@ -1,8 +1,7 @@
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "KestruneMCPKit/Tools/MCPMailBackend.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"

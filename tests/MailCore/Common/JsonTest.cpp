@@ -36,14 +36,16 @@ TEST(JsonDepth, AcceptsNestingUpToTheLimit) {
     EXPECT_TRUE(tryParseJson(nested(maxJsonDepth, "{\"a\":", "}"), out));
     EXPECT_NO_THROW(parseJson(nested(maxJsonDepth, "[", "]")));
     // Brackets inside strings are text, not nesting.
-    EXPECT_TRUE(tryParseJson("[\"" + std::string(10000, '[') + "\\\"" + std::string(10000, '{') + "\"]", out));
+    EXPECT_TRUE(tryParseJson(
+        "[\"" + std::string(10000, '[') + "\\\"" + std::string(10000, '{') + "\"]", out));
 }
 
 TEST(JsonDepth, RefusesDeeperNestingWithoutTouchingTheOutput) {
     Json out = Json::array({1});
     // A deep first member followed by a second one: the shape that overflowed
     // the stack while the parser built the object.
-    const std::string hostile = R"({"arguments":{"spec":)" + nested(200000, "[", "]", "") + R"(,"x":1}})";
+    const std::string hostile =
+        R"({"arguments":{"spec":)" + nested(200000, "[", "]", "") + R"(,"x":1}})";
     EXPECT_FALSE(tryParseJson(hostile, out));
     EXPECT_FALSE(tryParseJson(nested(maxJsonDepth + 1, "[", "]"), out));
     EXPECT_FALSE(tryParseJson(nested(maxJsonDepth + 1, "{\"a\":", "}"), out));

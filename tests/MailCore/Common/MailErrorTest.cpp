@@ -1,10 +1,9 @@
-#include "MailCore/Common/MailError.h"
-
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
 
 #include "MailCore/Common/Json.h"
+#include "MailCore/Common/MailError.h"
 #include "MailCore/Common/Random.h"
 
 namespace mailcore {
@@ -15,7 +14,8 @@ TEST(MailErrorTest, StoredFormRoundTripsEveryCase) {
         MailError::network(NetworkFailureKind::timeout, "read timed out"),
         MailError::tls(TLSFailureKind::hostnameMismatch, "host name mismatch"),
         MailError::auth(AuthFailureKind::reauthorizationRequired, "re-authorization required"),
-        MailError::protocolViolation(ProtocolIssueKind::serverClosed, "connection closed by server"),
+        MailError::protocolViolation(ProtocolIssueKind::serverClosed,
+                                     "connection closed by server"),
         MailError::storage(StorageFailureKind::schemaNewerThanSupported,
                            "database schema 3 is newer than supported 2"),
         MailError::cancelled(),

@@ -312,7 +312,8 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
         // read says "stream closed".
         std::size_t left = 0;
         std::optional<MailError> error;
-        while (!(error = errorOf([&] { left += s->h.stream.read(4096).size(); })) && left < (1u << 20)) {
+        while (!(error = errorOf([&] { left += s->h.stream.read(4096).size(); })) &&
+               left < (1u << 20)) {
         }
         EXPECT_EQ(error, streamClosed) << left << " bytes were left";
         total += s->bytesRead.load();

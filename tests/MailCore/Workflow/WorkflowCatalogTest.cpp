@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
-
 #include <set>
 
 #include "MailCore/Workflow/WorkflowPolicy.h"
@@ -49,7 +48,8 @@ TEST(WorkflowCatalog, SchemaKindsAreTheValidatorsKinds) {
     conditionKinds.insert("classified");
     EXPECT_EQ(kindsIn(properties.at("conditions").at("items")), conditionKinds);
 
-    const std::set<std::string> actionKinds(workflowActionTypes().begin(), workflowActionTypes().end());
+    const std::set<std::string> actionKinds(workflowActionTypes().begin(),
+                                            workflowActionTypes().end());
     EXPECT_EQ(kindsIn(properties.at("actions").at("items")), actionKinds);
     EXPECT_EQ(kindsIn(properties.at("trigger")),
               (std::set<std::string>{"new_message", "schedule", "no_reply"}));
@@ -81,9 +81,10 @@ TEST(WorkflowCatalog, SchemaLimitsAreTheValidatorsLimits) {
             if (kind == "digest") spec["trigger"] = parseJson(R"({"type":"schedule","hour":1})");
             spec["actions"] = Json::array({action});
             const auto problems = WorkflowPolicy::problems(
-                WorkflowSpec::fromJson(spec), {"apply_label", "mark_read", "create_draft"}, std::nullopt);
-            const std::string expected =
-                "actions[0]." + item.key() + " must be at most " + std::to_string(max) + " characters.";
+                WorkflowSpec::fromJson(spec), {"apply_label", "mark_read", "create_draft"},
+                std::nullopt);
+            const std::string expected = "actions[0]." + item.key() + " must be at most " +
+                                         std::to_string(max) + " characters.";
             EXPECT_NE(std::find(problems.begin(), problems.end(), expected), problems.end())
                 << kind << "." << item.key();
         }

@@ -29,8 +29,9 @@ TEST(WorkflowRisk, GradeFollowsTheMostConsequentialPart) {
         {R"([{"type":"send"}])", "[]", "high"},
     };
     for (const Row& row : rows) {
-        const std::string text = std::string(R"({"name":"n","trigger":{"type":"new_message"},"actions":)") +
-                                 row.actions + R"(,"conditions":)" + row.conditions + "}";
+        const std::string text =
+            std::string(R"({"name":"n","trigger":{"type":"new_message"},"actions":)") +
+            row.actions + R"(,"conditions":)" + row.conditions + "}";
         EXPECT_EQ(riskName(assessRisk(specOf(text.c_str()))), row.risk) << text;
     }
 }
@@ -44,7 +45,8 @@ TEST(WorkflowSummary, ReadsAsOneSentence) {
         {R"({"name":"n","trigger":{"type":"new_message"},"accounts":["anna@example.com"],
              "conditions":[{"type":"from","values":["billing@shop.example"]},{"type":"subject","values":["invoice"]}],
              "actions":[{"type":"apply_label","label":"Invoices"},{"type":"star"}]})",
-         "When a new message arrives in anna@example.com that is from \"billing@shop.example\" and has "
+         "When a new message arrives in anna@example.com that is from \"billing@shop.example\" and "
+         "has "
          "\"invoice\" in the subject: label it \"Invoices\" and star it."},
         {R"({"name":"n","trigger":{"type":"new_message"},"match":"any",
              "conditions":[{"type":"from_domain","values":["a.com","b.com","c.com","d.com","e.com"]},
@@ -65,7 +67,8 @@ TEST(WorkflowSummary, ReadsAsOneSentence) {
         {R"({"name":"n","trigger":{"type":"no_reply","after_hours":72},"accounts":["a@x.org","b@y.org"],
              "conditions":[{"type":"to","values":["client.com"]}],
              "actions":[{"type":"draft_reply","instruction":"Ask politely"},{"type":"remind"}]})",
-         "When a message you sent from a@x.org or b@y.org that is addressed to \"client.com\" gets no "
+         "When a message you sent from a@x.org or b@y.org that is addressed to \"client.com\" gets "
+         "no "
          "reply within 3 days: have your AI provider write a reply draft for you to review (never "
          "sent automatically) and remind you about it."},
         {R"({"name":"n","trigger":{"type":"no_reply","after_hours":1},
@@ -78,12 +81,14 @@ TEST(WorkflowSummary, ReadsAsOneSentence) {
 
 TEST(WorkflowSummary, AgentTextIsCutAndCleaned) {
     const std::string label = std::string(50, 'L') + "\n";
-    Json spec = parseJson(R"({"name":"n","trigger":{"type":"new_message"},"conditions":[{"type":"body","values":["a\u0000b"]}]})");
+    Json spec = parseJson(
+        R"({"name":"n","trigger":{"type":"new_message"},"conditions":[{"type":"body","values":["a\u0000b"]}]})");
     spec["actions"] = Json::array();
     spec["actions"].push_back(parseJson(R"({"type":"apply_label"})"));
     spec["actions"][0]["label"] = label;
     EXPECT_EQ(describeWorkflow(WorkflowSpec::fromJson(spec)),
-              "When a new message arrives that has \"a\xEF\xBF\xBD" "b\" in the message text: label it \"" +
+              "When a new message arrives that has \"a\xEF\xBF\xBD"
+              "b\" in the message text: label it \"" +
                   std::string(40, 'L') + "\xE2\x80\xA6\".");
 }
 

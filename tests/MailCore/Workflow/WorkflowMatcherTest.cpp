@@ -63,7 +63,8 @@ TEST(WorkflowMatcher, ConditionMeanings) {
     };
     const auto m = message();
     for (const Row& row : rows) {
-        EXPECT_EQ(WorkflowMatcher::conditionMatches(condition(row.type, row.values), m), row.expected)
+        EXPECT_EQ(WorkflowMatcher::conditionMatches(condition(row.type, row.values), m),
+                  row.expected)
             << row.type << " " << (row.values.empty() ? "" : row.values[0]);
     }
 }
@@ -105,9 +106,9 @@ TEST(WorkflowMatcher, NextRunOfSchedules) {
         {11, 0, {}, utc, "2026-11-21T11:00:00+00:00"},
         {10, 0, {}, utc, "2026-11-22T10:00:00+00:00"},  // exactly now: the next day
         {9, 59, {}, utc, "2026-11-22T09:59:00+00:00"},
-        {8, 0, {2}, utc, "2026-11-23T08:00:00+00:00"},  // next Monday
-        {12, 0, {7}, utc, "2026-11-21T12:00:00+00:00"},  // today is Saturday
-        {9, 0, {7}, utc, "2026-11-28T09:00:00+00:00"},   // Saturday, already past
+        {8, 0, {2}, utc, "2026-11-23T08:00:00+00:00"},      // next Monday
+        {12, 0, {7}, utc, "2026-11-21T12:00:00+00:00"},     // today is Saturday
+        {9, 0, {7}, utc, "2026-11-28T09:00:00+00:00"},      // Saturday, already past
         {11, 0, {}, plusOne, "2026-11-22T11:00:00+01:00"},  // 11:00 local is now
         {5, 30, {}, minusFive, "2026-11-21T05:30:00-05:00"},
         {23, 0, {1}, minusFive, "2026-11-22T23:00:00-05:00"},

@@ -13,16 +13,33 @@ namespace {
 
 TEST(WorkflowSpecReading, WrongTypesAreReadErrors) {
     const char* const unreadable[] = {
-        "null", "[]", "\"spec\"", "42", "true",
-        R"({"name":5})", R"({"name":["a"]})", R"({"note":{}})", R"({"trigger":"new_message"})",
-        R"({"trigger":{"type":1}})", R"({"trigger":{"type":"schedule","hour":"7"}})",
-        R"({"trigger":{"type":"schedule","hour":7.5}})", R"({"trigger":{"type":"schedule","hour":true}})",
-        R"({"trigger":{"type":"schedule","weekdays":3}})", R"({"trigger":{"type":"schedule","weekdays":["mon"]}})",
-        R"({"trigger":{"type":"no_reply","after_hours":"1"}})", R"({"accounts":"a@b.c"})",
-        R"({"accounts":[1]})", R"({"match":false})", R"({"conditions":{}})", R"({"conditions":[1]})",
-        R"({"conditions":[{"type":"from","values":"x"}]})", R"({"conditions":[{"type":"from","values":[null]}]})",
-        R"({"conditions":[{"type":"classified","category":7}]})", R"({"actions":{"type":"star"}})",
-        R"({"actions":["star"]})", R"({"actions":[{"type":"apply_label","label":3}]})",
+        "null",
+        "[]",
+        "\"spec\"",
+        "42",
+        "true",
+        R"({"name":5})",
+        R"({"name":["a"]})",
+        R"({"note":{}})",
+        R"({"trigger":"new_message"})",
+        R"({"trigger":{"type":1}})",
+        R"({"trigger":{"type":"schedule","hour":"7"}})",
+        R"({"trigger":{"type":"schedule","hour":7.5}})",
+        R"({"trigger":{"type":"schedule","hour":true}})",
+        R"({"trigger":{"type":"schedule","weekdays":3}})",
+        R"({"trigger":{"type":"schedule","weekdays":["mon"]}})",
+        R"({"trigger":{"type":"no_reply","after_hours":"1"}})",
+        R"({"accounts":"a@b.c"})",
+        R"({"accounts":[1]})",
+        R"({"match":false})",
+        R"({"conditions":{}})",
+        R"({"conditions":[1]})",
+        R"({"conditions":[{"type":"from","values":"x"}]})",
+        R"({"conditions":[{"type":"from","values":[null]}]})",
+        R"({"conditions":[{"type":"classified","category":7}]})",
+        R"({"actions":{"type":"star"}})",
+        R"({"actions":["star"]})",
+        R"({"actions":[{"type":"apply_label","label":3}]})",
         R"({"actions":[{"type":"draft_reply","template":[]}]})",
         R"({"actions":[{"type":"extract","fields":"a"}]})",
         R"({"actions":[{"type":"extract","fields":["a"],"file":{"x":1}}]})",
@@ -56,7 +73,7 @@ TEST(WorkflowSpecReading, HugeNumbersAreClampedAndReportedAsOutOfRange) {
 
 TEST(WorkflowSpecReading, InvalidUTF8IsAReadError) {
     for (const std::string& bad : {std::string("\xC3"), std::string("\xED\xA0\x80"),
-                                  std::string("\xC0\xAF"), std::string("ok\xFF")}) {
+                                   std::string("\xC0\xAF"), std::string("ok\xFF")}) {
         Json spec = Json::object();
         spec["name"] = bad;
         EXPECT_THROW(WorkflowSpec::fromJson(spec), WorkflowSpecReadError);
@@ -74,10 +91,13 @@ TEST(WorkflowSpecReading, DeepNestingIsAReadErrorOrIgnored) {
     for (std::size_t i = 0; i < depth; ++i) deep += "]";
     EXPECT_THROW(WorkflowSpec::fromJson(parseJson(R"({"name":"n","conditions":)" + deep + "}")),
                  WorkflowSpecReadError);
-    EXPECT_THROW(WorkflowSpec::fromJson(parseJson(R"({"name":"n","trigger":{"weekdays":)" + deep + "}}")),
-                 WorkflowSpecReadError);
-    EXPECT_EQ(WorkflowSpec::fromJson(parseJson(R"({"name":"n","unknown":)" + deep + R"(,"note":"x"})")).name,
-              "n");
+    EXPECT_THROW(
+        WorkflowSpec::fromJson(parseJson(R"({"name":"n","trigger":{"weekdays":)" + deep + "}}")),
+        WorkflowSpecReadError);
+    EXPECT_EQ(
+        WorkflowSpec::fromJson(parseJson(R"({"name":"n","unknown":)" + deep + R"(,"note":"x"})"))
+            .name,
+        "n");
 }
 
 TEST(WorkflowSpecReading, HugeArraysAreReadAndReportedOnce) {
@@ -100,11 +120,12 @@ TEST(WorkflowSpecReading, CanonicalFormKeepsOnlyTheMembersAKindUses) {
               {"type":"classified","category":"bills","values":["v"]}],
             "actions":[{"type":"star","label":"x"},{"type":"draft_reply","template":"t","title":"x"},
               {"type":"extract","fields":["a"],"file":"f","label":"q"}],"bogus":1})"));
-    EXPECT_EQ(encodeJson(spec.toJson()),
-              R"({"name":"N","trigger":{"type":"new_message"},"accounts":[],"match":"all",)"
-              R"("conditions":[{"type":"unread"},{"type":"from","values":["a"]},)"
-              R"({"type":"classified","category":"bills"}],"actions":[{"type":"star"},)"
-              R"({"type":"draft_reply","template":"t"},{"type":"extract","fields":["a"],"file":"f"}]})");
+    EXPECT_EQ(
+        encodeJson(spec.toJson()),
+        R"({"name":"N","trigger":{"type":"new_message"},"accounts":[],"match":"all",)"
+        R"("conditions":[{"type":"unread"},{"type":"from","values":["a"]},)"
+        R"({"type":"classified","category":"bills"}],"actions":[{"type":"star"},)"
+        R"({"type":"draft_reply","template":"t"},{"type":"extract","fields":["a"],"file":"f"}]})");
 }
 
 TEST(WorkflowSpecReading, RoundTripOfAValidSpecIsStable) {

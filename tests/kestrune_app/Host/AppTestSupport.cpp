@@ -1,7 +1,8 @@
 #include "AppTestSupport.h"
 
-#include <cstdlib>
 #include <unistd.h>
+
+#include <cstdlib>
 
 namespace kestrune::testing {
 
@@ -19,10 +20,11 @@ TempDir::~TempDir() {
 
 std::string rawMessage(const std::string& from, const std::string& subject, const std::string& date,
                        const std::string& body, const std::string& extraHeaders) {
-    return "From: " + from + "\r\nTo: alex@example.com\r\nSubject: " + subject + "\r\nDate: " + date +
-           "\r\nMessage-ID: <" + std::to_string(std::hash<std::string>{}(subject + date)) +
-           "@test.example>\r\n" + extraHeaders +
-           "MIME-Version: 1.0\r\nContent-Type: text/plain; charset=utf-8\r\n\r\n" + body + "\r\n";
+    return "From: " + from + "\r\nTo: alex@example.com\r\nSubject: " + subject +
+           "\r\nDate: " + date + "\r\nMessage-ID: <" +
+           std::to_string(std::hash<std::string>{}(subject + date)) + "@test.example>\r\n" +
+           extraHeaders + "MIME-Version: 1.0\r\nContent-Type: text/plain; charset=utf-8\r\n\r\n" +
+           body + "\r\n";
 }
 
 }  // namespace kestrune::testing

@@ -1,13 +1,11 @@
 #include <gtest/gtest.h>
-
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
-
-#include <nlohmann/json.hpp>
 #include <future>
+#include <nlohmann/json.hpp>
 #include <thread>
 
 #include "AppTestSupport.h"
@@ -47,7 +45,8 @@ TEST(PendingQuestionsTest, ConfirmerOutcomesFollowTheAnswer) {
         std::lock_guard guard(lock);
         shown.push_back(q);
     });
-    mcpkit::MCPSendRequest send{"Claude Code", {"alex@example.com", {"p@example.com"}, {}, "Hi", "Body"}, {}, 0};
+    mcpkit::MCPSendRequest send{
+        "Claude Code", {"alex@example.com", {"p@example.com"}, {}, "Hi", "Body"}, {}, 0};
     const std::pair<const char*, mcpkit::MCPConfirmOutcome> cases[] = {
         {"yes", mcpkit::MCPConfirmOutcome::confirmed},
         {"no", mcpkit::MCPConfirmOutcome::declined},
@@ -79,7 +78,8 @@ TEST(PendingQuestionsTest, UnansweredQuestionsTimeOutAndLeaveNothing) {
         ASSERT_EQ(::stat((dir.path / "pending").c_str(), &dirStat), 0);
         EXPECT_EQ(dirStat.st_mode & 0777, 0700u);
     });
-    mcpkit::MCPWriteRequest write{"Claude Code", "apply_label", "{\"label\":\"x\"}", {}, 0, "read mail"};
+    mcpkit::MCPWriteRequest write{"Claude Code", "apply_label", "{\"label\":\"x\"}", {}, 0,
+                                  "read mail"};
     EXPECT_EQ(confirmer.confirmWrite(write, 1s), mcpkit::MCPConfirmOutcome::timedOut);
     EXPECT_FALSE(fs::exists(questionFile));
     std::string error;
@@ -151,7 +151,10 @@ TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
 
     PendingQuestions questions(HostPaths::make(dir.path, env.home).pending, 5ms);
     auto asked = std::async(std::launch::async, [&] {
-        return questions.ask("send", "Send?\n", 10s, [&](const PendingQuestion&) { type("y"); type("es\n"); });
+        return questions.ask("send", "Send?\n", 10s, [&](const PendingQuestion&) {
+            type("y");
+            type("es\n");
+        });
     });
     EXPECT_EQ(asked.get(), std::optional<std::string>("yes"));
     stop = true;
@@ -181,7 +184,8 @@ struct CommandTest : ::testing::Test {
         return all;
     }
     mcpkit::MCPState state() {
-        return mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home").policy->snapshot();
+        return mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home")
+            .policy->snapshot();
     }
 };
 
@@ -240,7 +244,8 @@ TEST_F(CommandTest, ControlsChangeThePolicyFile) {
     EXPECT_FALSE(state().settings.masterEnabled);
 
     auto storage = mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home");
-    storage.policy->registerHarness("codex", "Codex", {"codex"}, "kmt_token_for_tests_0123456789abcdef");
+    storage.policy->registerHarness("codex", "Codex", {"codex"},
+                                    "kmt_token_for_tests_0123456789abcdef");
     ASSERT_EQ(run({"harnesses", "revoke", "codex"}), 0);
     EXPECT_FALSE(state().harness("codex")->allowed);
     ASSERT_EQ(run({"harnesses"}), 0);
@@ -255,9 +260,12 @@ TEST_F(CommandTest, AuditFiltersAndExports) {
     {
         auto storage = mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home");
         mcpkit::MCPAuditLog log(storage.auditURL);
-        log.record("Codex", "search_messages", "alex@example.com", mcpkit::MCPResult::ok, "3 results", false);
-        log.record("Codex", "send_message", "alex@example.com", mcpkit::MCPResult::declined, "=cmd", true);
-        log.record("Cursor", "read_message", "alex@example.com", mcpkit::MCPResult::ok, "message", true);
+        log.record("Codex", "search_messages", "alex@example.com", mcpkit::MCPResult::ok,
+                   "3 results", false);
+        log.record("Codex", "send_message", "alex@example.com", mcpkit::MCPResult::declined, "=cmd",
+                   true);
+        log.record("Cursor", "read_message", "alex@example.com", mcpkit::MCPResult::ok, "message",
+                   true);
     }
     ASSERT_EQ(run({"audit", "--harness", "Codex", "--format", "jsonl"}), 0);
     ASSERT_EQ(out.size(), 1u);
@@ -265,7 +273,8 @@ TEST_F(CommandTest, AuditFiltersAndExports) {
     EXPECT_EQ(std::count(lines.begin(), lines.end(), '\n'), 1);
     EXPECT_NE(lines.find("\"tool\":\"send_message\""), std::string::npos);
     ASSERT_EQ(run({"audit", "--result", "declined", "--format", "csv"}), 0);
-    EXPECT_NE(output().find("time,harness,tool,account,result,summary,mail_influenced"), std::string::npos);
+    EXPECT_NE(output().find("time,harness,tool,account,result,summary,mail_influenced"),
+              std::string::npos);
     EXPECT_NE(output().find("'=cmd"), std::string::npos);
     EXPECT_EQ(output().find("search_messages"), std::string::npos);
     ASSERT_EQ(run({"audit", "--tool", "read_message"}), 0);
@@ -281,7 +290,9 @@ TEST_F(CommandTest, ImportCreatesTheAccount) {
     std::ofstream(dir.path / "box.mbox")
         << "From x Mon Jan 1 00:00:00 2026\n"
         << testing::rawMessage("c@example.com", "Mbox one", "Mon, 16 Nov 2026 11:00:00 +0000", "z");
-    ASSERT_EQ(run({"import", "--account", "me@example.com", "--mbox", (dir.path / "box.mbox").string()}), 0);
+    ASSERT_EQ(
+        run({"import", "--account", "me@example.com", "--mbox", (dir.path / "box.mbox").string()}),
+        0);
     EXPECT_NE(output().find("Imported 1 messages into me@example.com"), std::string::npos);
     ASSERT_EQ(run({"accounts"}), 0);
     EXPECT_NE(output().find("me@example.com"), std::string::npos);
@@ -291,22 +302,32 @@ TEST_F(CommandTest, OutboxListsRetriesAndCancels) {
     EXPECT_EQ(run({"outbox"}), 1);  // no store yet
     mailcore::OutboxItemID failed, queued;
     {
-        mailcore::SQLiteMailStore store(mailcore::StoreLocation::file((dir.path / "mail.sqlite").string()));
+        mailcore::SQLiteMailStore store(
+            mailcore::StoreLocation::file((dir.path / "mail.sqlite").string()));
         const auto now = mailcore::systemClock()();
         ensureAccount(store, {"me@example.com", "", false}, now);
         mailcore::OutboxSend send;
         send.message.to = {{"", "sam@example.com"}};
         send.message.subject = "Venue";
-        failed = store.enqueue(mailcore::AccountID("me@example.com"), mailcore::OutboxOperation::send(send), now).id;
+        failed = store
+                     .enqueue(mailcore::AccountID("me@example.com"),
+                              mailcore::OutboxOperation::send(send), now)
+                     .id;
         ASSERT_TRUE(store.claimNextDue(now, std::nullopt));
-        store.failPermanently(failed, mailcore::MailError::unsupportedCapability("no account configured"), true);
+        store.failPermanently(
+            failed, mailcore::MailError::unsupportedCapability("no account configured"), true);
         send.message.subject = "Later";
-        queued = store.enqueue(mailcore::AccountID("me@example.com"), mailcore::OutboxOperation::send(send), now).id;
+        queued = store
+                     .enqueue(mailcore::AccountID("me@example.com"),
+                              mailcore::OutboxOperation::send(send), now)
+                     .id;
     }
     ASSERT_EQ(run({"outbox", "list"}), 0);
     ASSERT_EQ(out.size(), 2u);
-    EXPECT_NE(out[0].find(failed.value + "  me@example.com  failed  send \"Venue\" to sam@example.com  attempts 1  (no account configured)"),
-              std::string::npos) << out[0];
+    EXPECT_NE(out[0].find(failed.value + "  me@example.com  failed  send \"Venue\" to "
+                                         "sam@example.com  attempts 1  (no account configured)"),
+              std::string::npos)
+        << out[0];
     EXPECT_NE(out[1].find("queued  send \"Later\""), std::string::npos) << out[1];
 
     EXPECT_EQ(run({"outbox", "retry", queued.value}), 1);  // not failed
@@ -355,7 +376,8 @@ TEST(AppHostTest, ServesOnceAndStopsCleanly) {
     auto reply = sendControl(host.paths(), mailcore::Json{{"op", "reset"}}, 5s);
     ASSERT_TRUE(reply);
     EXPECT_TRUE(reply->value("ok", false));
-    reply = sendControl(host.paths(), mailcore::Json{{"op", "workflow"}, {"action", "approve"}, {"id", "X"}}, 5s);
+    reply = sendControl(host.paths(),
+                        mailcore::Json{{"op", "workflow"}, {"action", "approve"}, {"id", "X"}}, 5s);
     ASSERT_TRUE(reply);
     EXPECT_FALSE(reply->value("ok", true));
     EXPECT_EQ(reply->value("message", ""), "No workflow X.");

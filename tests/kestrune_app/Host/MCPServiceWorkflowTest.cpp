@@ -5,10 +5,10 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
-#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/LinkTestSupport.h"

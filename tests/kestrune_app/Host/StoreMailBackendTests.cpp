@@ -94,22 +94,41 @@ TEST_F(BackendTest, SearchesAndListsAsAsked) {
     };
     const std::vector<std::string> alex{"alex@example.com"};
     const std::vector<Case> cases = {
-        {"ranked text across folders", {alex, "budget"}, {"Re: Budget review", "Old budget", "Budget review"}, 3},
+        {"ranked text across folders",
+         {alex, "budget"},
+         {"Re: Budget review", "Old budget", "Budget review"},
+         3},
         {"text within a folder", {alex, "budget", "archive"}, {"Old budget"}, 1},
         {"text paged", {alex, "budget", {}, {}, false, 1, 1}, {"Old budget"}, 3},
         {"text from a sender", {alex, "budget", {}, "priya"}, {"Old budget", "Budget review"}, 2},
         {"text unread only", {alex, "budget", {}, {}, true}, {"Re: Budget review"}, 1},
-        {"no text lists newest", {alex, ""}, {"Weekly digest", "Re: Budget review", "Budget review", "Old budget"}, 4},
-        {"no text paged", {alex, "", {}, {}, false, 2, 1}, {"Re: Budget review", "Budget review"}, 4},
-        {"no text in inbox unread", {alex, "", "inbox", {}, true}, {"Weekly digest", "Re: Budget review"}, 2},
+        {"no text lists newest",
+         {alex, ""},
+         {"Weekly digest", "Re: Budget review", "Budget review", "Old budget"},
+         4},
+        {"no text paged",
+         {alex, "", {}, {}, false, 2, 1},
+         {"Re: Budget review", "Budget review"},
+         4},
+        {"no text in inbox unread",
+         {alex, "", "inbox", {}, true},
+         {"Weekly digest", "Re: Budget review"},
+         2},
         {"no text from a sender", {alex, "", {}, "NEWS@weekly"}, {"Weekly digest"}, 1},
         {"punctuation only lists", {alex, "(*)", "archive"}, {"Old budget"}, 1},
         {"only the accounts named", {{"work@example.org"}, "budget"}, {"Budget at work"}, 1},
-        {"both accounts", {{"alex@example.com", "work@example.org"}, "", {}, "boss"}, {"Budget at work"}, 1},
-        {"text ranked across accounts", {{"alex@example.com", "work@example.org"}, "budget", {}, {}, false, 2},
-         {"Re: Budget review", "Budget at work"}, 4},
-        {"text in one account's folder among two", {{"alex@example.com", "work@example.org"}, "budget", "archive"},
-         {"Old budget"}, 1},
+        {"both accounts",
+         {{"alex@example.com", "work@example.org"}, "", {}, "boss"},
+         {"Budget at work"},
+         1},
+        {"text ranked across accounts",
+         {{"alex@example.com", "work@example.org"}, "budget", {}, {}, false, 2},
+         {"Re: Budget review", "Budget at work"},
+         4},
+        {"text in one account's folder among two",
+         {{"alex@example.com", "work@example.org"}, "budget", "archive"},
+         {"Old budget"},
+         1},
         {"unknown account gives nothing", {{"nobody@example.com"}, "budget"}, {}, 0},
     };
     for (const auto& c : cases) {
@@ -145,10 +164,11 @@ TEST_F(BackendTest, AttachmentsAreNamed) {
         "Date: Fri, 20 Nov 2026 10:00:00 +0000\r\nMIME-Version: 1.0\r\n"
         "Content-Type: multipart/mixed; boundary=b\r\n\r\n--b\r\nContent-Type: text/plain\r\n\r\n"
         "Signed.\r\n--b\r\nContent-Type: application/pdf\r\nContent-Disposition: attachment; "
-        "filename=\"contract.pdf\"\r\nContent-Transfer-Encoding: base64\r\n\r\nJVBERi0=\r\n--b--\r\n";
+        "filename=\"contract.pdf\"\r\nContent-Transfer-Encoding: "
+        "base64\r\n\r\nJVBERi0=\r\n--b--\r\n";
     const auto id = fileMessage(*store, "alex@example.com",
-                                folderWithRole(*store, "alex@example.com", FolderRole::inbox), raw, {},
-                                fixedNow());
+                                folderWithRole(*store, "alex@example.com", FolderRole::inbox), raw,
+                                {}, fixedNow());
     const auto m = backend->message(StoreMailBackend::handle(id), std::nullopt);
     ASSERT_TRUE(m);
     ASSERT_EQ(m->attachments.size(), 1u);
@@ -180,7 +200,8 @@ TEST_F(BackendTest, DraftsSendsAndTheUndoWindowGoThroughTheOutbox) {
     };
     // A reply draft: a draft record, and its copy filed in Drafts by the
     // outbox, threaded with the message it answers.
-    const mcpkit::MCPOutgoing out{"alex@example.com", {"priya@northwind.example"}, {}, "Thursday", "See you."};
+    const mcpkit::MCPOutgoing out{
+        "alex@example.com", {"priya@northwind.example"}, {}, "Thursday", "See you."};
     const std::string draftID = backend->saveDraft(out, StoreMailBackend::handle(ids[0]));
     ASSERT_TRUE(StoreMailBackend::draftID(draftID)) << draftID;
     EXPECT_EQ(backend->draft(draftID), out);
@@ -193,7 +214,8 @@ TEST_F(BackendTest, DraftsSendsAndTheUndoWindowGoThroughTheOutbox) {
 
     // Undone in the window: nothing is sent and the message is kept as a draft.
     undo = true;
-    const mcpkit::MCPOutgoing note{"alex@example.com", {"sam@northwind.example"}, {}, "Venue", "Terrace."};
+    const mcpkit::MCPOutgoing note{
+        "alex@example.com", {"sam@northwind.example"}, {}, "Venue", "Terrace."};
     EXPECT_EQ(backend->send(note, std::nullopt), mcpkit::MCPSendDelivery::undone);
     EXPECT_EQ(inFolder("drafts"), (std::vector<std::string>{"Venue", "Thursday"}));
     EXPECT_EQ(store->drafts(alex).size(), 2u);
@@ -246,7 +268,8 @@ TEST_F(BackendTest, AnInterruptedSendIsDeliveredExactlyOnce) {
     const AccountID alex("alex@example.com");
     for (const bool deliveredBeforeTheStop : {false, true}) {
         OutboxSend send;
-        send.message.messageID = InternetMessageID::normalizing(deliveredBeforeTheStop ? "a@example.com" : "b@example.com");
+        send.message.messageID = InternetMessageID::normalizing(
+            deliveredBeforeTheStop ? "a@example.com" : "b@example.com");
         send.message.from = {{"", "alex@example.com"}};
         send.message.to = {{"", "sam@northwind.example"}};
         send.message.subject = deliveredBeforeTheStop ? "Delivered" : "Not yet";
@@ -268,7 +291,9 @@ TEST_F(BackendTest, AnInterruptedSendIsDeliveredExactlyOnce) {
         EXPECT_EQ(relaunched.recoverAtLaunch().heldSends, 1u);
         relaunched.runDue(alex);
         EXPECT_TRUE(store->outboxItems(alex).empty());
-        EXPECT_EQ(delivery.copiesIn("alex@example.com", FolderRole::sent, *send.message.messageID).size(), 1u)
+        EXPECT_EQ(
+            delivery.copiesIn("alex@example.com", FolderRole::sent, *send.message.messageID).size(),
+            1u)
             << send.message.subject;
     }
 }
@@ -305,8 +330,10 @@ TEST(MailImportTest, ImportsMaildirAndMboxIntoAnAccount) {
         << testing::rawMessage("c@example.com", "Mbox one", "Mon, 16 Nov 2026 11:00:00 +0000", "z");
     result = importMbox(store, "me@example.com", dir.path / "box.mbox", fixedNow());
     EXPECT_EQ(result.imported, 1);
-    EXPECT_THROW(importMbox(store, "me@example.com", dir.path / "missing", fixedNow()), std::runtime_error);
-    EXPECT_THROW(ensureAccount(store, {"not-an-address", "", false}, fixedNow()), std::invalid_argument);
+    EXPECT_THROW(importMbox(store, "me@example.com", dir.path / "missing", fixedNow()),
+                 std::runtime_error);
+    EXPECT_THROW(ensureAccount(store, {"not-an-address", "", false}, fixedNow()),
+                 std::invalid_argument);
 }
 
 }  // namespace
