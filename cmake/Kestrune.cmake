@@ -70,15 +70,22 @@ function(kestrune_benchmark target)
   target_link_libraries(${target} PRIVATE ${ARG_DEPS} benchmark::benchmark)
 endfunction()
 
-# kestrune_fuzzer(<name> SOURCE <file.cpp> [DEPS <libs>...] [SECONDS <n>])
-# A libFuzzer target, plus a ctest entry that runs it for a bounded time on
-# its seed corpus (fuzz/corpus/<name>, read only; new inputs go to the build tree).
-function(kestrune_fuzzer name)
-  cmake_parse_arguments(ARG "" "SOURCE;SECONDS" "DEPS" ${ARGN})
-  if(NOT ARG_SECONDS)
-    set(ARG_SECONDS 15)
+# kestrune_fuzzer(<Source> [DEPS <libs>...] [SECONDS <n>])
+# A libFuzzer target from <Source>.cpp (named XxxFuzzer), called xxx_fuzzer,
+# plus a ctest entry fuzz_xxx_fuzzer that runs it for a bounded time on its
+# seed corpus (corpus/xxx_fuzzer beside it, read only; new inputs go to the
+# build tree).
+function(kestrune_fuzzer source)
+  cmake_parse_arguments(ARG "" "SECONDS" "DEPS" ${ARGN})
+  if(NOT source MATCHES "Fuzzer$")
+    message(FATAL_ERROR "fuzz target sources are named XxxFuzzer.cpp: ${source}")
   endif()
-  add_executable(${name} ${ARG_SOURCE})
+  if(NOT ARG_SECONDS)
+    set(ARG_SECONDS 10)
+  endif()
+  string(REGEX REPLACE "([a-z0-9])([A-Z])" "\\1_\\2" name "${source}")
+  string(TOLOWER "${name}" name)
+  add_executable(${name} ${source}.cpp)
   target_compile_options(${name} PRIVATE ${KESTRUNE_WARNINGS})
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
   target_link_options(${name} PRIVATE -fsanitize=fuzzer)
