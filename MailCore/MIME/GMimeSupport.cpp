@@ -16,11 +16,6 @@ GMimeParserOptions* parserOptions = nullptr;  // guarded by setupLock()
 
 }  // namespace
 
-std::string takeGString(char* text) {
-    GCharPtr owned(text);
-    return owned ? std::string(owned.get()) : std::string();
-}
-
 void ensureGMime() {
     std::lock_guard<std::mutex> guard(setupLock());
     if (initialised) return;

@@ -40,16 +40,6 @@ GObjectPtr<T> adoptGObject(T* object) {
     return GObjectPtr<T>(object);
 }
 
-// Adds a reference to a borrowed object and owns that reference.
-template <typename T>
-GObjectPtr<T> retainGObject(T* object) {
-    if (object != nullptr) g_object_ref(object);
-    return GObjectPtr<T>(object);
-}
-
-// The text of a GMime-allocated string (freed here), or "" for null.
-std::string takeGString(char* text);
-
 // Initialises GMime once per process (or again after shutdownGMime()), with
 // RFC 2047 and address parsing in loose mode.
 void ensureGMime();

@@ -7,8 +7,6 @@ namespace mailcore {
 
 SQLValue::SQLValue(Date d) : value_(secondsSince1970(d)) {}
 
-int SQLRow::columnCount() const { return sqlite3_column_count(statement_); }
-
 bool SQLRow::isNull(int column) const {
     return sqlite3_column_type(statement_, column) == SQLITE_NULL;
 }
@@ -36,11 +34,6 @@ Date SQLRow::date(int column) const { return dateFromSeconds(real(column)); }
 std::optional<std::int64_t> SQLRow::optionalInt64(int column) const {
     if (isNull(column)) return std::nullopt;
     return int64(column);
-}
-
-std::optional<double> SQLRow::optionalReal(int column) const {
-    if (isNull(column)) return std::nullopt;
-    return real(column);
 }
 
 std::optional<std::string> SQLRow::optionalText(int column) const {
@@ -248,10 +241,6 @@ std::optional<std::int64_t> SQLiteDatabase::scalarInt(const std::string& sql,
 
 std::int64_t SQLiteDatabase::lastInsertRowID() const {
     return handle_ != nullptr ? sqlite3_last_insert_rowid(handle_) : 0;
-}
-
-void SQLiteDatabase::interrupt() {
-    if (handle_ != nullptr) sqlite3_interrupt(handle_);
 }
 
 }  // namespace mailcore

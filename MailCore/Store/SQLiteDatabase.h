@@ -68,7 +68,6 @@ class SQLRow {
 public:
     explicit SQLRow(sqlite3_stmt* statement) : statement_(statement) {}
 
-    int columnCount() const;
     bool isNull(int column) const;
     std::int64_t int64(int column) const;
     double real(int column) const;
@@ -78,7 +77,6 @@ public:
     bool boolean(int column) const { return int64(column) != 0; }
 
     std::optional<std::int64_t> optionalInt64(int column) const;
-    std::optional<double> optionalReal(int column) const;
     std::optional<std::string> optionalText(int column) const;
     std::optional<Blob> optionalBlob(int column) const;
     std::optional<Date> optionalDate(int column) const;
@@ -165,9 +163,6 @@ public:
     std::size_t cachedStatementCount() const { return cache_.size(); }
     // Counts statements prepared anew (cache misses); for tests.
     std::uint64_t preparedStatementCount() const { return prepareCount_; }
-
-    // Interrupts a running statement from another thread.
-    void interrupt();
 
 private:
     sqlite3_stmt* prepare(const std::string& sql);

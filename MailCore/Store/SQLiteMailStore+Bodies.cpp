@@ -202,17 +202,4 @@ std::int64_t SQLiteMailStore::evictBodies(const BodyEvictionPolicy& policy) {
     });
 }
 
-std::vector<std::pair<std::vector<MailAddress>, std::string>> SQLiteMailStore::recentHTMLBodies(
-    int limit) {
-    return read([&](SQLiteDatabase& db) {
-        return db.query<std::pair<std::vector<MailAddress>, std::string>>(
-            "SELECT m.from_json, substr(b.html, 1, 100000)\nFROM bodies b JOIN messages m ON m.id "
-            "= b.message_id\nWHERE b.html IS NOT NULL AND length(b.html) > 0\nORDER BY "
-            "b.fetched_at DESC\nLIMIT ?",
-            {limit}, [](const SQLRow& row) {
-                return std::make_pair(StorageCodec::decodeAddresses(row.text(0)), row.text(1));
-            });
-    });
-}
-
 }  // namespace mailcore

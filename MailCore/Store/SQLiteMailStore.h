@@ -156,8 +156,6 @@ public:
     std::int64_t bodyBytes();
     // Returns the number of bodies removed.
     std::int64_t evictBodies(const BodyEvictionPolicy& policy);
-    // (first From address list, first 100000 characters of HTML), newest first.
-    std::vector<std::pair<std::vector<MailAddress>, std::string>> recentHTMLBodies(int limit);
 
     // ---- Lists and search ----
     MessagePage messages(const MessageQuery& query);

@@ -31,10 +31,6 @@ std::string_view rawValue(BodyState state) {
     return bodyStateNames.at(static_cast<std::size_t>(state));
 }
 
-BodyState bodyStateFromRaw(std::string_view raw) {
-    return static_cast<BodyState>(indexOf(bodyStateNames, raw, 0));
-}
-
 std::string_view rawValue(LocalState state) {
     return localStateNames.at(static_cast<std::size_t>(state));
 }

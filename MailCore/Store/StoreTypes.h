@@ -106,7 +106,6 @@ struct FolderRecord {
 
 enum class BodyState { notFetched, partial, complete };
 std::string_view rawValue(BodyState state);
-BodyState bodyStateFromRaw(std::string_view raw);
 
 enum class LocalState { synced, pendingMove, pendingDelete };
 std::string_view rawValue(LocalState state);

@@ -168,7 +168,9 @@ TEST(AIContentSanitizerTest, TruncationNeverExceedsTheBudgetNorSplitsACharacter)
             ASSERT_LE(utf8::characterCount(result.text), static_cast<std::size_t>(limit));
             ASSERT_TRUE(utf8::isValid(result.text));
             ASSERT_EQ(result.truncated, static_cast<std::int64_t>(length) > limit);
-            if (!result.truncated) ASSERT_EQ(result.text, text);
+            if (!result.truncated) {
+                ASSERT_EQ(result.text, text);
+            }
         }
     }
 }

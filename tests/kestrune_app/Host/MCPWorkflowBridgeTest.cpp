@@ -224,7 +224,9 @@ TEST(MCPWorkflowMailSourceDates, ParsesTheBackendsDateForms) {
     for (const auto& [text, seconds] : rows) {
         const auto parsed = MCPWorkflowMailSource::parseDate(text);
         ASSERT_EQ(parsed.has_value(), seconds.has_value()) << text;
-        if (parsed) EXPECT_DOUBLE_EQ(mailcore::secondsSince1970(*parsed), *seconds) << text;
+        if (parsed) {
+            EXPECT_DOUBLE_EQ(mailcore::secondsSince1970(*parsed), *seconds) << text;
+        }
     }
 }
 
