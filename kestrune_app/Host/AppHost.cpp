@@ -17,6 +17,7 @@
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MailIngest.h"
 
 namespace kestrune {
@@ -99,15 +100,18 @@ void AppHost::start() {
         mcpkit::MCPPaths::preparePrivateDirectory(paths_.root);
         mcpkit::MCPPaths::preparePrivateDirectory(paths_.mcp);
     } catch (const std::exception& e) {
-        throw std::runtime_error("The data directory " + paths_.root.string() +
-                                 " cannot be used: " + e.what());
+        throw HostError(
+            HostError::Kind::dataDirectory,
+            "The data directory " + paths_.root.string() + " cannot be used: " + e.what());
     }
     lockFD_ = ::open(paths_.lock.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (lockFD_ < 0) throw std::runtime_error("Cannot open " + paths_.lock.string());
+    if (lockFD_ < 0)
+        throw HostError(HostError::Kind::dataDirectory, "Cannot open " + paths_.lock.string());
     if (::flock(lockFD_, LOCK_EX | LOCK_NB) != 0) {
         ::close(lockFD_);
         lockFD_ = -1;
-        throw std::runtime_error("Kestrune is already running for " + paths_.root.string() + ".");
+        throw HostError(HostError::Kind::alreadyRunning,
+                        "Kestrune is already running for " + paths_.root.string() + ".");
     }
 
     storage_ = mcpkit::MCPStorage::open(options_.dataDir, std::nullopt, options_.home);
@@ -197,10 +201,10 @@ void AppHost::start() {
         server_->start();
     } catch (const mcpkit::MCPSocketError& e) {
         if (e.kind() == mcpkit::MCPSocketError::Kind::alreadyRunning)
-            throw std::runtime_error("Kestrune is already running at " +
-                                     storage_.socketPath.string() + ".");
-        throw std::runtime_error("Cannot listen at " + storage_.socketPath.string() + ": " +
-                                 e.what());
+            throw HostError(HostError::Kind::alreadyRunning,
+                            "Kestrune is already running at " + storage_.socketPath.string() + ".");
+        throw HostError(HostError::Kind::cannotListen,
+                        "Cannot listen at " + storage_.socketPath.string() + ": " + e.what());
     }
 }
 
@@ -267,7 +271,8 @@ void AppHost::fillDemo() {
     for (const auto& entry : fs::directory_iterator(options_.demoMessages, error))
         if (entry.path().extension() == ".eml") files.push_back(entry.path());
     if (files.empty())
-        throw std::runtime_error("No demonstration messages in " + options_.demoMessages.string());
+        throw HostError(HostError::Kind::notFound,
+                        "No demonstration messages in " + options_.demoMessages.string());
     std::sort(files.begin(), files.end());
     const auto now = mailcore::systemClock()();
     ensureAccount(*store_, {demoAccount, "Alex Morgan (demo)", true}, now);

@@ -59,8 +59,9 @@ public:
     AppHost(ServeOptions options, Print out);
     ~AppHost();
 
-    // Opens everything and starts listening. Throws std::runtime_error with a
-    // sentence for the user (already running, unusable directory, ...).
+    // Opens everything and starts listening. Throws HostError with a sentence
+    // for the user: dataDirectory, alreadyRunning, cannotListen, notFound (no
+    // demonstration messages).
     void start();
 
     // Answers waiting control requests and reloads a changed policy file.

@@ -17,6 +17,7 @@
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -33,11 +34,12 @@ constexpr int ok = 0;
 constexpr int failure = 1;
 constexpr int usageError = 64;
 
-struct UsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+// The two kinds the commands throw themselves: exit status 64 and 1.
+struct UsageError : HostError {
+    explicit UsageError(std::string detail) : HostError(Kind::usage, std::move(detail)) {}
 };
-struct Failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct Failure : HostError {
+    explicit Failure(std::string detail) : HostError(Kind::failed, std::move(detail)) {}
 };
 
 struct Context {

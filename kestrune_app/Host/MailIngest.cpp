@@ -6,6 +6,7 @@
 
 #include "MailCore/MIME/MailImporter.h"
 #include "MailCore/MIME/MessageIngestor.h"
+#include "kestrune_app/Host/HostError.h"
 
 namespace kestrune {
 
@@ -42,7 +43,7 @@ std::vector<HostAccount> hostAccounts(SQLiteMailStore& store) {
 
 HostAccount ensureAccount(SQLiteMailStore& store, const HostAccount& account, Date now) {
     if (account.email.find('@') == std::string::npos || account.email.size() > 320)
-        throw std::invalid_argument("not a mail address: " + account.email);
+        throw HostError(HostError::Kind::invalidInput, "not a mail address: " + account.email);
     if (auto existing = hostAccount(store, account.email)) return *existing;
     return store.write([&](SQLiteDatabase&) {
         Json config{{"email", account.email},
@@ -69,8 +70,8 @@ FolderID folderWithRole(SQLiteMailStore& store, const std::string& account, Fold
     for (const auto& f : store.folders(AccountID(account))) {
         if (f.role == role) return f.id;
     }
-    throw std::runtime_error("account " + account + " has no " + std::string(rawValue(role)) +
-                             " folder");
+    throw HostError(HostError::Kind::notFound,
+                    "account " + account + " has no " + std::string(rawValue(role)) + " folder");
 }
 
 MessageID fileMessage(SQLiteMailStore& store, const std::string& account, FolderID folder,
@@ -98,7 +99,8 @@ ImportResult importMaildir(SQLiteMailStore& store, const std::string& account,
                            const std::filesystem::path& dir, Date now) {
     namespace fs = std::filesystem;
     if (!fs::is_directory(dir / "cur") && !fs::is_directory(dir / "new"))
-        throw std::runtime_error(dir.string() + " is not a Maildir (no cur/ or new/)");
+        throw HostError(HostError::Kind::invalidInput,
+                        dir.string() + " is not a Maildir (no cur/ or new/)");
     MailImporter importer(store, AccountID(account), {}, [now] { return now; });
     return result(importer.importMaildir(dir));
 }
@@ -106,7 +108,7 @@ ImportResult importMaildir(SQLiteMailStore& store, const std::string& account,
 ImportResult importMbox(SQLiteMailStore& store, const std::string& account,
                         const std::filesystem::path& file, Date now) {
     if (!std::filesystem::is_regular_file(file))
-        throw std::runtime_error(file.string() + " is not a file");
+        throw HostError(HostError::Kind::invalidInput, file.string() + " is not a file");
     MailImporter importer(store, AccountID(account), {}, [now] { return now; });
     return result(importer.importMbox(file, "INBOX"));
 }

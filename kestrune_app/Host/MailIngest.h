@@ -25,13 +25,13 @@ std::optional<HostAccount> hostAccount(mailcore::SQLiteMailStore& store, const s
 std::vector<HostAccount> hostAccounts(mailcore::SQLiteMailStore& store);
 
 // Creates the account (when missing) with the folders INBOX, Sent, Drafts,
-// Archive and Trash. Returns the account as stored. Throws std::invalid_argument
+// Archive and Trash. Returns the account as stored. Throws HostError invalidInput
 // for an address without "@".
 HostAccount ensureAccount(mailcore::SQLiteMailStore& store, const HostAccount& account,
                           mailcore::Date now);
 
 // The account's folder with `role` (inbox, sent, drafts, ...). Throws
-// std::runtime_error when the account has none.
+// HostError notFound when the account has none.
 mailcore::FolderID folderWithRole(mailcore::SQLiteMailStore& store, const std::string& account,
                                   mailcore::FolderRole role);
 
@@ -48,13 +48,13 @@ struct ImportResult {
 };
 
 // A Maildir tree into the account (the mail importer maps its folders and
-// flags). Throws std::runtime_error when `dir` is not a Maildir, MailError
+// flags). Throws HostError invalidInput when `dir` is not a Maildir, MailError
 // when it cannot be read.
 ImportResult importMaildir(mailcore::SQLiteMailStore& store, const std::string& account,
                            const std::filesystem::path& dir, mailcore::Date now);
 
 // Every message of an mbox file into the account's INBOX. Throws
-// std::runtime_error when the file is missing, MailError when it cannot be
+// HostError invalidInput when the file is missing, MailError when it cannot be
 // read.
 ImportResult importMbox(mailcore::SQLiteMailStore& store, const std::string& account,
                         const std::filesystem::path& file, mailcore::Date now);

@@ -13,7 +13,9 @@
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "kestrune_app/Host/AppHost.h"
 #include "kestrune_app/Host/HostCommands.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/PendingQuestions.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace kestrune {
 namespace {
@@ -359,12 +361,9 @@ TEST(AppHostTest, ServesOnceAndStopsCleanly) {
     EXPECT_NE(out[0].find("Demonstration mailbox alex@example.com created"), std::string::npos);
 
     AppHost second(options, [](const std::string&) {});
-    try {
-        second.start();
-        ADD_FAILURE() << "a second host started";
-    } catch (const std::runtime_error& e) {
-        EXPECT_NE(std::string(e.what()).find("already running"), std::string::npos);
-    }
+    const auto refused = testfiles::caught<HostError>([&] { second.start(); });
+    ASSERT_TRUE(refused) << "a second host started";
+    EXPECT_EQ(refused->kind(), HostError::Kind::alreadyRunning);
 
     // Requests that need the running host's memory.
     auto pump = std::async(std::launch::async, [&] {

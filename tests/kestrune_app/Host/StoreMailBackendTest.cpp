@@ -4,9 +4,11 @@
 
 #include "AppTestSupport.h"
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/LocalDelivery.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
+#include "tests/fakes/TestFiles.h"
 
 // Queries are written as aggregates naming only the fields a case sets.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
@@ -323,17 +325,20 @@ TEST(MailImportTest, ImportsMaildirAndMboxIntoAnAccount) {
     EXPECT_EQ(result.imported, 2);
     EXPECT_EQ(result.skipped, 1);
     EXPECT_EQ(store.folders(AccountID("me@example.com"))[0].unreadCount, 1);
-    EXPECT_THROW(importMaildir(store, "me@example.com", dir.path, fixedNow()), std::runtime_error);
+    const auto invalid = [](const std::function<void()>& action) {
+        const auto error = testfiles::caught<HostError>(action);
+        return error && error->kind() == HostError::Kind::invalidInput;
+    };
+    EXPECT_TRUE(invalid([&] { importMaildir(store, "me@example.com", dir.path, fixedNow()); }));
 
     std::ofstream(dir.path / "box.mbox")
         << "From x Mon Jan 1 00:00:00 2026\n"
         << testing::rawMessage("c@example.com", "Mbox one", "Mon, 16 Nov 2026 11:00:00 +0000", "z");
     result = importMbox(store, "me@example.com", dir.path / "box.mbox", fixedNow());
     EXPECT_EQ(result.imported, 1);
-    EXPECT_THROW(importMbox(store, "me@example.com", dir.path / "missing", fixedNow()),
-                 std::runtime_error);
-    EXPECT_THROW(ensureAccount(store, {"not-an-address", "", false}, fixedNow()),
-                 std::invalid_argument);
+    EXPECT_TRUE(
+        invalid([&] { importMbox(store, "me@example.com", dir.path / "missing", fixedNow()); }));
+    EXPECT_TRUE(invalid([&] { ensureAccount(store, {"not-an-address", "", false}, fixedNow()); }));
 }
 
 }  // namespace
