@@ -1,12 +1,8 @@
 #include "KestruneMCPKit/Audit/MCPRedactor.h"
 
-#define PCRE2_CODE_UNIT_WIDTH 8
-#include <pcre2.h>
-
 #include <array>
-#include <optional>
-#include <stdexcept>
 
+#include "MailCore/Common/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit::MCPRedactor {
@@ -27,60 +23,15 @@ constexpr std::array<Replacement, 6> kReplacements = {{
     {R"re([\r\n\t]+)re", " "},
 }};
 
-constexpr std::uint32_t kMatchLimit = 10'000'000;
-
-class CompiledPatterns {
-public:
-    CompiledPatterns() {
-        context_ = pcre2_match_context_create(nullptr);
-        if (!context_) throw std::bad_alloc();
-        pcre2_set_match_limit(context_, kMatchLimit);
-        for (std::size_t i = 0; i < kReplacements.size(); ++i) {
-            int error = 0;
-            PCRE2_SIZE offset = 0;
-            codes_[i] = pcre2_compile(
-                reinterpret_cast<PCRE2_SPTR>(kReplacements[i].pattern), PCRE2_ZERO_TERMINATED,
-                PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF, &error, &offset, nullptr);
-            if (!codes_[i]) throw std::logic_error("redactor pattern does not compile");
-            pcre2_jit_compile(codes_[i], PCRE2_JIT_COMPLETE);  // interpreter if unavailable
-        }
-    }
-    ~CompiledPatterns() {
-        for (auto* code : codes_) pcre2_code_free(code);
-        pcre2_match_context_free(context_);
-    }
-    CompiledPatterns(const CompiledPatterns&) = delete;
-    CompiledPatterns& operator=(const CompiledPatterns&) = delete;
-
-    // The text with every match of pattern `i` replaced; none on a match error.
-    std::optional<std::string> replaceAll(std::size_t i, const std::string& text) const {
-        const auto* subject = reinterpret_cast<PCRE2_SPTR>(text.data());
-        const auto* replacement = reinterpret_cast<PCRE2_SPTR>(kReplacements[i].replacement);
-        const std::uint32_t options =
-            PCRE2_SUBSTITUTE_GLOBAL | PCRE2_SUBSTITUTE_OVERFLOW_LENGTH | PCRE2_NO_UTF_CHECK;
-        std::string out(text.size() + 64, '\0');
-        for (int attempt = 0; attempt < 2; ++attempt) {
-            PCRE2_SIZE outLength = out.size();
-            int rc = pcre2_substitute(codes_[i], subject, text.size(), 0, options, nullptr,
-                                      context_, replacement, PCRE2_ZERO_TERMINATED,
-                                      reinterpret_cast<PCRE2_UCHAR*>(out.data()), &outLength);
-            if (rc >= 0) {
-                out.resize(outLength);
-                return out;
-            }
-            if (rc != PCRE2_ERROR_NOMEMORY) return std::nullopt;
-            out.assign(outLength, '\0');  // the length needed, with room for the terminator
-        }
-        return std::nullopt;
-    }
-
-private:
-    std::array<pcre2_code*, kReplacements.size()> codes_{};
-    pcre2_match_context* context_ = nullptr;
-};
-
-const CompiledPatterns& patterns() {
-    static const CompiledPatterns compiled;
+// The patterns, compiled once.
+const std::array<mailcore::PCRE2Pattern, kReplacements.size()>& patterns() {
+    static const std::array<mailcore::PCRE2Pattern, kReplacements.size()> compiled{
+        mailcore::PCRE2Pattern(kReplacements[0].pattern),
+        mailcore::PCRE2Pattern(kReplacements[1].pattern),
+        mailcore::PCRE2Pattern(kReplacements[2].pattern),
+        mailcore::PCRE2Pattern(kReplacements[3].pattern),
+        mailcore::PCRE2Pattern(kReplacements[4].pattern),
+        mailcore::PCRE2Pattern(kReplacements[5].pattern)};
     return compiled;
 }
 
@@ -113,14 +64,19 @@ std::string prepared(std::string_view text) {
 
 std::string scrub(std::string_view text, std::size_t limit) {
     std::string current = prepared(text);
-    for (std::size_t i = 0; i < kReplacements.size(); ++i) {
-        auto replaced = patterns().replaceAll(i, current);
-        if (!replaced) {
-            current = "[redacted]";
-            break;
-        }
-        current = std::move(*replaced);
+    // A pattern that runs out of its match limit hides the whole text.
+    bool failed = false;
+    auto giveUp = [&failed](std::string_view whole, std::size_t, std::string&) {
+        failed = true;
+        return whole.size();
+    };
+    for (std::size_t i = 0; i < kReplacements.size() && !failed; ++i) {
+        const mailcore::Replacement replacement(kReplacements[i].replacement);
+        current = mailcore::replaceAll(
+            patterns()[i], current,
+            [&](const mailcore::PCRE2Pattern::Match&) { return replacement; }, giveUp);
     }
+    if (failed) current = "[redacted]";
     std::string out;
     out.reserve(current.size());
     std::size_t characters = 0;

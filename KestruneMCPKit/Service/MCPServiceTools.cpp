@@ -5,7 +5,7 @@
 #include "KestruneMCPKit/Service/MCPServiceContext.h"
 #include "KestruneMCPKit/Tools/MCPSanitizer.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
-#include "MailCore/AI/PCRE2Pattern.h"
+#include "MailCore/Common/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mcpkit {

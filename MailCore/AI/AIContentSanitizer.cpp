@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "MailCore/AI/SanitizerPatterns.h"
+#include "MailCore/Common/HTMLText.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
@@ -158,6 +159,12 @@ AIContentSanitizerOptions AIContentSanitizerOptions::standard(std::int64_t remai
 std::int64_t AIContentSanitizer::estimatedTokens(std::string_view text) {
     return static_cast<std::int64_t>((utf8::characterCount(text) + 3) / 4);
 }
+
+bool AIContentSanitizer::looksLikeHTML(std::string_view text) {
+    return SanitizerPatterns::shared().htmlHint.contains(text);
+}
+
+std::string AIContentSanitizer::stripHTML(std::string_view html) { return htmlToText(html); }
 
 SanitizedText AIContentSanitizer::sanitize(std::string_view input,
                                            const AIContentSanitizerOptions& options,

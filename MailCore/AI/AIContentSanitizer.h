@@ -83,14 +83,9 @@ public:
     // Angle-bracketed addresses such as "<a.b@example.com>" do not count.
     static bool looksLikeHTML(std::string_view text);
 
-    // HTML to text: block elements and comments, tracking pixels, line-breaking
-    // tags, every other tag, entities. Source whitespace is collapsed the way a
-    // browser does, and invisible padding characters are dropped.
+    // HTML to text: the engine's one conversion, htmlToText in
+    // MailCore/Common/HTMLText.h.
     static std::string stripHTML(std::string_view html);
-    // Removes script, style, head, title, template, noscript, svg, iframe,
-    // object and embed elements with their content, and comments.
-    static std::string removeBlockElements(std::string_view html);
-    static std::string decodeEntities(std::string_view text);
 
     // Data URIs and long base64-like runs become placeholders.
     static std::string removeEmbeddedData(std::string_view text);

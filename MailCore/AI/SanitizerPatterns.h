@@ -9,15 +9,12 @@
 #include <string>
 #include <string_view>
 
-#include "MailCore/AI/PCRE2Pattern.h"
+#include "MailCore/Common/PCRE2Pattern.h"
 
 namespace mailcore {
 
 struct SanitizerPatterns {
     PCRE2Pattern htmlHint;
-    PCRE2Pattern trackingPixel;
-    PCRE2Pattern lineBreakTag;
-    PCRE2Pattern anyTag;
     PCRE2Pattern dataURI;
     PCRE2Pattern base64Run;
     PCRE2Pattern webAddress;
@@ -39,20 +36,5 @@ struct SanitizerPatterns {
 private:
     SanitizerPatterns();
 };
-
-// What a replacement callback returns: the text to write instead of the
-// match, or nothing to keep the match as it is.
-using Replacement = std::optional<std::string>;
-using Replacer = std::function<Replacement(const PCRE2Pattern::Match&)>;
-
-// Every non-overlapping match, left to right, handed to `replace`. When a
-// match attempt fails (match limit), `onFailure` is asked where to go on: it
-// gets the text and the offset where the search started, may append to `out`
-// what the text from that offset becomes up to the returned offset, and the
-// search resumes there. The default copies the rest of the line unchanged.
-using FailureHandler =
-    std::function<std::size_t(std::string_view text, std::size_t from, std::string& out)>;
-std::string replaceAll(const PCRE2Pattern& pattern, std::string_view text, const Replacer& replace,
-                       const FailureHandler& onFailure = {});
 
 }  // namespace mailcore

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string_view>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/GMimeSupport.h"
 
@@ -47,14 +48,6 @@ bool hasHighBytes(std::string_view bytes) {
         if (static_cast<unsigned char>(c) >= 0x80) return true;
     }
     return false;
-}
-
-std::string lowerASCII(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
 }
 
 bool isUTF8Label(const std::string& name) {
@@ -110,122 +103,14 @@ bool convertWithIconv(std::string_view bytes, std::string_view charset, std::str
     return true;
 }
 
-// --- HTML ---
-
-std::size_t findNoCase(std::string_view text, std::size_t from, std::string_view needle) {
-    for (std::size_t i = from; i + needle.size() <= text.size(); ++i) {
-        if (startsWithNoCase(text, i, needle)) return i;
-    }
-    return std::string_view::npos;
-}
-
-struct NamedEntity {
-    std::string_view name;
-    std::uint32_t codePoint;
-};
-
-constexpr NamedEntity namedEntities[] = {
-    {"nbsp", 0xA0},    {"amp", '&'},      {"lt", '<'},       {"gt", '>'},        {"quot", '"'},
-    {"apos", '\''},    {"mdash", 0x2014}, {"ndash", 0x2013}, {"hellip", 0x2026}, {"rsquo", 0x2019},
-    {"lsquo", 0x2018}, {"rdquo", 0x201D}, {"ldquo", 0x201C}, {"copy", 0xA9},     {"reg", 0xAE},
-    {"trade", 0x2122}, {"euro", 0x20AC},  {"pound", 0xA3},   {"yen", 0xA5},      {"bull", 0x2022},
-    {"middot", 0xB7},  {"laquo", 0xAB},   {"raquo", 0xBB},   {"zwnj", 0x200C},   {"zwj", 0x200D},
-    {"shy", 0xAD},     {"auml", 0xE4},    {"ouml", 0xF6},    {"uuml", 0xFC},     {"Auml", 0xC4},
-    {"Ouml", 0xD6},    {"Uuml", 0xDC},    {"szlig", 0xDF},   {"eacute", 0xE9},   {"egrave", 0xE8},
-    {"agrave", 0xE0},  {"ccedil", 0xE7},  {"deg", 0xB0},     {"times", 0xD7},
-};
-
-// Decodes the character reference at text[i] == '&'; returns the number of
-// bytes consumed, 0 when it is not a reference.
-std::size_t decodeEntity(std::string_view text, std::size_t i, std::string& out) {
-    const std::size_t end = text.find(';', i + 1);
-    if (end == std::string_view::npos || end - i > 12) return 0;
-    const std::string_view body = text.substr(i + 1, end - i - 1);
-    if (body.empty()) return 0;
-    if (body[0] == '#') {
-        std::uint32_t cp = 0;
-        const bool hex = body.size() > 1 && (body[1] == 'x' || body[1] == 'X');
-        const std::string_view digits = body.substr(hex ? 2 : 1);
-        if (digits.empty()) return 0;
-        for (char c : digits) {
-            int v = -1;
-            if (c >= '0' && c <= '9')
-                v = c - '0';
-            else if (hex && c >= 'a' && c <= 'f')
-                v = c - 'a' + 10;
-            else if (hex && c >= 'A' && c <= 'F')
-                v = c - 'A' + 10;
-            if (v < 0) return 0;
-            cp = cp * (hex ? 16 : 10) + static_cast<std::uint32_t>(v);
-            if (cp > 0x10FFFF) cp = 0xFFFD;
-        }
-        appendCodePoint(out, cp);
-        return end - i + 1;
-    }
-    for (const auto& entity : namedEntities) {
-        if (entity.name == body) {
-            appendCodePoint(out, entity.codePoint);
-            return end - i + 1;
-        }
-    }
-    return 0;
-}
-
-// How a tag breaks the text: 0 not at all, 1 starts a new line (rows, list
-// items, divisions), 2 separates paragraphs (a blank line), 3 is an explicit
-// line break (<br>).
-int breakKind(std::string_view name) {
-    static constexpr std::string_view lines[] = {"tr", "li", "div", "dd", "dt", "header", "footer"};
-    static constexpr std::string_view paragraphs[] = {
-        "p",          "h1", "h2",  "h3", "h4", "h5",      "h6",     "table",
-        "blockquote", "hr", "pre", "ul", "ol", "section", "article"};
-    if (name == "br") return 3;
-    for (auto b : lines) {
-        if (b == name) return 1;
-    }
-    for (auto b : paragraphs) {
-        if (b == name) return 2;
-    }
-    return 0;
-}
-
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\r' || c == '\n' || c == '\f'; }
-
-// Appends text with white space collapsed, as a browser would lay it out.
-class CollapsingWriter {
-public:
-    explicit CollapsingWriter(std::string& out) : out_(out) {}
-
-    void space() { pendingSpace_ = !out_.empty(); }
-    // At most `limit` line breaks in a row (2: a blank line).
-    void lineBreak(int limit) {
-        if (out_.empty()) return;
-        pendingSpace_ = false;
-        if (trailingBreaks_ < limit) {
-            out_ += '\n';
-            ++trailingBreaks_;
-        }
-    }
-    void text(std::string_view piece) {
-        if (piece.empty()) return;
-        if (pendingSpace_ && trailingBreaks_ == 0) out_ += ' ';
-        pendingSpace_ = false;
-        trailingBreaks_ = 0;
-        out_ += piece;
-    }
-
-private:
-    std::string& out_;
-    bool pendingSpace_ = false;
-    int trailingBreaks_ = 0;
-};
 
 }  // namespace
 
 std::string sanitizeUTF8(std::string_view bytes) { return dropNUL(utf8::repaired(bytes)); }
 
 std::string convertToUTF8(std::string_view bytes, std::string_view charset) {
-    const std::string name = lowerASCII(charset);
+    const std::string name = asciiLower(charset);
     const bool valid = utf8::isValid(bytes);
     if (isUTF8Label(name)) {
         return dropNUL(valid ? std::string(bytes) : decodeWindows1252(bytes));
@@ -243,102 +128,6 @@ std::string convertToUTF8(std::string_view bytes, std::string_view charset) {
     std::string out;
     if (convertWithIconv(bytes, name, out)) return dropNUL(sanitizeUTF8(out));
     return dropNUL(valid ? std::string(bytes) : decodeWindows1252(bytes));
-}
-
-std::string htmlToText(std::string_view html, std::size_t maxBytes) {
-    std::string out;
-    CollapsingWriter writer(out);
-    std::size_t i = 0;
-    std::size_t runStart = 0;
-    auto flushRun = [&](std::size_t end) {
-        std::size_t k = runStart;
-        while (k < end) {
-            if (isSpace(html[k])) {
-                writer.space();
-                while (k < end && isSpace(html[k])) ++k;
-                continue;
-            }
-            std::size_t wordEnd = k;
-            while (wordEnd < end && !isSpace(html[wordEnd]) && html[wordEnd] != '&') ++wordEnd;
-            writer.text(html.substr(k, wordEnd - k));
-            k = wordEnd;
-            if (k < end && html[k] == '&') {
-                std::string decoded;
-                const std::size_t used = decodeEntity(html, k, decoded);
-                if (used == 0 || k + used > end) {
-                    writer.text("&");
-                    ++k;
-                } else {
-                    if (decoded == "\xC2\xA0")
-                        writer.space();
-                    else
-                        writer.text(decoded);
-                    k += used;
-                }
-            }
-        }
-    };
-    while (i < html.size() && out.size() < maxBytes) {
-        if (html[i] != '<') {
-            ++i;
-            continue;
-        }
-        flushRun(i);
-        if (startsWithNoCase(html, i, "<!--")) {
-            const std::size_t end = html.find("-->", i + 4);
-            i = end == std::string_view::npos ? html.size() : end + 3;
-            runStart = i;
-            continue;
-        }
-        std::size_t k = i + 1;
-        const bool closing = k < html.size() && html[k] == '/';
-        if (closing) ++k;
-        const std::size_t nameStart = k;
-        while (k < html.size() && (std::isalnum(static_cast<unsigned char>(html[k])) != 0)) ++k;
-        const std::string name = lowerASCII(html.substr(nameStart, k - nameStart));
-        if (name.empty() && !closing && !(k < html.size() && html[k] == '!')) {
-            writer.text("<");  // a lone "<" in text
-            i = k;
-            runStart = i;
-            continue;
-        }
-        // Skip to the end of the tag, honouring quoted attribute values.
-        char quote = 0;
-        while (k < html.size()) {
-            const char c = html[k];
-            if (quote != 0) {
-                if (c == quote) quote = 0;
-            } else if (c == '"' || c == '\'') {
-                quote = c;
-            } else if (c == '>') {
-                break;
-            }
-            ++k;
-        }
-        i = k < html.size() ? k + 1 : html.size();
-        if (!closing && (name == "script" || name == "style" || name == "head" || name == "title" ||
-                         name == "template")) {
-            const std::string closeTag = "</" + name;
-            const std::size_t end = findNoCase(html, i, closeTag);
-            if (end == std::string_view::npos) {
-                i = html.size();
-            } else {
-                const std::size_t gt = html.find('>', end);
-                i = gt == std::string_view::npos ? html.size() : gt + 1;
-            }
-        } else if (const int kind = breakKind(name); kind == 3) {
-            writer.lineBreak(2);
-        } else if (kind != 0) {
-            writer.lineBreak(kind);
-        } else if (name == "td" || name == "th") {
-            writer.space();
-        }
-        runStart = i;
-    }
-    if (out.size() < maxBytes) flushRun(std::min(i, html.size()));
-    while (!out.empty() && (out.back() == '\n' || out.back() == ' ')) out.pop_back();
-    out.resize(utf8::safeCutBytes(out, maxBytes));
-    return sanitizeUTF8(out);
 }
 
 std::string makeSnippet(std::string_view text, std::size_t maxCharacters) {
@@ -428,16 +217,6 @@ std::string normaliseLineEnds(std::string_view text) {
         }
     }
     return out;
-}
-
-bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view prefix) {
-    if (at + prefix.size() > text.size()) return false;
-    for (std::size_t k = 0; k < prefix.size(); ++k) {
-        char c = text[at + k];
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-        if (c != prefix[k]) return false;
-    }
-    return true;
 }
 
 }  // namespace mailcore

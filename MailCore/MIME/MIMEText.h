@@ -1,6 +1,6 @@
 // Text helpers for mail content: conversion of any declared charset to UTF-8
-// (with a fallback for mislabelled text), a plain-text rendering of HTML for
-// indexing and previews, and the snippet of a message's visible text.
+// (with a fallback for mislabelled text) and the snippet of a message's
+// visible text. HTML becomes text through MailCore/Common/HTMLText.h.
 //
 // All functions are pure and thread-safe. Their output is always valid UTF-8.
 #pragma once
@@ -25,12 +25,6 @@ std::string sanitizeUTF8(std::string_view bytes);
 // NUL characters are dropped.
 std::string convertToUTF8(std::string_view bytes, std::string_view charset);
 
-// A plain-text rendering of HTML: tags removed (script, style, head and
-// comments with their content), block elements as line breaks, character
-// references decoded, white space collapsed. Stops after about `maxBytes`
-// bytes of output.
-std::string htmlToText(std::string_view html, std::size_t maxBytes);
-
 // A preview of the visible text of a message body: quoted lines ("> ..."),
 // the attribution line above them and everything after a "-- " signature
 // separator are left out, invisible formatting characters are removed and
@@ -41,9 +35,5 @@ std::string makeSnippet(std::string_view text, std::size_t maxCharacters = 200);
 
 // `text` with CRLF and lone CR line ends turned into LF.
 std::string normaliseLineEnds(std::string_view text);
-
-// Whether `text` has `lowerPrefix` (lower-case ASCII) at `at`, ignoring the
-// case of ASCII letters.
-bool startsWithNoCase(std::string_view text, std::size_t at, std::string_view lowerPrefix);
 
 }  // namespace mailcore

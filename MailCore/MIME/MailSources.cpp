@@ -5,6 +5,7 @@
 #include <ctime>
 #include <system_error>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/MailError.h"
 #include "MailCore/MIME/MIMEText.h"
 
@@ -13,14 +14,6 @@ namespace mailcore {
 namespace fs = std::filesystem;
 
 namespace {
-
-std::string lowerASCII(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
 
 bool isDirectory(const fs::path& path) {
     std::error_code ec;
@@ -144,7 +137,7 @@ bool looksLikeHeaderLine(std::string_view text) {
 }  // namespace
 
 FolderRole folderRoleForName(std::string_view name) {
-    const std::string n = lowerASCII(name);
+    const std::string n = asciiLower(name);
     if (n == "inbox") return FolderRole::inbox;
     if (n == "sent" || n == "sent items" || n == "sent mail" || n == "sent messages" ||
         n == "gesendet" || n == "envoyés")

@@ -4,6 +4,8 @@
 #include <array>
 #include <cstring>
 
+#include "MailCore/Common/CaseFolding.h"
+#include "MailCore/Common/HTMLText.h"
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/MIME/GMimeSupport.h"
@@ -15,13 +17,6 @@ namespace mailcore {
 namespace {
 
 // --- small text helpers ---
-
-std::string lower(std::string text) {
-    for (char& c : text) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return text;
-}
 
 std::string trim(std::string_view text) {
     std::size_t b = 0;
@@ -112,15 +107,15 @@ std::string mimeTypeOf(GMimeObject* object) {
     if (type == nullptr) return "application/octet-stream";
     const char* media = g_mime_content_type_get_media_type(type);
     const char* sub = g_mime_content_type_get_media_subtype(type);
-    std::string out = lower(headerText(media, 100));
+    std::string out = asciiLower(headerText(media, 100));
     out += '/';
-    out += lower(headerText(sub, 100));
+    out += asciiLower(headerText(sub, 100));
     if (out == "/") return "application/octet-stream";
     return out;
 }
 
 std::string dispositionOf(GMimeObject* object) {
-    return lower(headerText(g_mime_object_get_disposition(object), 100));
+    return asciiLower(headerText(g_mime_object_get_disposition(object), 100));
 }
 
 std::string extensionFor(const std::string& mimeType) {
@@ -319,7 +314,7 @@ private:
         part.mimeType = mimeType;
         part.size = size;
         part.charset =
-            lower(headerText(g_mime_object_get_content_type_parameter(object, "charset"), 64));
+            asciiLower(headerText(g_mime_object_get_content_type_parameter(object, "charset"), 64));
         part.disposition = dispositionOf(object);
         out_.parts.push_back(std::move(part));
     }

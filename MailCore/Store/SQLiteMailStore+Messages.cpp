@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Store/MessageRows.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Store/StorageCodec.h"
@@ -18,19 +19,12 @@ MailError storageError(std::string detail, StorageFailureKind kind = StorageFail
     return MailError::storage(kind, std::move(detail));
 }
 
-std::string lowerASCII(std::string s) {
-    for (auto& c : s) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return s;
-}
-
 std::vector<std::string> participantsOf(const MessageIndexFields& f) {
     std::vector<std::string> out;
     for (const auto* list : {&f.from, &f.to, &f.cc, &f.replyTo}) {
         for (const auto& a : *list) {
             if (a.email.empty()) continue;
-            std::string email = lowerASCII(a.email);
+            std::string email = asciiLower(a.email);
             if (std::find(out.begin(), out.end(), email) == out.end()) out.push_back(email);
         }
     }

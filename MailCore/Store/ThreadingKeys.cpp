@@ -5,6 +5,7 @@
 #include <cctype>
 #include <nlohmann/json.hpp>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/MailError.h"
 
 namespace mailcore {
@@ -18,12 +19,6 @@ std::string_view trim(std::string_view s) {
     while (!s.empty() && isSpace(s.front())) s.remove_prefix(1);
     while (!s.empty() && isSpace(s.back())) s.remove_suffix(1);
     return s;
-}
-
-std::string asciiLower(std::string_view s) {
-    std::string out(s);
-    for (auto& c : out) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return out;
 }
 
 std::string collapseSpaces(std::string_view s) {

@@ -5,18 +5,18 @@
 #include <ctime>
 #include <set>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Workflow/WorkflowText.h"
 
 namespace mailcore::WorkflowMatcher {
 
 namespace {
 
-using workflowtext::lowercased;
-
 constexpr std::int64_t secondsPerDay = 86400;
 
+// Mail text compares by its Unicode case fold: "RÉSUMÉ" contains "résumé".
 bool containsText(const std::string& haystack, const std::string& needle) {
-    return lowercased(haystack).find(lowercased(needle)) != std::string::npos;
+    return foldCase(haystack).find(foldCase(needle)) != std::string::npos;
 }
 
 std::string trimmed(std::string_view text) {
@@ -33,7 +33,7 @@ std::string domainOf(const std::string& address) {
 
 // "example.com" from "@Example.com", "anna@example.com" or "example.com".
 std::string domainValue(const std::string& value) {
-    std::string v = lowercased(trimmed(value));
+    std::string v = asciiLower(trimmed(value));
     if (v.find('@') != std::string::npos) v = domainOf(v);
     while (!v.empty() && v.front() == '.') v.erase(v.begin());
     return v;
@@ -51,11 +51,9 @@ std::string threadSubject(const std::string& subject) {
     std::string s = trimmed(subject);
     for (bool changed = true; changed;) {
         changed = false;
-        const std::string lower = lowercased(s);
-        for (const char* prefix : {"re:", "fwd:", "fw:", "aw:", "wg:"}) {
-            const std::string p(prefix);
-            if (lower.compare(0, p.size(), p) == 0) {
-                s = trimmed(std::string_view(s).substr(p.size()));
+        for (std::string_view prefix : {"re:", "fwd:", "fw:", "aw:", "wg:"}) {
+            if (startsWithNoCase(s, 0, prefix)) {
+                s = trimmed(std::string_view(s).substr(prefix.size()));
                 changed = true;
                 break;
             }
@@ -65,17 +63,17 @@ std::string threadSubject(const std::string& subject) {
 }
 
 bool attachmentIsKind(const WorkflowMailAttachment& attachment, const std::string& value) {
-    std::string kind = lowercased(trimmed(value));
+    std::string kind = asciiLower(trimmed(value));
     while (!kind.empty() && kind.front() == '.') kind.erase(kind.begin());
     if (kind.empty()) return false;
-    const std::string type = lowercased(attachment.type);
+    const std::string type = asciiLower(attachment.type);
     if (type == kind) return true;
     const auto slash = type.find('/');
     if (slash != std::string::npos) {
         if (type.compare(0, slash, kind) == 0 && slash == kind.size()) return true;
         if (type.substr(slash + 1) == kind) return true;
     }
-    const std::string name = lowercased(attachment.name);
+    const std::string name = asciiLower(attachment.name);
     const auto dot = name.rfind('.');
     return dot != std::string::npos && name.substr(dot + 1) == kind;
 }
@@ -103,9 +101,9 @@ std::string senderAddress(const std::string& from) {
     const auto open = from.rfind('<');
     const auto close = from.rfind('>');
     if (open != std::string::npos && close != std::string::npos && close > open) {
-        return lowercased(trimmed(std::string_view(from).substr(open + 1, close - open - 1)));
+        return asciiLower(trimmed(std::string_view(from).substr(open + 1, close - open - 1)));
     }
-    return lowercased(trimmed(from));
+    return asciiLower(trimmed(from));
 }
 
 std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowMailMessage& m) {

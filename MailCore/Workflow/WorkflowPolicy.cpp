@@ -5,8 +5,9 @@
 #include <algorithm>
 #include <set>
 
+#include "MailCore/Common/CaseFolding.h"
+#include "MailCore/Common/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
-#include "MailCore/Workflow/WorkflowPattern.h"
 #include "MailCore/Workflow/WorkflowText.h"
 
 namespace mailcore::WorkflowPolicy {
@@ -26,16 +27,16 @@ constexpr std::size_t maxNoticeBodyLength = 300;
 // How much of an agent's text is quoted back inside a problem.
 constexpr std::size_t quotedLength = 60;
 
-const WorkflowPattern& placeholderPattern() {
-    static const WorkflowPattern pattern(R"(\{\{\s*([A-Za-z0-9_]+)\s*\}\})");
+const PCRE2Pattern& placeholderPattern() {
+    static const PCRE2Pattern pattern(R"(\{\{\s*([A-Za-z0-9_]+)\s*\}\})");
     return pattern;
 }
-const WorkflowPattern& fieldNamePattern() {
-    static const WorkflowPattern pattern("^[a-z][a-z0-9_]{0,39}$");
+const PCRE2Pattern& fieldNamePattern() {
+    static const PCRE2Pattern pattern(R"(^[a-z][a-z0-9_]{0,39}\z)");
     return pattern;
 }
-const WorkflowPattern& fileNamePattern() {
-    static const WorkflowPattern pattern("^[A-Za-z0-9][A-Za-z0-9 _-]{0,59}$");
+const PCRE2Pattern& fileNamePattern() {
+    static const PCRE2Pattern pattern(R"(^[A-Za-z0-9][A-Za-z0-9 _-]{0,59}\z)");
     return pattern;
 }
 
@@ -116,15 +117,14 @@ void checkAccounts(Problems& out, const std::vector<std::string>& accounts,
     std::set<std::string> seen;
     bool repeated = false;
     for (const std::string& account : accounts) {
-        if (!seen.insert(workflowtext::lowercased(account)).second) repeated = true;
+        if (!seen.insert(asciiLower(account)).second) repeated = true;
     }
     if (repeated) out.add("accounts must not repeat.");
     if (!knownAccounts) return;
     std::set<std::string> known;
-    for (const std::string& account : *knownAccounts)
-        known.insert(workflowtext::lowercased(account));
+    for (const std::string& account : *knownAccounts) known.insert(asciiLower(account));
     for (const std::string& account : accounts) {
-        if (known.count(workflowtext::lowercased(account))) continue;
+        if (known.count(asciiLower(account))) continue;
         out.add("Unknown account " + quoted(account) +
                 ". Use list_accounts for valid account keys.");
     }
@@ -184,12 +184,12 @@ void checkExtract(Problems& out, const std::string& at, const WorkflowAction& a,
     }
     if (repeated) out.add(at + ".fields must not repeat.");
     for (const std::string& field : a.fields) {
-        if (fieldNamePattern().matches(field)) continue;
+        if (fieldNamePattern().contains(field)) continue;
         out.add(at + ".fields: " + quoted(field) +
                 " is not a valid name; use a lower-case letter, then up to 39 lower-case letters, "
                 "digits or _.");
     }
-    if (!fileNamePattern().matches(a.file)) {
+    if (!fileNamePattern().contains(a.file)) {
         out.add(at +
                 ".file must be a plain name of up to 60 letters, digits, spaces, _ or -, starting "
                 "with a letter or digit; the app adds .jsonl.");
@@ -307,7 +307,7 @@ bool isForbiddenActionType(const std::string& actionType) {
     static const std::set<std::string> words = {
         "send",  "forward",  "fwd",    "move",  "delete",    "trash", "archive", "expunge",
         "purge", "redirect", "bounce", "reply", "autoreply", "junk",  "spam"};
-    const std::string lower = workflowtext::lowercased(actionType);
+    const std::string lower = asciiLower(actionType);
     std::size_t start = 0;
     while (start <= lower.size()) {
         std::size_t end = lower.find_first_of("_- .", start);
@@ -319,7 +319,7 @@ bool isForbiddenActionType(const std::string& actionType) {
 }
 
 std::vector<std::string> placeholderNames(std::string_view text) {
-    return placeholderPattern().firstGroups(text);
+    return placeholderPattern().groups(text, 1);
 }
 
 const std::vector<std::string>& knownPlaceholders() {

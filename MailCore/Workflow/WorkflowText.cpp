@@ -39,14 +39,6 @@ bool isBlank(std::string_view text) {
     return true;
 }
 
-std::string lowercased(std::string_view text) {
-    std::string out(text);
-    for (char& c : out) {
-        if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
-    }
-    return out;
-}
-
 std::string displayText(std::string_view text, std::size_t maxCharacters) {
     std::string out;
     std::size_t pos = 0;

@@ -19,9 +19,6 @@ bool hasControlCharacters(std::string_view text, bool allowLineBreaks);
 // True when `text` is empty or only white space.
 bool isBlank(std::string_view text);
 
-// ASCII lower-case copy (non-ASCII bytes unchanged).
-std::string lowercased(std::string_view text);
-
 // `text` cut to at most `maxCharacters` code points (an ellipsis marks the
 // cut), with control characters and invalid bytes replaced by U+FFFD: safe to
 // quote inside a message or a summary.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
@@ -120,8 +121,7 @@ std::vector<std::string> previewAccounts(const WorkflowSpec& spec, const Workflo
     std::vector<std::string> out;
     for (const std::string& account : spec.accounts) {
         for (const std::string& known : *caller.knownAccounts) {
-            if (workflowtext::lowercased(known) == workflowtext::lowercased(account) &&
-                !has(out, known)) {
+            if (equalsNoCase(known, account) && !has(out, known)) {
                 out.push_back(known);
             }
         }
@@ -312,7 +312,7 @@ WorkflowToolAnswer WorkflowToolHandler::preview(const WorkflowCaller& caller,
                 if (!WorkflowMatcher::matches(*spec, m)) continue;
                 if (trigger.type == "no_reply") {
                     const auto from = WorkflowMatcher::senderAddress(m.from);
-                    if (from != workflowtext::lowercased(m.account)) continue;
+                    if (from != asciiLower(m.account)) continue;
                     const auto hours = std::chrono::hours(trigger.afterHours.value_or(0));
                     if (m.sentAt && *m.sentAt + hours > now) continue;
                 }

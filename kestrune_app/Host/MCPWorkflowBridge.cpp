@@ -8,6 +8,8 @@
 #include <cmath>
 #include <nlohmann/json.hpp>
 
+#include "MailCore/Common/CaseFolding.h"
+
 namespace mcpkit {
 
 namespace {
@@ -137,8 +139,7 @@ std::optional<Date> parseInternet(std::string_view text) {
     }
     const auto day = s.number(1, 2);
     s.skipSpaces();
-    std::string monthName(s.word());
-    for (char& c : monthName) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    const std::string monthName = mailcore::asciiLower(s.word());
     int month = 0;
     for (std::size_t i = 0; i < months.size(); ++i) {
         if (monthName == months[i]) month = static_cast<int>(i) + 1;

@@ -7,6 +7,7 @@
 #include <stdexcept>
 
 #include "KestruneMCPKit/Service/MCPService.h"
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Store/SearchExpression.h"
 #include "kestrune_app/Host/MailIngest.h"
@@ -17,11 +18,6 @@ using namespace mailcore;
 using mcpkit::MCPToolError;
 
 namespace {
-
-std::string lower(std::string text) {
-    for (auto& c : text) c = static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
-    return text;
-}
 
 std::string displayAddress(const MailAddress& a) {
     return a.name.empty() ? a.email : a.name + " <" + a.email + ">";
@@ -46,7 +42,7 @@ std::string agentFolderID(const FolderRecord& f) {
 
 std::string likePattern(const std::string& text) {
     std::string out = "%";
-    for (char c : lower(text)) {
+    for (char c : asciiLower(text)) {  // SQLite's lower() folds ASCII only
         if (c == '%' || c == '_' || c == '\\') out += '\\';
         out += c;
     }

@@ -4,17 +4,14 @@
 #include <stdexcept>
 #include <thread>
 
+#include "MailCore/Common/CaseFolding.h"
+
 namespace mcpkit::testing {
 
 namespace {
 
 bool containsFolded(const std::string& haystack, const std::string& needle) {
-    auto lower = [](std::string s) {
-        std::transform(s.begin(), s.end(), s.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        return s;
-    };
-    return lower(haystack).find(lower(needle)) != std::string::npos;
+    return mailcore::foldCase(haystack).find(mailcore::foldCase(needle)) != std::string::npos;
 }
 
 FakeStoredMessage mail(std::string id, std::string account, std::string from,

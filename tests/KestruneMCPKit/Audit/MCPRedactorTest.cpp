@@ -47,10 +47,11 @@ TEST(MCPRedactorTest, ReplacementsApplyInOrder) {
 
 TEST(MCPRedactorTest, DropsControlAndDirectionCharacters) {
     const std::string in = std::string("a\x01") + '\0' + "b\x7f c\v\f\x1b" +
-                           "\xC2\x85"         // U+0085 next line
-                           "d\xE2\x80\xAE"    // U+202E right-to-left override
-                           "e\xE2\x80\xA8"    // U+2028 line separator
-                           "f\xE2\x81\xA6g";  // U+2066 left-to-right isolate
+                           "\xC2\x85"        // U+0085 next line
+                           "d\xE2\x80\xAE"   // U+202E right-to-left override
+                           "e\xE2\x80\xA8"   // U+2028 line separator
+                           "f\xE2\x81\xA6"   // U+2066 left-to-right isolate
+                           "g\xE2\x80\x8F";  // U+200F right-to-left mark
     EXPECT_EQ(scrub(in, 200), "ab cdefg");
     EXPECT_EQ(scrub("caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC", 200),
               "caf\xC3\xA9 \xE6\x97\xA5\xE6\x9C\xAC");

@@ -28,41 +28,6 @@ const std::string envDiffers = "The token or environment differs from this app's
 
 MCPHarnessSpec harness(const std::string& id) { return *MCPHarnessCatalog::spec(id); }
 
-// Formats, client hints and snippets of every row; ids, names and paths are checked
-// through --list-harnesses and --print-config.
-TEST(MCPHarnessCatalogTest, FormatsHintsAndSnippetsOfEveryRow) {
-    using Hints = std::vector<std::string>;
-    const std::map<std::string, std::pair<MCPConfigFormat, Hints>> rows = {
-        {"claude-code", {MCPConfigFormat::json({"mcpServers"}, true), {"claude"}}},
-        {"zcode", {MCPConfigFormat::json({"mcp", "servers"}, true), {}}},
-        {"cursor", {MCPConfigFormat::json({"mcpServers"}, false), {"cursor"}}},
-        {"codex", {MCPConfigFormat::toml(), {"codex"}}},
-        {"claude-desktop", {MCPConfigFormat::json({"mcpServers"}, false), {"claude"}}},
-        {"windsurf", {MCPConfigFormat::json({"mcpServers"}, false), {"windsurf"}}},
-        {"vscode", {MCPConfigFormat::snippetOnly(), {}}},
-    };
-    MCPInstaller installer("/home/u", {}, mailcore::systemClock());
-    auto entry = MCPServerEntry::make("/opt/k", "<KESTRUNE_MCP_TOKEN>", std::nullopt);
-    ASSERT_EQ(MCPHarnessCatalog::all().size(), rows.size());
-    for (const auto& spec : MCPHarnessCatalog::all()) {
-        SCOPED_TRACE(spec.id);
-        EXPECT_EQ(spec.format, rows.at(spec.id).first);
-        EXPECT_EQ(spec.clientHints, rows.at(spec.id).second);
-        EXPECT_FALSE(spec.detectionPaths.empty());
-        MCPSnippet snippet = installer.snippet(spec, entry);
-        EXPECT_EQ(snippet.file, fs::path("/home/u") / spec.configPath);
-        EXPECT_EQ(snippet.note, spec.note);
-        EXPECT_EQ(snippet.cliCommand.has_value(), spec.id == "claude-code");
-        if (spec.format.kind == MCPConfigFormat::Kind::toml) {
-            EXPECT_EQ(snippet.text, TOMLBlock::block("kestrune", entry));
-        } else {
-            bool typed =
-                spec.format.typed || spec.format.kind == MCPConfigFormat::Kind::snippetOnly;
-            EXPECT_EQ(Json::parse(snippet.text), entry.jsonObject(typed));
-        }
-    }
-}
-
 class MCPInstallerTest : public ::testing::Test {
 protected:
     void SetUp() override {

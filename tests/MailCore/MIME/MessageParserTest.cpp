@@ -173,7 +173,7 @@ TEST(MessageParserBody, ChoosesWhatReadersExpect) {
         {"html_only",
          head + "Content-Type: text/html\n\n<html><head><style>p{}</style></head><body>"
                 "<p>Hello&nbsp;<b>there</b></p><p>second &amp; last</p></body></html>\n",
-         "Hello there\n\nsecond & last",
+         "Hello there\nsecond & last",
          "<html><head><style>p{}</style></head><body><p>Hello&nbsp;<b>there</b></p><p>second "
          "&amp; last</p></body></html>\n",
          ""},

@@ -1,4 +1,5 @@
-// PCRE2Pattern: one compiled PCRE2 pattern for mail text. 8-bit code units
+// PCRE2Pattern: the one wrapper of PCRE2 in the code base, for patterns
+// over mail text and everything else. 8-bit code units
 // with PCRE2_UTF | PCRE2_UCP | PCRE2_MATCH_INVALID_UTF (invalid bytes never
 // fail a whole match), ANYCRLF newlines, JIT-compiled once. Immutable after
 // construction and shared read-only between threads; matching uses
@@ -8,7 +9,11 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
 #include <string_view>
+#include <vector>
 
 namespace mailcore {
 
@@ -59,9 +64,33 @@ public:
     // True when the pattern matches somewhere in `subject`; false on failure.
     bool contains(std::string_view subject) const;
 
+    // Capture group `group` of every non-overlapping match, left to right;
+    // the search stops at a failed match attempt.
+    std::vector<std::string> groups(std::string_view subject, std::size_t group) const;
+
+    // Extra compile options: PCRE2_ANCHORED and PCRE2_DOTALL.
+    static constexpr std::uint32_t optionAnchored = 0x80000000u;
+    static constexpr std::uint32_t optionDotAll = 0x00000020u;
+
 private:
     void* code_ = nullptr;  // pcre2_code_8
     bool jit_ = false;
 };
+
+// What a replacement callback returns: the text to write instead of the
+// match, or nothing to keep the match as it is.
+using Replacement = std::optional<std::string>;
+using Replacer = std::function<Replacement(const PCRE2Pattern::Match&)>;
+
+// Every non-overlapping match, left to right, handed to `replace`. When a
+// match attempt fails (match limit), `onFailure` is asked where to go on: it
+// gets the text and the offset where the search started, may append to `out`
+// what the text from that offset becomes up to the returned offset, and the
+// search resumes there; an offset not past the start keeps the rest as it
+// is. The default copies the rest of the line unchanged.
+using FailureHandler =
+    std::function<std::size_t(std::string_view text, std::size_t from, std::string& out)>;
+std::string replaceAll(const PCRE2Pattern& pattern, std::string_view text, const Replacer& replace,
+                       const FailureHandler& onFailure = {});
 
 }  // namespace mailcore

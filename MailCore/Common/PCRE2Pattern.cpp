@@ -1,4 +1,4 @@
-#include "MailCore/AI/PCRE2Pattern.h"
+#include "MailCore/Common/PCRE2Pattern.h"
 
 #define PCRE2_CODE_UNIT_WIDTH 8
 #include <pcre2.h>
@@ -90,6 +90,66 @@ PCRE2Pattern::Outcome PCRE2Pattern::search(std::string_view subject, std::size_t
 bool PCRE2Pattern::contains(std::string_view subject) const {
     Match match;
     return search(subject, 0, match) == Outcome::matched;
+}
+
+static_assert(PCRE2Pattern::optionAnchored == PCRE2_ANCHORED);
+static_assert(PCRE2Pattern::optionDotAll == PCRE2_DOTALL);
+
+std::vector<std::string> PCRE2Pattern::groups(std::string_view subject, std::size_t group) const {
+    std::vector<std::string> out;
+    Match match;
+    std::size_t pos = 0;
+    while (pos <= subject.size() && search(subject, pos, match) == Outcome::matched) {
+        if (match.hasGroup(group)) {
+            out.emplace_back(subject.substr(match.groupStart[group],
+                                            match.groupEnd[group] - match.groupStart[group]));
+        }
+        pos = match.end > match.start ? match.end : match.end + 1;
+    }
+    return out;
+}
+
+std::string replaceAll(const PCRE2Pattern& pattern, std::string_view text, const Replacer& replace,
+                       const FailureHandler& onFailure) {
+    std::string out;
+    out.reserve(text.size());
+    std::size_t pos = 0;
+    PCRE2Pattern::Match match;
+    while (pos < text.size()) {
+        auto outcome = pattern.search(text, pos, match);
+        if (outcome == PCRE2Pattern::Outcome::noMatch) break;
+        if (outcome == PCRE2Pattern::Outcome::failed) {
+            std::size_t next = 0;
+            if (onFailure) {
+                next = onFailure(text, pos, out);
+            } else {
+                std::size_t lineEnd = text.find('\n', pos);
+                next = lineEnd == std::string_view::npos ? text.size() : lineEnd + 1;
+                out.append(text.substr(pos, next - pos));
+            }
+            if (next <= pos) {  // a handler that cannot go on: keep the rest
+                out.append(text.substr(pos));
+                return out;
+            }
+            pos = next;
+            continue;
+        }
+        out.append(text.substr(pos, match.start - pos));
+        if (match.end == match.start) {
+            // No pattern here matches empty text; step over it all the same.
+            if (match.start < text.size()) out.push_back(text[match.start]);
+            pos = match.start + 1;
+            continue;
+        }
+        if (Replacement replacement = replace(match)) {
+            out.append(*replacement);
+        } else {
+            out.append(text.substr(match.start, match.end - match.start));
+        }
+        pos = match.end;
+    }
+    if (pos < text.size()) out.append(text.substr(pos));
+    return out;
 }
 
 }  // namespace mailcore

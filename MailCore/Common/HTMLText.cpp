@@ -1,28 +1,35 @@
-// HTML to plain text: the HTML steps of AIContentSanitizer.
+#include "MailCore/Common/HTMLText.h"
+
 #include <algorithm>
 #include <array>
-#include <cstring>
 #include <unordered_map>
 
-#include "MailCore/AI/AIContentSanitizer.h"
-#include "MailCore/AI/SanitizerPatterns.h"
+#include "MailCore/Common/CaseFolding.h"
+#include "MailCore/Common/PCRE2Pattern.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mailcore {
 namespace {
 
-char lower(char c) { return (c >= 'A' && c <= 'Z') ? static_cast<char>(c - 'A' + 'a') : c; }
-
 bool isSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
 
-// Case-insensitive comparison of `text` at `pos` with a lower-case literal.
-bool startsWithLower(std::string_view text, std::size_t pos, std::string_view literal) {
-    if (pos + literal.size() > text.size()) return false;
-    for (std::size_t i = 0; i < literal.size(); ++i) {
-        if (lower(text[pos + i]) != literal[i]) return false;
+// The patterns are used exactly as written; their quirks are part of the
+// behaviour (the pixel pattern is case-sensitive and does not match an
+// unquoted `width=1>`: the generic tag step removes such images anyway;
+// "<BR>" is a tag, not a break).
+struct TagPatterns {
+    PCRE2Pattern trackingPixel{
+        R"(<img\b[^>]*?(?:(?:width|height)\s*=\s*["']?[0-2]["'\s/>]|display\s*:\s*none)[^>]*>)"};
+    PCRE2Pattern lineBreakTag{R"(<\s*(?:br|/p|/div|/li|/tr|/h[1-6]|hr)\b[^>]*>)"};
+    // The end of a table cell keeps the words of neighbouring cells apart.
+    PCRE2Pattern cellEnd{R"(</t[dh]\b[^>]*>)"};
+    PCRE2Pattern anyTag{R"(</?[A-Za-z][^<>]{0,2000}>|<![A-Za-z][^<>]*>)"};
+
+    static const TagPatterns& shared() {
+        static const TagPatterns patterns;
+        return patterns;
     }
-    return true;
-}
+};
 
 struct BlockElement {
     std::string_view name;
@@ -65,7 +72,7 @@ public:
         std::size_t end = std::string_view::npos;
         while ((pos = html_.find("</", pos)) != std::string_view::npos) {
             std::size_t after = pos + 2 + name.size();
-            if (startsWithLower(html_, pos + 2, name) &&
+            if (startsWithNoCase(html_, pos + 2, name) &&
                 (after >= html_.size() || isSpace(html_[after]) || html_[after] == '>')) {
                 std::size_t close = html_.find('>', after);
                 start = pos;
@@ -132,7 +139,7 @@ std::string tidyLines(std::string_view text) {
         } else if (c == 0x200B || c == 0x200C || c == 0x00AD || c == 0x034F || c == 0x2060 ||
                    c == 0xFEFF) {
             // invisible: dropped
-        } else if (c == ' ' || c == '\t' || c == 0x00A0) {
+        } else if (c == ' ' || c == '\t' || c == 0x00A0) {  // "&nbsp;" lays out as a space
             if (line.empty() || line.back() != ' ') line.push_back(' ');
         } else {
             line.append(text.substr(pos, next - pos));
@@ -146,7 +153,7 @@ std::string tidyLines(std::string_view text) {
 const std::unordered_map<std::string_view, char32_t>& namedEntities() {
     static const std::unordered_map<std::string_view, char32_t> table{
         {"amp", '&'},       {"lt", '<'},        {"gt", '>'},        {"quot", '"'},
-        {"apos", '\''},     {"nbsp", ' '},      {"ensp", ' '},      {"emsp", ' '},
+        {"apos", '\''},     {"nbsp", 0x00A0},   {"ensp", ' '},      {"emsp", ' '},
         {"thinsp", ' '},    {"zwnj", 0x200C},   {"zwj", 0x200D},    {"lrm", 0x200E},
         {"rlm", 0x200F},    {"shy", 0x00AD},    {"copy", 0x00A9},   {"reg", 0x00AE},
         {"trade", 0x2122},  {"hellip", 0x2026}, {"mdash", 0x2014},  {"ndash", 0x2013},
@@ -215,11 +222,7 @@ bool isAlnum(char c) {
 
 }  // namespace
 
-bool AIContentSanitizer::looksLikeHTML(std::string_view text) {
-    return SanitizerPatterns::shared().htmlHint.contains(text);
-}
-
-std::string AIContentSanitizer::removeBlockElements(std::string_view html) {
+std::string removeHTMLBlockElements(std::string_view html) {
     std::string out;
     out.reserve(html.size());
     ClosingTagFinder closing(html);
@@ -238,7 +241,7 @@ std::string AIContentSanitizer::removeBlockElements(std::string_view html) {
         for (std::size_t i = 0; i < blockElements.size(); ++i) {
             std::string_view name = blockElements[i].name;
             std::size_t after = pos + 1 + name.size();
-            if (startsWithLower(html, pos + 1, name) &&
+            if (startsWithNoCase(html, pos + 1, name) &&
                 (after >= html.size() || isSpace(html[after]) || html[after] == '>' ||
                  html[after] == '/')) {
                 element = i;
@@ -269,7 +272,7 @@ std::string AIContentSanitizer::removeBlockElements(std::string_view html) {
     return out;
 }
 
-std::string AIContentSanitizer::decodeEntities(std::string_view text) {
+std::string decodeHTMLEntities(std::string_view text) {
     std::string out;
     out.reserve(text.size());
     std::size_t pos = 0;
@@ -328,21 +331,25 @@ std::string AIContentSanitizer::decodeEntities(std::string_view text) {
     return out;
 }
 
-std::string AIContentSanitizer::stripHTML(std::string_view html) {
-    const SanitizerPatterns& patterns = SanitizerPatterns::shared();
-    std::string text = removeBlockElements(html);
+std::string htmlToText(std::string_view html, std::size_t maxBytes) {
+    const TagPatterns& patterns = TagPatterns::shared();
+    std::string text = removeHTMLBlockElements(utf8::repaired(html));
     text = replaceAll(patterns.trackingPixel, text,
                       [](const PCRE2Pattern::Match&) { return Replacement(""); });
     text = collapseSourceWhitespace(text);
     text = replaceAll(patterns.lineBreakTag, text,
                       [](const PCRE2Pattern::Match&) { return Replacement("\n"); });
+    text = replaceAll(patterns.cellEnd, text,
+                      [](const PCRE2Pattern::Match&) { return Replacement(" "); });
     text = replaceAll(patterns.anyTag, text,
                       [](const PCRE2Pattern::Match&) { return Replacement(""); });
-    text = tidyLines(decodeEntities(text));
+    text = tidyLines(decodeHTMLEntities(text));
     std::size_t first = text.find_first_not_of('\n');
     if (first == std::string::npos) return std::string();
     std::size_t last = text.find_last_not_of('\n');
-    return text.substr(first, last - first + 1);
+    text = text.substr(first, last - first + 1);
+    text.resize(utf8::safeCutBytes(text, maxBytes));
+    return text;
 }
 
 }  // namespace mailcore
