@@ -5,7 +5,6 @@
 #include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Audit/MCPRedactor.h"
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Common/UTF8.h"
@@ -23,8 +22,9 @@ std::optional<MCPAuditLog::ExportFormat> MCPAuditLog::exportFormatFromRawValue(
     return std::nullopt;
 }
 
-MCPAuditLog::MCPAuditLog(std::optional<std::filesystem::path> fileURL, mailcore::Clock clock)
-    : fileURL_(std::move(fileURL)), clock_(std::move(clock)) {
+MCPAuditLog::MCPAuditLog(std::optional<std::filesystem::path> fileURL, mailcore::Clock clock,
+                         std::shared_ptr<const mailcore::PrivateFiles> files)
+    : fileURL_(std::move(fileURL)), clock_(std::move(clock)), files_(std::move(files)) {
     load();
 }
 
@@ -40,10 +40,12 @@ std::string MCPAuditLog::encode(const MCPAuditEntry& entry) {
 
 void MCPAuditLog::load() {
     if (!fileURL_) return;
-    auto text = MCPPrivateFile::read(*fileURL_);
-    if (!text) return;
+    auto file = files_->read(*fileURL_, maxFileBytes);
     std::lock_guard guard(lock_);
-    std::string_view rest = *text;
+    if (file.refused()) loadProblem_ = "The audit log " + fileURL_->string() + " " + file.problem;
+    if (!file.ok()) return;
+    const std::string& text = file.bytes;
+    std::string_view rest = text;
     while (!rest.empty()) {
         std::size_t end = rest.find('\n');
         std::string_view line = rest.substr(0, end);
@@ -62,7 +64,7 @@ void MCPAuditLog::load() {
             lines_.pop_front();
         }
     }
-    needsLineBreak_ = !text->empty() && text->back() != '\n';
+    needsLineBreak_ = !text.empty() && text.back() != '\n';
 }
 
 void MCPAuditLog::rewriteLocked() {
@@ -78,7 +80,9 @@ void MCPAuditLog::rewriteLocked() {
     std::string error;
     // Not flushed to disk: the log is rewritten often once full, and a crash
     // costs at most the newest entries.
-    if (MCPPrivateFile::writeAtomically(*fileURL_, content, &error, /*durable=*/false)) {
+    mailcore::WriteOptions options;
+    options.durable = false;
+    if (files_->writeAtomically(*fileURL_, content, &error, options)) {
         lastWriteError_ = std::nullopt;
         needsLineBreak_ = false;
     } else {
@@ -96,7 +100,7 @@ void MCPAuditLog::appendLocked(const std::string& line) {
     data += line;
     data.push_back('\n');
     std::string error;
-    if (MCPPrivateFile::append(*fileURL_, data, &error)) {
+    if (files_->append(*fileURL_, data, &error)) {
         lastWriteError_ = std::nullopt;
         needsLineBreak_ = false;
     } else {
@@ -114,13 +118,30 @@ void MCPAuditLog::notify() {
     if (callback) callback();
 }
 
+namespace {
+
+// An account is kept as written only when it is one plain address that the
+// redactor finds nothing else in (printable ASCII, no token inside); any
+// other text is scrubbed like the rest.
+std::string accountText(std::string_view account) {
+    std::string scrubbed = MCPRedactor::scrub(account, MCPAuditLog::accountLimit);
+    const bool plain =
+        std::all_of(account.begin(), account.end(), [](char c) { return c > 0x20 && c < 0x7F; });
+    if (plain && scrubbed == "[email]") {
+        return std::string(mailcore::utf8::prefix(account, MCPAuditLog::accountLimit));
+    }
+    return scrubbed;
+}
+
+}  // namespace
+
 MCPAuditEntry MCPAuditLog::record(std::string_view harness, std::string_view tool,
                                   std::string_view account, MCPResult result,
                                   std::string_view summary, std::optional<bool> mailInfluenced) {
     MCPAuditEntry entry;
     entry.harness = MCPRedactor::scrub(harness, harnessLimit);
     entry.tool = MCPRedactor::scrub(tool, toolLimit);
-    entry.account = std::string(mailcore::utf8::prefix(account, accountLimit));
+    entry.account = accountText(account);
     entry.result = result;
     entry.summary = MCPRedactor::scrub(summary, summaryLimit);
     entry.mailInfluenced = mailInfluenced;
@@ -264,6 +285,11 @@ std::optional<std::string> MCPAuditLog::lastWriteError() const {
 std::size_t MCPAuditLog::skippedLinesAtLoad() const {
     std::lock_guard guard(lock_);
     return skippedLines_;
+}
+
+std::optional<std::string> MCPAuditLog::loadProblem() const {
+    std::lock_guard guard(lock_);
+    return loadProblem_;
 }
 
 }  // namespace mcpkit

@@ -16,6 +16,7 @@
 #include <deque>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -25,6 +26,7 @@
 #include "KestruneMCPKit/Audit/MCPAuditEntry.h"
 #include "KestruneMCPKit/Audit/MCPResult.h"
 #include "MailCore/Common/Clock.h"
+#include "MailCore/Common/PrivateFiles.h"
 
 namespace mcpkit {
 
@@ -35,6 +37,8 @@ public:
     static constexpr std::size_t toolLimit = 60;
     static constexpr std::size_t accountLimit = 120;
     static constexpr std::size_t summaryLimit = 200;
+    // A log file larger than this is not loaded.
+    static constexpr std::size_t maxFileBytes = 64 * 1024 * 1024;
 
     enum class ExportFormat { jsonLines, csv };
     // "jsonLines", "csv".
@@ -42,8 +46,10 @@ public:
     static std::optional<ExportFormat> exportFormatFromRawValue(std::string_view text);
 
     // `fileURL` none keeps the log in memory only. Reads the file if present.
-    explicit MCPAuditLog(std::optional<std::filesystem::path> fileURL,
-                         mailcore::Clock clock = mailcore::systemClock());
+    explicit MCPAuditLog(
+        std::optional<std::filesystem::path> fileURL,
+        mailcore::Clock clock = mailcore::systemClock(),
+        std::shared_ptr<const mailcore::PrivateFiles> files = mailcore::systemFiles());
 
     MCPAuditLog(const MCPAuditLog&) = delete;
     MCPAuditLog& operator=(const MCPAuditLog&) = delete;
@@ -54,8 +60,9 @@ public:
     static std::string encode(const MCPAuditEntry& entry);
 
     // Stores a new entry: time from the clock, a fresh id, `harness` and `tool`
-    // scrubbed to 60 characters, `account` cut to 120 characters, `summary`
-    // scrubbed to 200. Never throws because of the file.
+    // scrubbed to 60 characters, `account` kept (cut to 120 characters) when it
+    // is one plain address and otherwise scrubbed to 120, `summary` scrubbed to
+    // 200. Never throws because of the file.
     MCPAuditEntry record(std::string_view harness, std::string_view tool, std::string_view account,
                          MCPResult result, std::string_view summary,
                          std::optional<bool> mailInfluenced);
@@ -88,6 +95,8 @@ public:
     std::optional<std::string> lastWriteError() const;
     // How many lines of the file could not be decoded at load.
     std::size_t skippedLinesAtLoad() const;
+    // Why the file was not loaded (a link, not a regular file, too large).
+    std::optional<std::string> loadProblem() const;
 
 private:
     void load();
@@ -97,6 +106,7 @@ private:
 
     const std::optional<std::filesystem::path> fileURL_;
     const mailcore::Clock clock_;
+    const std::shared_ptr<const mailcore::PrivateFiles> files_;
 
     mutable std::mutex lock_;
     std::deque<MCPAuditEntry> items_;            // guarded by lock_
@@ -105,6 +115,7 @@ private:
     std::function<void()> onChange_;             // guarded by lock_
     std::optional<std::string> lastWriteError_;  // guarded by lock_
     std::size_t skippedLines_ = 0;               // guarded by lock_
+    std::optional<std::string> loadProblem_;     // guarded by lock_
 };
 
 }  // namespace mcpkit

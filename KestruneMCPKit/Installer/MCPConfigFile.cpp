@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "KestruneMCPKit/Installer/MCPInstallError.h"
+#include "MailCore/Common/PrivateFiles.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace fs = std::filesystem;
@@ -68,13 +69,6 @@ bool writeAll(int fd, std::string_view bytes) {
     return true;
 }
 
-void syncDirectory(const fs::path& dir) {
-    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (fd < 0) return;
-    ::fsync(fd);
-    ::close(fd);
-}
-
 // Creates the missing directories above `dir`, each with mode 0700.
 void createDirectories(const fs::path& dir) {
     std::error_code ec;
@@ -124,50 +118,22 @@ Snapshot read(const fs::path& path) {
     snapshot.path = path;
     snapshot.target = resolveLinks(path);
 
-    // O_NONBLOCK keeps a FIFO from blocking the open; it is refused below.
-    FileDescriptor fd(
-        ::open(snapshot.target.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_NOCTTY));
-    if (fd.get() < 0) {
-        if (errno == ENOENT || errno == ENOTDIR) return snapshot;
-        if (errno == EISDIR) throw MCPInstallError::unreadable("not a regular file");
+    // Never blocks: a FIFO or device is refused, not waited on.
+    auto file = mailcore::systemFiles()->read(snapshot.target, maxBytes);
+    if (file.missing()) return snapshot;
+    if (file.refused()) {
+        if (file.problem == "is not a regular file") {
+            throw MCPInstallError::unreadable("not a regular file");
+        }
+        if (file.problem.starts_with("is larger than")) {
+            throw MCPInstallError::unreadable("file is larger than 32 MiB");
+        }
         throw MCPInstallError::unreadable("cannot read file");
     }
-    struct stat st {};
-    if (::fstat(fd.get(), &st) != 0) throw MCPInstallError::unreadable("cannot read file");
-    if (!S_ISREG(st.st_mode)) throw MCPInstallError::unreadable("not a regular file");
-    if (static_cast<std::size_t>(st.st_size) > maxBytes) {
-        throw MCPInstallError::unreadable("file is larger than 32 MiB");
-    }
+    checkText(file.bytes);
     snapshot.exists = true;
-    snapshot.device = st.st_dev;
-    snapshot.inode = st.st_ino;
-    snapshot.size = st.st_size;
-    snapshot.modified = st.st_mtim;
-    snapshot.mode = st.st_mode & 07777;
-
-    std::string bytes;
-    bytes.resize(static_cast<std::size_t>(st.st_size));
-    std::size_t done = 0;
-    for (;;) {
-        if (done == bytes.size()) {
-            // The file may have grown since fstat; read on in steps.
-            if (bytes.size() > maxBytes) {
-                throw MCPInstallError::unreadable("file is larger than 32 MiB");
-            }
-            bytes.resize(bytes.size() + 65536);
-        }
-        ssize_t n = ::read(fd.get(), bytes.data() + done, bytes.size() - done);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            throw MCPInstallError::unreadable("cannot read file");
-        }
-        if (n == 0) break;
-        done += static_cast<std::size_t>(n);
-    }
-    bytes.resize(done);
-    if (bytes.size() > maxBytes) throw MCPInstallError::unreadable("file is larger than 32 MiB");
-    checkText(bytes);
-    snapshot.bytes = std::move(bytes);
+    snapshot.stamp = *file.stamp;
+    snapshot.bytes = std::move(file.bytes);
     return snapshot;
 }
 
@@ -177,42 +143,23 @@ void replace(const Snapshot& snapshot, std::string_view bytes) {
     if (dir.empty()) dir = ".";
     createDirectories(dir);
 
-    std::string pattern = (dir / ("." + target.filename().string() + ".kestrune-tmp-XXXXXX"));
-    std::vector<char> name(pattern.begin(), pattern.end());
-    name.push_back('\0');
-    FileDescriptor fd(::mkstemp(name.data()));
-    if (fd.get() < 0) {
-        throw MCPInstallError::io("could not write " + target.string() + ": " +
-                                  std::strerror(errno));
-    }
-    std::string temporary(name.data());
-    auto fail = [&](const std::string& reason) {
-        ::unlink(temporary.c_str());
-        throw MCPInstallError::io(reason);
-    };
-
-    mode_t mode = snapshot.exists ? static_cast<mode_t>((snapshot.mode & 0700) | 0600) : 0600;
-    if (::fchmod(fd.get(), mode) != 0 || !writeAll(fd.get(), bytes) || ::fsync(fd.get()) != 0) {
-        fail("could not write " + target.string() + ": " + std::strerror(errno));
-    }
-    if (::close(fd.release()) != 0) {
-        fail("could not write " + target.string() + ": " + std::strerror(errno));
-    }
-
+    mailcore::WriteOptions options;
+    // A new file holds a token: owner only. An existing one keeps its owner
+    // bits and loses group and other access.
+    options.mode =
+        snapshot.exists ? static_cast<mode_t>((snapshot.stamp.mode & 0700) | 0600) : 0600;
     // Refuse to replace a file that someone else changed since it was read.
-    struct stat st {};
-    bool present = ::lstat(target.c_str(), &st) == 0;
-    bool same = snapshot.exists ? present && S_ISREG(st.st_mode) && st.st_dev == snapshot.device &&
-                                      st.st_ino == snapshot.inode && st.st_size == snapshot.size &&
-                                      st.st_mtim.tv_sec == snapshot.modified.tv_sec &&
-                                      st.st_mtim.tv_nsec == snapshot.modified.tv_nsec
-                                : !present;
-    if (!same) fail(target.string() + " changed while it was being edited; nothing was written");
-
-    if (::rename(temporary.c_str(), target.c_str()) != 0) {
-        fail("could not replace " + target.string() + ": " + std::strerror(errno));
+    options.beforeReplace = [&]() -> std::optional<std::string> {
+        auto now = mailcore::systemFiles()->stamp(target);
+        bool same = snapshot.exists ? now == snapshot.stamp : !now;
+        if (same) return std::nullopt;
+        return target.string() + " changed while it was being edited; nothing was written";
+    };
+    std::string error;
+    if (!mailcore::systemFiles()->writeAtomically(target, bytes, &error, options)) {
+        if (error.ends_with("nothing was written")) throw MCPInstallError::io(error);
+        throw MCPInstallError::io("could not write " + target.string() + ": " + error);
     }
-    syncDirectory(dir);
 }
 
 std::string backupStamp(mailcore::Date date) {

@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "MailCore/Common/Clock.h"
+#include "MailCore/Common/PrivateFiles.h"
 
 namespace mcpkit::MCPConfigFile {
 
@@ -33,11 +34,7 @@ struct Snapshot {
     bool exists = false;
     std::string bytes;
     // Identity at the time of reading, checked again before replacing.
-    dev_t device = 0;
-    ino_t inode = 0;
-    off_t size = 0;
-    timespec modified{};
-    mode_t mode = 0;
+    mailcore::FileStamp stamp;
 };
 
 // Reads the file at `path`, following symbolic links. A missing file gives a

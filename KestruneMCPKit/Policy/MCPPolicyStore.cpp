@@ -8,18 +8,25 @@
 namespace mcpkit {
 
 MCPPolicyStore::MCPPolicyStore(std::optional<std::filesystem::path> fileURL,
-                               std::shared_ptr<MCPTokenStore> tokens, mailcore::Clock clock)
-    : fileURL_(std::move(fileURL)), tokens_(std::move(tokens)), clock_(std::move(clock)) {
+                               std::shared_ptr<MCPTokenStore> tokens, mailcore::Clock clock,
+                               std::shared_ptr<const mailcore::PrivateFiles> files)
+    : fileURL_(std::move(fileURL)),
+      tokens_(std::move(tokens)),
+      clock_(std::move(clock)),
+      files_(std::move(files)) {
     std::lock_guard guard(lock_);
     reloadLocked();
 }
 
 bool MCPPolicyStore::reloadLocked() {
     if (!fileURL_) return false;
-    auto stamp = MCPPrivateFile::stamp(*fileURL_);
+    auto stamp = files_->stamp(*fileURL_);
     if (loadedOnce_ && stamp == lastModified_) return false;
     loadedOnce_ = true;
-    if (!stamp) {
+    // Opened without following links and without blocking, so that nothing
+    // planted at the path can hold the lock.
+    auto file = stamp ? files_->read(*fileURL_, maxStateBytes) : mailcore::FileRead{};
+    if (file.missing()) {
         // No file: the default state.
         lastModified_ = std::nullopt;
         lastLoadError_ = std::nullopt;
@@ -28,19 +35,17 @@ bool MCPPolicyStore::reloadLocked() {
         state_ = std::move(fresh);
         return true;
     }
-    auto text = MCPPrivateFile::read(*fileURL_);
-    // The stamp is taken again after reading: a write that lands in between
-    // is then seen by the next check instead of being mistaken for this one.
-    auto after = MCPPrivateFile::stamp(*fileURL_);
-    lastModified_ = after == stamp ? stamp : std::nullopt;
-    if (!after) loadedOnce_ = false;
-    if (!text) {
-        lastLoadError_ = "The agent-access state file " + fileURL_->string() +
-                         " cannot be read; the last good state stays in effect.";
+    // Compared again after reading: a write that lands in between is then
+    // seen by the next check instead of being mistaken for this one.
+    lastModified_ = files_->stamp(*fileURL_) == stamp ? stamp : std::nullopt;
+    if (!lastModified_) loadedOnce_ = false;
+    if (file.refused()) {
+        lastLoadError_ = "The agent-access state file " + fileURL_->string() + " " + file.problem +
+                         "; the last good state stays in effect.";
         return false;
     }
     mailcore::Json json;
-    if (!mailcore::tryParseJson(*text, json) || !json.is_object()) {
+    if (!mailcore::tryParseJson(file.bytes, json) || !json.is_object()) {
         lastLoadError_ = "The agent-access state file " + fileURL_->string() +
                          " is not a valid JSON object; the last good state stays in effect.";
         return false;
@@ -54,17 +59,22 @@ bool MCPPolicyStore::reloadLocked() {
 
 bool MCPPolicyStore::saveLocked() {
     if (!fileURL_) return true;
+    if (lastLoadError_) {
+        // The file holds the user's decisions in a form this store could not
+        // read: writing the cached state would replace them.
+        lastSaveError_ = "Not saved: " + *lastLoadError_;
+        return false;
+    }
     std::string text =
         toJson(state_).dump(2, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
     text.push_back('\n');
     std::string error;
-    auto stamp = MCPPrivateFile::writeAtomically(*fileURL_, text, &error);
+    auto stamp = files_->writeAtomically(*fileURL_, text, &error);
     if (!stamp) {
         lastSaveError_ = "Saving " + fileURL_->string() + " failed (" + error + ").";
         return false;
     }
     lastSaveError_ = std::nullopt;
-    lastLoadError_ = std::nullopt;  // the file on disk is valid again
     lastModified_ = stamp;
     loadedOnce_ = true;
     return true;
@@ -102,19 +112,28 @@ bool MCPPolicyStore::reloadIfChanged() {
     return changed;
 }
 
-void MCPPolicyStore::mutate(const std::function<void(MCPState&)>& change) {
+bool MCPPolicyStore::mutate(const std::function<void(MCPState&)>& change) {
     bool changed;
+    bool saved = true;
     {
         std::lock_guard guard(lock_);
         changed = reloadLocked();
-        MCPState before = state_;
-        change(state_);
-        if (!(state_ == before)) {
-            saveLocked();
-            changed = true;
+        if (fileURL_ && lastLoadError_) {
+            // The user's decisions are in a file this store could not read:
+            // a change now would act on the wrong state and replace them.
+            lastSaveError_ = "Not saved: " + *lastLoadError_;
+            saved = false;
+        } else {
+            MCPState before = state_;
+            change(state_);
+            if (!(state_ == before)) {
+                saved = saveLocked();
+                changed = true;
+            }
         }
     }
     notify(changed);
+    return saved;
 }
 
 std::optional<MCPHarnessRecord> MCPPolicyStore::harness(const std::string& token) {
@@ -152,17 +171,21 @@ bool MCPPolicyStore::bindClientName(const std::string& clientName, const std::st
     return bound;
 }
 
-void MCPPolicyStore::registerHarness(const std::string& id, const std::string& name,
+bool MCPPolicyStore::registerHarness(const std::string& id, const std::string& name,
                                      const std::vector<std::string>& hints,
                                      const std::string& token) {
-    tokens_->set(token, id);
+    if (auto problem = tokens_->set(token, id)) {
+        std::lock_guard guard(lock_);
+        lastSaveError_ = "Saving the token failed: " + *problem + ".";
+        return false;
+    }
     MCPHarnessRecord record;
     record.id = id;
     record.name = name;
     record.allowed = true;
     record.createdAt = wholeSeconds(clock_());
     record.clientHints = hints;
-    mutate([&](MCPState& state) {
+    return mutate([&](MCPState& state) {
         if (auto* existing = state.harness(id)) {
             *existing = record;
         } else {
@@ -171,11 +194,18 @@ void MCPPolicyStore::registerHarness(const std::string& id, const std::string& n
     });
 }
 
-void MCPPolicyStore::unregister(const std::string& id) {
-    mutate([&](MCPState& state) {
-        std::erase_if(state.harnesses, [&](const MCPHarnessRecord& h) { return h.id == id; });
-    });
-    tokens_->remove(id);
+bool MCPPolicyStore::unregister(const std::string& id) {
+    if (!mutate([&](MCPState& state) {
+            std::erase_if(state.harnesses, [&](const MCPHarnessRecord& h) { return h.id == id; });
+        })) {
+        return false;
+    }
+    if (auto problem = tokens_->remove(id)) {
+        std::lock_guard guard(lock_);
+        lastSaveError_ = "Removing the token failed: " + *problem + ".";
+        return false;
+    }
+    return true;
 }
 
 bool MCPPolicyStore::save() {
@@ -191,6 +221,14 @@ void MCPPolicyStore::setOnChange(std::function<void()> onChange) {
 std::optional<std::string> MCPPolicyStore::lastLoadError() const {
     std::lock_guard guard(lock_);
     return lastLoadError_;
+}
+
+std::optional<std::string> MCPPolicyStore::refusalToChange() const {
+    std::lock_guard guard(lock_);
+    if (!lastLoadError_ || !fileURL_) return std::nullopt;
+    const std::string path = fileURL_->string();
+    return *lastLoadError_ + " Nothing was changed. Repair the file, or move it aside (mv '" +
+           path + "' '" + path + ".damaged') to start again from the default settings.";
 }
 
 std::optional<std::string> MCPPolicyStore::lastSaveError() const {

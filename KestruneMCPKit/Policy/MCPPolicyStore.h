@@ -3,12 +3,14 @@
 // settings window, the installer) changed it, so edits take effect on the
 // next request. Harness tokens live only in the token store.
 //
-// Loading: a missing file is the default state. A file that cannot be read or
-// is not a JSON object keeps the last good state, and the failure stays
-// visible through lastLoadError() until a later load succeeds. Settings decode
-// fail-closed (see MCPState.h). Saving writes a temporary file that replaces
-// the target, mode 0600; a failed save keeps the change in memory and is
-// visible through lastSaveError().
+// Loading: a missing file is the default state. A file that cannot be read
+// (a link, a FIFO, over maxStateBytes, unreadable) or is not a JSON object
+// keeps the last good state, and the failure stays visible through
+// lastLoadError() until a later load succeeds. Such a file is never saved
+// over: changes are refused meanwhile and lastSaveError() says why. Settings
+// decode fail-closed (see MCPState.h). Saving writes a temporary file that
+// replaces the target, mode 0600; a failed save keeps the change in memory
+// and is visible through lastSaveError().
 //
 // Thread-safe: the cached state, the file and the change callback are guarded
 // by one lock; the token store is called outside it, and onChange runs after
@@ -23,19 +25,23 @@
 #include <string>
 #include <vector>
 
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Policy/MCPState.h"
 #include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "MailCore/Common/Clock.h"
+#include "MailCore/Common/PrivateFiles.h"
 
 namespace mcpkit {
 
 class MCPPolicyStore {
 public:
+    // A state file larger than this is refused unread.
+    static constexpr std::size_t maxStateBytes = 4 * 1024 * 1024;
+
     // `fileURL` none keeps the state in memory only. Loads the file if present.
     MCPPolicyStore(std::optional<std::filesystem::path> fileURL,
                    std::shared_ptr<MCPTokenStore> tokens,
-                   mailcore::Clock clock = mailcore::systemClock());
+                   mailcore::Clock clock = mailcore::systemClock(),
+                   std::shared_ptr<const mailcore::PrivateFiles> files = mailcore::systemFiles());
 
     MCPPolicyStore(const MCPPolicyStore&) = delete;
     MCPPolicyStore& operator=(const MCPPolicyStore&) = delete;
@@ -45,8 +51,10 @@ public:
 
     // Reloads the file, applies `change` to the state under the lock and saves
     // when the state differs; runs onChange when it does. `change` must not
-    // call back into the store.
-    void mutate(const std::function<void(MCPState&)>& change);
+    // call back into the store. False when the change could not be saved
+    // (lastSaveError() says why): after a failed write the change stays in
+    // memory; while the file cannot be read it is not applied at all.
+    bool mutate(const std::function<void(MCPState&)>& change);
 
     // Re-reads the file when its identity, size or modification time differs
     // from the last load or save. True when the cached state changed (the
@@ -67,12 +75,15 @@ public:
 
     // Adds the harness, or replaces the record with the same id, as a fresh
     // registration (allowed, created now, the hints, nothing bound), and
-    // stores `token` in the token store.
-    void registerHarness(const std::string& id, const std::string& name,
+    // stores `token` in the token store. False when the token store or the
+    // state could not be saved (lastSaveError() says why).
+    bool registerHarness(const std::string& id, const std::string& name,
                          const std::vector<std::string>& hints, const std::string& token);
 
-    // Removes the record and its token.
-    void unregister(const std::string& id);
+    // Removes the record and its token. The token is removed only when the
+    // state without the record was saved; false (and nothing removed from
+    // the token store) otherwise.
+    bool unregister(const std::string& id);
 
     // Writes the cached state to the file. True on success or when the store
     // has no file.
@@ -82,6 +93,11 @@ public:
 
     std::optional<std::string> lastLoadError() const;
     std::optional<std::string> lastSaveError() const;
+
+    // For a command that must not change a state file it could not read: the
+    // load error followed by what the user can do about it; none when the
+    // file was read (or is missing).
+    std::optional<std::string> refusalToChange() const;
 
     MCPTokenStore& tokens() { return *tokens_; }
     const std::optional<std::filesystem::path>& fileURL() const { return fileURL_; }
@@ -94,14 +110,15 @@ private:
     const std::optional<std::filesystem::path> fileURL_;
     const std::shared_ptr<MCPTokenStore> tokens_;
     const mailcore::Clock clock_;
+    const std::shared_ptr<const mailcore::PrivateFiles> files_;
 
     mutable std::mutex lock_;
-    MCPState state_;                                     // guarded by lock_
-    std::optional<MCPPrivateFile::Stamp> lastModified_;  // guarded by lock_
-    bool loadedOnce_ = false;                            // guarded by lock_
-    std::function<void()> onChange_;                     // guarded by lock_
-    std::optional<std::string> lastLoadError_;           // guarded by lock_
-    std::optional<std::string> lastSaveError_;           // guarded by lock_
+    MCPState state_;                                   // guarded by lock_
+    std::optional<mailcore::FileStamp> lastModified_;  // guarded by lock_
+    bool loadedOnce_ = false;                          // guarded by lock_
+    std::function<void()> onChange_;                   // guarded by lock_
+    std::optional<std::string> lastLoadError_;         // guarded by lock_
+    std::optional<std::string> lastSaveError_;         // guarded by lock_
 };
 
 }  // namespace mcpkit

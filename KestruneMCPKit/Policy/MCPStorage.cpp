@@ -1,7 +1,6 @@
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 
 namespace mcpkit {
@@ -20,7 +19,7 @@ MCPStorage MCPStorage::open(const std::optional<std::filesystem::path>& dataDir,
     const auto tokensURL = storage.base / "tokens.json";
     storage.auditURL = storage.base / "audit.jsonl";
     for (const auto& file : {stateURL, tokensURL, storage.auditURL}) {
-        MCPPrivateFile::restrictToOwner(file);
+        mailcore::restrictToOwner(file);
     }
     auto tokens = std::make_shared<MCPFileTokenStore>(tokensURL);
     storage.policy = std::make_shared<MCPPolicyStore>(stateURL, tokens, std::move(clock));

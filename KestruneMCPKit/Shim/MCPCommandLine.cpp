@@ -143,6 +143,50 @@ int status(const Context& context, const MCPHarnessSpec& spec) {
     return statusOK;
 }
 
+// A harness's registration as it was before a command changed it, to put
+// back when the command cannot finish.
+class EarlierRegistration {
+public:
+    EarlierRegistration(MCPPolicyStore& policy, const std::string& id) : policy_(policy), id_(id) {
+        const MCPState state = policy.snapshot();
+        if (const MCPHarnessRecord* found = state.harness(id)) record_ = *found;
+        token_ = policy.tokens().token(id);
+    }
+
+    // True when the state and the token are as they were before.
+    bool restore() {
+        if (!record_) return policy_.unregister(id_);
+        const bool restored = policy_.mutate([&](MCPState& state) {
+            if (MCPHarnessRecord* found = state.harness(id_))
+                *found = *record_;
+            else
+                state.harnesses.push_back(*record_);
+        });
+        const auto tokenProblem =
+            token_ ? policy_.tokens().set(*token_, id_) : policy_.tokens().remove(id_);
+        return restored && !tokenProblem;
+    }
+
+private:
+    MCPPolicyStore& policy_;
+    std::string id_;
+    std::optional<MCPHarnessRecord> record_;
+    std::optional<std::string> token_;
+};
+
+// Reports a failed install or uninstall after putting the registration back.
+int failed(const Context& context, const MCPHarnessSpec& spec, EarlierRegistration& earlier,
+           const std::string& what) {
+    std::string text = what;
+    if (!earlier.restore()) {
+        text += "\nThe app's registration of " + spec.id +
+                " could not be put back as it was: run --uninstall " + spec.id +
+                " once the app's files can be written.";
+    }
+    context.err(text);
+    return statusFailed;
+}
+
 int install(const Context& context, const MCPHarnessSpec& spec) {
     if (spec.format.kind == MCPConfigFormat::Kind::snippetOnly) {
         context.err(spec.name + " has no safe automatic install. Use --print-config " + spec.id +
@@ -152,37 +196,20 @@ int install(const Context& context, const MCPHarnessSpec& spec) {
     auto storage = context.openStorage();
     if (!storage) return statusFailed;
     MCPPolicyStore& policy = *storage->policy;
-
     // What to put back when the configuration cannot be written, so that an
     // entry installed earlier keeps working with its own token.
-    const MCPState before = policy.snapshot();
-    std::optional<MCPHarnessRecord> previous;
-    if (const MCPHarnessRecord* record = before.harness(spec.id)) previous = *record;
-    std::optional<std::string> previousToken = policy.tokens().token(spec.id);
-    auto restore = [&] {
-        if (!previous) {
-            policy.unregister(spec.id);
-            return;
-        }
-        policy.mutate([&](MCPState& state) {
-            if (MCPHarnessRecord* record = state.harness(spec.id))
-                *record = *previous;
-            else
-                state.harnesses.push_back(*previous);
-        });
-        if (previousToken)
-            policy.tokens().set(*previousToken, spec.id);
-        else
-            policy.tokens().remove(spec.id);
-    };
+    EarlierRegistration earlier(policy, spec.id);
+    if (auto refusal = policy.refusalToChange()) {
+        context.err("Install failed: " + *refusal);
+        return statusFailed;
+    }
 
     std::string token = opt(context.args, "--token").value_or("");
     if (token.empty()) token = MCPToken::generate();
-    policy.registerHarness(spec.id, spec.name, spec.clientHints, token);
-    if (auto saveError = policy.lastSaveError()) {
-        restore();
-        context.err("Install failed: could not save the app's state (" + *saveError + ")");
-        return statusFailed;
+    if (!policy.registerHarness(spec.id, spec.name, spec.clientHints, token)) {
+        return failed(context, spec, earlier,
+                      "Install failed: could not save the app's state (" +
+                          policy.lastSaveError().value_or("unknown error") + ")");
     }
     MCPServerEntry entry = MCPServerEntry::make(context.command, token, context.socket);
     try {
@@ -190,25 +217,37 @@ int install(const Context& context, const MCPHarnessSpec& spec) {
         context.out(resultText("Installed into ", result));
         return statusOK;
     } catch (const MCPInstallError& error) {
-        restore();
-        context.err(std::string("Install failed: ") + error.what());
-        return statusFailed;
+        return failed(context, spec, earlier, std::string("Install failed: ") + error.what());
     }
 }
 
+// The registration goes first, so that the token stops working before the
+// entry disappears; a configuration that cannot be edited puts it back.
 int uninstall(const Context& context, const MCPHarnessSpec& spec) {
     auto storage = context.openStorage();
     if (!storage) return statusFailed;
-    MCPInstallResult result;
-    try {
-        result = context.installer.remove(spec);
-    } catch (const MCPInstallError& error) {
-        context.err(std::string("Uninstall failed: ") + error.what());
+    MCPPolicyStore& policy = *storage->policy;
+    EarlierRegistration earlier(policy, spec.id);
+    if (auto refusal = policy.refusalToChange()) {
+        context.err("Uninstall failed: " + *refusal);
         return statusFailed;
     }
-    storage->policy->unregister(spec.id);
-    context.out(result.changed ? resultText("Removed from ", result) : "Nothing to remove");
-    return statusOK;
+    if (spec.format.kind == MCPConfigFormat::Kind::snippetOnly) {
+        context.err(std::string("Uninstall failed: ") + MCPInstallError::snippetOnly().what());
+        return statusFailed;
+    }
+    if (!policy.unregister(spec.id)) {
+        return failed(context, spec, earlier,
+                      "Uninstall failed: could not save the app's state (" +
+                          policy.lastSaveError().value_or("unknown error") + ")");
+    }
+    try {
+        MCPInstallResult result = context.installer.remove(spec);
+        context.out(result.changed ? resultText("Removed from ", result) : "Nothing to remove");
+        return statusOK;
+    } catch (const MCPInstallError& error) {
+        return failed(context, spec, earlier, std::string("Uninstall failed: ") + error.what());
+    }
 }
 
 }  // namespace

@@ -9,14 +9,17 @@ std::optional<std::string> MCPMemoryTokenStore::token(const std::string& id) {
     return it->second;
 }
 
-void MCPMemoryTokenStore::set(const std::string& token, const std::string& id) {
+std::optional<std::string> MCPMemoryTokenStore::set(const std::string& token,
+                                                    const std::string& id) {
     std::lock_guard guard(lock_);
     map_[id] = token;
+    return std::nullopt;
 }
 
-void MCPMemoryTokenStore::remove(const std::string& id) {
+std::optional<std::string> MCPMemoryTokenStore::remove(const std::string& id) {
     std::lock_guard guard(lock_);
     map_.erase(id);
+    return std::nullopt;
 }
 
 }  // namespace mcpkit

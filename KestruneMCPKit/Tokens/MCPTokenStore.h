@@ -8,7 +8,7 @@
 // directory serves until a Secret Service store exists.
 //
 // No operation throws: a token that cannot be read is absent, and a write
-// that fails is silent. Every implementation serialises its operations on
+// that fails says why in its result. Every implementation serialises its operations on
 // its own mutex, so it may be shared between threads.
 #pragma once
 
@@ -24,10 +24,12 @@ public:
     virtual ~MCPTokenStore() = default;
 
     virtual std::optional<std::string> token(const std::string& id) = 0;
-    // Stores or replaces the token of `id`.
-    virtual void set(const std::string& token, const std::string& id) = 0;
-    // Deletes the token of `id` when present.
-    virtual void remove(const std::string& id) = 0;
+    // Stores or replaces the token of `id`. None when stored, else why not
+    // (nothing changed then).
+    [[nodiscard]] virtual std::optional<std::string> set(const std::string& token,
+                                                         const std::string& id) = 0;
+    // Deletes the token of `id` when present. None when done, else why not.
+    [[nodiscard]] virtual std::optional<std::string> remove(const std::string& id) = 0;
 };
 
 class MCPMemoryTokenStore final : public MCPTokenStore {
@@ -35,8 +37,8 @@ public:
     MCPMemoryTokenStore() = default;
 
     std::optional<std::string> token(const std::string& id) override;
-    void set(const std::string& token, const std::string& id) override;
-    void remove(const std::string& id) override;
+    std::optional<std::string> set(const std::string& token, const std::string& id) override;
+    std::optional<std::string> remove(const std::string& id) override;
 
 private:
     std::map<std::string, std::string> map_;  // guarded by lock_

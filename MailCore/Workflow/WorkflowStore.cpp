@@ -1,6 +1,5 @@
 #include "MailCore/Workflow/WorkflowStore.h"
 
-#include <fcntl.h>
 #include <fmt/format.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -8,9 +7,7 @@
 #include <cerrno>
 #include <cmath>
 #include <cstring>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "MailCore/Common/MailError.h"
 #include "MailCore/Workflow/WorkflowText.h"
@@ -54,18 +51,6 @@ void preparePrivateDirectory(const std::filesystem::path& dir) {
     }
     if ((info.st_mode & 0777) != 0700 && ::chmod(dir.c_str(), 0700) != 0) {
         ioFailure("cannot make workflow directory private");
-    }
-}
-
-void writeAll(int fd, const std::string& data) {
-    std::size_t written = 0;
-    while (written < data.size()) {
-        const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
-        if (n < 0) {
-            if (errno == EINTR) continue;
-            ioFailure("cannot write workflows");
-        }
-        written += static_cast<std::size_t>(n);
     }
 }
 
@@ -129,21 +114,22 @@ StoredWorkflow StoredWorkflow::fromJson(const Json& json) {
     return w;
 }
 
-WorkflowStore::WorkflowStore(std::filesystem::path directory)
-    : directory_(std::move(directory)), file_(directory_ / "workflows.json") {
+WorkflowStore::WorkflowStore(std::filesystem::path directory,
+                             std::shared_ptr<const PrivateFiles> files)
+    : directory_(std::move(directory)),
+      file_(directory_ / "workflows.json"),
+      files_(std::move(files)) {
     preparePrivateDirectory(directory_);
     load();
 }
 
 void WorkflowStore::load() {
-    std::ifstream in(file_, std::ios::binary);
-    if (!in) return;  // no file yet: no workflows
-    std::ostringstream content;
-    content << in.rdbuf();
-    in.close();
+    const FileRead file = files_->read(file_, maxFileBytes);
+    if (file.missing()) return;  // no file yet: no workflows
     try {
+        if (file.refused()) throw WorkflowSpecReadError("it " + file.problem);
         Json json;
-        if (!tryParseJson(content.str(), json) || !json.is_object()) {
+        if (!tryParseJson(file.bytes, json) || !json.is_object()) {
             throw WorkflowSpecReadError("not a JSON object");
         }
         const auto list = json.find("workflows");
@@ -172,33 +158,10 @@ void WorkflowStore::save(const std::vector<StoredWorkflow>& records) const {
     document["workflows"] = std::move(list);
     const std::string text =
         document.dump(2, ' ', false, nlohmann::json::error_handler_t::replace) + "\n";
-
-    std::string tmpl = (directory_ / "workflows.json.XXXXXX").string();
-    const int fd = ::mkstemp(tmpl.data());
-    if (fd < 0) ioFailure("cannot create temporary workflows file");
-    try {
-        if (::fchmod(fd, 0600) != 0) ioFailure("cannot set workflows file mode");
-        writeAll(fd, text);
-        if (::fsync(fd) != 0) ioFailure("cannot flush workflows file");
-    } catch (...) {
-        ::close(fd);
-        ::unlink(tmpl.c_str());
-        throw;
-    }
-    if (::close(fd) != 0) {
-        ::unlink(tmpl.c_str());
-        ioFailure("cannot close workflows file");
-    }
-    if (::rename(tmpl.c_str(), file_.c_str()) != 0) {
-        const int saved = errno;
-        ::unlink(tmpl.c_str());
-        errno = saved;
-        ioFailure("cannot replace workflows file");
-    }
-    const int dirfd = ::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    if (dirfd >= 0) {
-        ::fsync(dirfd);
-        ::close(dirfd);
+    std::string error;
+    if (!files_->writeAtomically(file_, text, &error)) {
+        throw MailError::storage(StorageFailureKind::ioError,
+                                 "cannot save " + file_.string() + ": " + error);
     }
 }
 

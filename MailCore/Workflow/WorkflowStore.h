@@ -1,6 +1,7 @@
 // WorkflowStore: the workflows agents have proposed, kept in
 // "workflows.json" inside a private directory (created with mode 0700; the
-// file is written atomically with mode 0600 on every change).
+// file is written atomically with mode 0600 on every change, and read only
+// when it is a regular file, never through a link).
 //
 // Agents reach it only through WorkflowToolHandler, which can add, replace,
 // pause and delete the workflows of the calling harness. approve() and
@@ -16,6 +17,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <memory>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -24,6 +26,7 @@
 
 #include "MailCore/Common/Clock.h"
 #include "MailCore/Common/Json.h"
+#include "MailCore/Common/PrivateFiles.h"
 #include "MailCore/Workflow/WorkflowSpec.h"
 
 namespace mailcore {
@@ -58,7 +61,11 @@ public:
     // "workflows.json.unreadable-<seconds>" (nothing is lost) and the store
     // starts empty; loadProblem() then says so. Throws MailError when the
     // directory cannot be created or is not a private directory of this user.
-    explicit WorkflowStore(std::filesystem::path directory);
+    explicit WorkflowStore(std::filesystem::path directory,
+                           std::shared_ptr<const PrivateFiles> files = systemFiles());
+
+    // A workflows file larger than this is not read (it is moved aside).
+    static constexpr std::size_t maxFileBytes = 16 * 1024 * 1024;
 
     const std::filesystem::path& fileURL() const { return file_; }
     std::optional<std::string> loadProblem() const;
@@ -99,6 +106,7 @@ private:
 
     std::filesystem::path directory_;
     std::filesystem::path file_;
+    std::shared_ptr<const PrivateFiles> files_;
     mutable std::mutex lock_;
     std::vector<StoredWorkflow> records_;     // guarded by lock_
     std::optional<std::string> loadProblem_;  // guarded by lock_

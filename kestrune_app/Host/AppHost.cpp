@@ -13,7 +13,6 @@
 
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
@@ -232,7 +231,7 @@ void AppHost::pollControl() {
     for (const auto& entry : fs::directory_iterator(paths_.control, error)) {
         if (entry.path().extension() != ".request") continue;
         const std::string stem = entry.path().stem().string();
-        const auto data = mcpkit::MCPPrivateFile::read(entry.path());
+        const auto data = readControlFile(entry.path());
         std::error_code ignored;
         fs::remove(entry.path(), ignored);
         if (!validRequestName(stem) || !data) continue;
@@ -244,8 +243,7 @@ void AppHost::pollControl() {
         } catch (const std::exception& e) {
             reply = Json{{"ok", false}, {"message", e.what()}};
         }
-        mcpkit::MCPPrivateFile::writeAtomically(paths_.control / (stem + ".reply"),
-                                                mailcore::encodeJson(reply), nullptr, false);
+        writeControlFile(paths_.control / (stem + ".reply"), mailcore::encodeJson(reply));
     }
 }
 
@@ -303,12 +301,11 @@ std::optional<Json> sendControl(const HostPaths& paths, const Json& request,
     if (!hostIsRunning(paths)) return std::nullopt;
     const std::string id = mailcore::makeUUID();
     const fs::path replyPath = paths.control / (id + ".reply");
-    if (!mcpkit::MCPPrivateFile::writeAtomically(paths.control / (id + ".request"),
-                                                 mailcore::encodeJson(request), nullptr, false))
+    if (!writeControlFile(paths.control / (id + ".request"), mailcore::encodeJson(request)))
         return std::nullopt;
     const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (std::chrono::steady_clock::now() < deadline) {
-        if (auto data = mcpkit::MCPPrivateFile::read(replyPath)) {
+        if (auto data = readControlFile(replyPath)) {
             std::error_code ignored;
             fs::remove(replyPath, ignored);
             Json json;

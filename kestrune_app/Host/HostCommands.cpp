@@ -13,6 +13,7 @@
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
+#include "KestruneMCPKit/Taint/MCPDisplayText.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
@@ -57,12 +58,22 @@ struct Context {
     void noMoreThan(std::size_t n) const {
         if (args.size() > n) throw UsageError("unexpected argument " + args[n]);
     }
-    std::shared_ptr<mcpkit::MCPPolicyStore> policy() const {
+    // The policy store as loaded from the data directory, whatever its state
+    // file held.
+    std::shared_ptr<mcpkit::MCPPolicyStore> loadedPolicy() const {
         try {
             return mcpkit::MCPStorage::open(dataDir, std::nullopt, env.home).policy;
         } catch (const std::exception& e) {
             throw Failure("the data directory cannot be used: " + std::string(e.what()));
         }
+    }
+    // The policy store for a command that shows or changes the state: refused
+    // (with the reason and what to do) when the state file could not be read,
+    // so that nothing shows defaults in its place or saves over it.
+    std::shared_ptr<mcpkit::MCPPolicyStore> policy() const {
+        auto store = loadedPolicy();
+        if (auto refusal = store->refusalToChange()) throw Failure(*refusal);
+        return store;
     }
 };
 
@@ -102,6 +113,14 @@ std::int64_t integer(const std::string& text, const char* what) {
 }
 
 std::string onOff(bool on) { return on ? "on" : "off"; }
+
+// Applies a change to the agent-access state; a change that could not be
+// saved fails the command with the reason.
+void change(mcpkit::MCPPolicyStore& policy, const std::function<void(mcpkit::MCPState&)>& edit) {
+    if (!policy.mutate(edit)) {
+        throw Failure(policy.lastSaveError().value_or("the settings could not be saved"));
+    }
+}
 
 // The lines typed in the terminal running `serve`.
 class TerminalLines {
@@ -169,8 +188,10 @@ int serve(Context& c) {
     } catch (const std::exception& e) {
         throw Failure(e.what());
     }
-    const auto state = c.policy()->snapshot();
+    const auto policy = c.loadedPolicy();
+    const auto state = policy->snapshot();
     c.out("Kestrune is serving agents at " + host.socketPath().string());
+    if (auto problem = policy->lastLoadError()) c.out(*problem);
     c.out("Agent access is " + onOff(state.settings.masterEnabled) +
           (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
     c.out("Ready.");
@@ -216,8 +237,7 @@ int access(Context& c) {
     const std::string verb = c.args.empty() ? "status" : c.args[0];
     c.noMoreThan(1);
     if (verb == "on" || verb == "off") {
-        policy->mutate([&](mcpkit::MCPState& s) { s.settings.masterEnabled = verb == "on"; });
-        if (!policy->save()) throw Failure("cannot save the settings");
+        change(*policy, [&](mcpkit::MCPState& s) { s.settings.masterEnabled = verb == "on"; });
     } else if (verb != "status") {
         throw UsageError("access takes on, off or status");
     }
@@ -234,7 +254,7 @@ int permissions(Context& c) {
         const auto& ids = mcpkit::MCPTools::permissionIDs();
         if (std::find(ids.begin(), ids.end(), id) == ids.end())
             throw UsageError("unknown permission " + id);
-        policy->mutate([&](mcpkit::MCPState& s) {
+        change(*policy, [&](mcpkit::MCPState& s) {
             if (verb == "enable")
                 s.settings.enabledPermissions.insert(id);
             else
@@ -257,7 +277,7 @@ int accounts(Context& c) {
     if (verb == "exclude" || verb == "include") {
         const std::string email = c.arg(1, "the account");
         c.noMoreThan(2);
-        policy->mutate([&](mcpkit::MCPState& s) {
+        change(*policy, [&](mcpkit::MCPState& s) {
             if (verb == "exclude")
                 s.settings.excludedAccounts.insert(email);
             else
@@ -312,14 +332,14 @@ int limits(Context& c) {
         };
         if (auto it = limitFields().find(name); it != limitFields().end()) {
             check(it->second.second);
-            policy->mutate(
-                [&](mcpkit::MCPState& s) { s.settings.limits.*(it->second.first) = value; });
+            change(*policy,
+                   [&](mcpkit::MCPState& s) { s.settings.limits.*(it->second.first) = value; });
         } else if (name == "retention-days") {
             check(mcpkit::retentionDaysRange);
-            policy->mutate([&](mcpkit::MCPState& s) { s.settings.retentionDays = value; });
+            change(*policy, [&](mcpkit::MCPState& s) { s.settings.retentionDays = value; });
         } else if (name == "confirm-timeout") {
             check(mcpkit::confirmTimeoutSecondsRange);
-            policy->mutate([&](mcpkit::MCPState& s) { s.settings.confirmTimeoutSeconds = value; });
+            change(*policy, [&](mcpkit::MCPState& s) { s.settings.confirmTimeoutSeconds = value; });
         } else {
             throw UsageError("unknown limit " + name);
         }
@@ -353,7 +373,7 @@ int harnesses(Context& c) {
         const std::string id = c.arg(1, "the harness id");
         c.noMoreThan(2);
         bool found = false;
-        policy->mutate([&](mcpkit::MCPState& s) {
+        change(*policy, [&](mcpkit::MCPState& s) {
             if (auto* h = s.harness(id)) {
                 found = true;
                 h->allowed = verb == "allow";
@@ -411,10 +431,15 @@ int audit(Context& c) {
                                              ? mcpkit::MCPAuditLog::ExportFormat::csv
                                              : mcpkit::MCPAuditLog::ExportFormat::jsonLines);
     } else if (format == "text") {
+        // Each field shaped as one line: whatever a file or an agent put
+        // there, an entry prints as exactly one line of its own.
+        auto field = [](const std::string& value, std::size_t max) {
+            return value.empty() ? std::string("-") : mcpkit::MCPDisplayText::line(value, max);
+        };
         for (const auto& e : log.filtered(filter)) {
-            text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + e.harness + "  " + e.tool +
-                    "  " + (e.account.empty() ? "-" : e.account) + "  " +
-                    std::string(mcpkit::rawValue(e.result)) + "  " + e.summary +
+            text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + field(e.harness, 64) + "  " +
+                    field(e.tool, 64) + "  " + field(e.account, 124) + "  " +
+                    std::string(mcpkit::rawValue(e.result)) + "  " + field(e.summary, 204) +
                     (e.mailInfluenced.value_or(false) ? "  [mail-influenced]" : "") + "\n";
         }
     } else {

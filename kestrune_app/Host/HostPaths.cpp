@@ -1,6 +1,7 @@
 #include "kestrune_app/Host/HostPaths.h"
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
+#include "MailCore/Common/PrivateFiles.h"
 
 namespace kestrune {
 
@@ -15,6 +16,19 @@ HostPaths HostPaths::make(const std::optional<std::filesystem::path>& dataDir,
     p.workflows = p.mcp / "workflows";
     p.lock = p.mcp / "kestrune.lock";
     return p;
+}
+
+std::optional<std::string> readControlFile(const std::filesystem::path& path) {
+    auto file = mailcore::systemFiles()->read(path, 1024 * 1024);
+    if (!file.ok()) return std::nullopt;
+    return std::move(file.bytes);
+}
+
+bool writeControlFile(const std::filesystem::path& path, std::string_view data,
+                      std::string* error) {
+    mailcore::WriteOptions options;
+    options.durable = false;
+    return mailcore::systemFiles()->writeAtomically(path, data, error, options).has_value();
 }
 
 }  // namespace kestrune

@@ -7,6 +7,8 @@
 
 #include <filesystem>
 #include <optional>
+#include <string>
+#include <string_view>
 
 namespace kestrune {
 
@@ -22,5 +24,13 @@ struct HostPaths {
     static HostPaths make(const std::optional<std::filesystem::path>& dataDir,
                           const std::filesystem::path& home);
 };
+
+// The small request, reply, question and answer files in `pending` and
+// `control`: read only when a regular file of at most 1 MiB (never through a
+// link, never blocking); written atomically with mode 0600, not flushed to
+// disk (they live for seconds). The read gives none otherwise.
+std::optional<std::string> readControlFile(const std::filesystem::path& path);
+bool writeControlFile(const std::filesystem::path& path, std::string_view data,
+                      std::string* error = nullptr);
 
 }  // namespace kestrune

@@ -7,9 +7,9 @@
 #include <thread>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "MailCore/Common/Clock.h"
 #include "MailCore/Common/Random.h"
+#include "kestrune_app/Host/HostPaths.h"
 
 namespace kestrune {
 
@@ -52,16 +52,16 @@ std::optional<std::string> PendingQuestions::ask(
     const fs::path question = directory_ / (q.id + ".json");
     const fs::path answerFile = directory_ / (q.id + ".answer");
     std::string error;
-    if (!mcpkit::MCPPrivateFile::writeAtomically(
+    if (!writeControlFile(
             question,
             mailcore::encodeJson(
                 Json{{"id", q.id}, {"kind", kind}, {"text", text}, {"expires", q.expires}}),
-            &error, false))
+            &error))
         throw std::runtime_error("cannot write the question: " + error);
     if (show) show(q);
     std::optional<std::string> result;
     while (true) {
-        if (auto answer = mcpkit::MCPPrivateFile::read(answerFile)) {
+        if (auto answer = readControlFile(answerFile)) {
             result = *answer;
             break;
         }
@@ -82,7 +82,7 @@ std::vector<PendingQuestion> PendingQuestions::open() const {
     if (!fs::is_directory(directory_, error)) return out;
     for (const auto& entry : fs::directory_iterator(directory_, error)) {
         if (entry.path().extension() != ".json") continue;
-        auto data = mcpkit::MCPPrivateFile::read(entry.path());
+        auto data = readControlFile(entry.path());
         Json parsed;
         if (!data || !mailcore::tryParseJson(*data, parsed) || !parsed.is_object()) continue;
         const Json* json = &parsed;
@@ -110,8 +110,7 @@ bool PendingQuestions::answer(const std::string& id, const std::string& answer,
         return false;
     }
     std::string writeError;
-    if (!mcpkit::MCPPrivateFile::writeAtomically(directory_ / (id + ".answer"), answer, &writeError,
-                                                 false)) {
+    if (!writeControlFile(directory_ / (id + ".answer"), answer, &writeError)) {
         error = "cannot record the answer: " + writeError;
         return false;
     }

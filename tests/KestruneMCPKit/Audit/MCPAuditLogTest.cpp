@@ -103,10 +103,13 @@ TEST_F(MCPAuditLogTest, FieldsAreScrubbedAndCut) {
                              std::string(300, 'x') + " tail", true);
     EXPECT_EQ(entry.harness, words.substr(0, 60) + "...");
     EXPECT_EQ(entry.tool, "tool name");
-    EXPECT_EQ(entry.account, std::string(120, 'a'));  // cut, not scrubbed, no ellipsis
+    EXPECT_EQ(entry.account, std::string(120, 'a'));  // a plain address: cut, no ellipsis
     EXPECT_EQ(entry.summary, "[redacted] tail");
-    auto multibyte = log->record("h", "t", std::string(200, '\0') + "x", MCPResult::ok, "", {});
-    EXPECT_EQ(multibyte.account.size(), 120u);
+    // Any other account text is scrubbed like the rest.
+    auto control = log->record("h", "t", std::string(200, '\0') + "x", MCPResult::ok, "", {});
+    EXPECT_EQ(control.account, "x");
+    auto token = log->record("h", "t", "kmt_abcdefghij@example.com", MCPResult::ok, "", {});
+    EXPECT_EQ(token.account, "[token]@example.com");
 }
 
 // Up to the cap a record is an append; past it the oldest entries go and the

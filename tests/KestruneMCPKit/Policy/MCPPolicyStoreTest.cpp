@@ -9,6 +9,7 @@
 #include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
+#include "tests/fakes/FaultyFiles.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
@@ -55,11 +56,11 @@ TEST_F(MCPPolicyStoreTest, RegisterKeepsTheTokenOutOfTheStateFileAndOnlyBothFind
     EXPECT_EQ(open()->harness(token)->id, "claude-code") << "a second store sees it";
 
     // A token without a record, or a record without a token, matches nothing.
-    tokens_->set("kmt_orphan_token_value", "ghost");
+    ASSERT_EQ(tokens_->set("kmt_orphan_token_value", "ghost"), std::nullopt);
     EXPECT_EQ(store->harness("kmt_orphan_token_value"), std::nullopt);
-    tokens_->remove("claude-code");
+    ASSERT_EQ(tokens_->remove("claude-code"), std::nullopt);
     EXPECT_EQ(store->harness(token), std::nullopt);
-    tokens_->set("", "claude-code");
+    ASSERT_EQ(tokens_->set("", "claude-code"), std::nullopt);
     EXPECT_EQ(store->harness(""), std::nullopt);
 
     store->unregister("claude-code");
@@ -139,6 +140,71 @@ TEST_F(MCPPolicyStoreTest, UndecodableFileKeepsTheLastGoodStateAndReportsIt) {
     EXPECT_FALSE(store->snapshot().settings.masterEnabled);
     EXPECT_EQ(store->lastLoadError(), std::nullopt);
     EXPECT_EQ(changes, 1);
+}
+
+// Each row damages the state file or makes a save fail; the store must keep
+// its last good state in effect, never write over a file it could not read,
+// and report every change it could not save (tokens included).
+TEST_F(MCPPolicyStoreTest, FailedLoadsAndSavesNeverLoseOrHalfSaveTheUsersDecisions) {
+    const std::string token = "kmt_token_for_the_table_0123456789";
+    struct Row {
+        const char* name;
+        std::function<void(testfakes::FaultyFiles&)> damage;
+        std::function<bool(MCPPolicyStore&)> change;
+        bool fileKept;  // the state file is byte for byte what it was
+    };
+    const std::vector<Row> rows = {
+        {"truncated file, then a change",
+         [&](testfakes::FaultyFiles&) {
+             const std::string whole = readFile(stateURL_);
+             writeFile(stateURL_, whole.substr(0, whole.size() - 30));
+         },
+         [](MCPPolicyStore& s) {
+             return s.mutate([](MCPState& st) { st.settings.excludedAccounts.clear(); });
+         },
+         true},
+        {"refused read (a link, a FIFO, too large), then unregister",
+         [&](testfakes::FaultyFiles& files) {
+             files.refuseReads(stateURL_, "is a symbolic link");
+             mailcore::systemFiles()->writeAtomically(stateURL_, readFile(stateURL_));
+         },
+         [](MCPPolicyStore& s) { return s.unregister("a"); }, true},
+        {"state save fails on unregister",
+         [](testfakes::FaultyFiles& files) { files.failWrites(1); },
+         [](MCPPolicyStore& s) { return s.unregister("a"); }, true},
+        {"token save fails on register", [](testfakes::FaultyFiles& files) { files.failWrites(1); },
+         [](MCPPolicyStore& s) {
+             return s.registerHarness("b", "B", {}, "kmt_token_b_0123456789");
+         },
+         true},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        std::filesystem::remove(stateURL_);
+        std::filesystem::remove(dir_ / "tokens.json");
+        auto files = std::make_shared<testfakes::FaultyFiles>();
+        auto tokens = std::make_shared<MCPFileTokenStore>(dir_ / "tokens.json", files);
+        MCPPolicyStore store(stateURL_, tokens, clock_.clock(), files);
+        ASSERT_TRUE(store.registerHarness("a", "A", {}, token));
+        ASSERT_TRUE(store.mutate([](MCPState& st) {
+            st.settings.masterEnabled = true;
+            st.settings.excludedAccounts.insert("private@example.org");
+        }));
+        const MCPState good = store.snapshot();
+        row.damage(*files);
+        const std::string bytes = readFile(stateURL_);
+        EXPECT_FALSE(row.change(store));
+        EXPECT_TRUE(store.lastSaveError());
+        if (row.fileKept) EXPECT_EQ(readFile(stateURL_), bytes);
+        EXPECT_EQ(tokens->token("a"), token)
+            << "the harness's token stays valid only with its record";
+        EXPECT_EQ(tokens->token("b"), std::nullopt);
+        files->heal();
+        if (store.lastLoadError()) {
+            EXPECT_TRUE(store.refusalToChange());
+            EXPECT_EQ(store.snapshot().settings.excludedAccounts, good.settings.excludedAccounts);
+        }
+    }
 }
 
 TEST_F(MCPPolicyStoreTest, ReloadSeesAnEditByAnotherProcess) {

@@ -2,7 +2,9 @@
 // data directory, checking exact output, exit statuses, the app's state and
 // the files written.
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
+#include <functional>
 #include <nlohmann/json.hpp>
 
 #include "KestruneMCPKit/Installer/MCPHarnessCatalog.h"
@@ -331,6 +333,54 @@ TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistrationOnlyWhenItC
     EXPECT_EQ(storedToken("cursor"), "kmt_keep");
     EXPECT_EQ(run({"--uninstall", "vscode"}).err,
               std::vector<std::string>{"Uninstall failed: snippetOnly"});
+}
+
+// Damaged or hostile agent-access files: --install and --uninstall fail with
+// exit 1, saying why, and leave the configuration and the app's files as
+// they were (no token the app does not know, no token left valid).
+TEST_F(MCPCommandLineTest, InstallAndUninstallNeverHalfDoOverBadFiles) {
+    const fs::path mcp = dataDir() / "mcp";
+    struct Row {
+        const char* name;
+        std::function<void()> damage;
+        const char* says;
+    };
+    const std::vector<Row> rows = {
+        {"state.json truncated",
+         [&] {
+             const std::string whole = readFile(mcp / "state.json");
+             writeFile(mcp / "state.json", whole.substr(0, whole.size() - 30));
+         },
+         "move it aside"},
+        {"state.json a FIFO",
+         [&] {
+             fs::remove(mcp / "state.json");
+             ASSERT_EQ(::mkfifo((mcp / "state.json").c_str(), 0600), 0);
+         },
+         "is not a regular file"},
+        {"tokens.json a directory",
+         [&] {
+             fs::remove(mcp / "tokens.json");
+             fs::create_directory(mcp / "tokens.json");
+         },
+         "is not a regular file"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fs::remove_all(root.path());
+        fs::create_directories(root.path());
+        writeFile(config("cursor"), "{}");
+        ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_first_token"}).status, 0);
+        const std::string installed = readFile(config("cursor"));
+        row.damage();
+        for (const char* command : {"--install", "--uninstall"}) {
+            Outcome o = run({command, "cursor", "--token", "kmt_second_token"});
+            EXPECT_EQ(o.status, 1) << command;
+            ASSERT_FALSE(o.err.empty()) << command;
+            EXPECT_NE(o.err[0].find(row.says), std::string::npos) << o.err[0];
+            EXPECT_EQ(readFile(config("cursor")), installed) << command;
+        }
+    }
 }
 
 TEST_F(MCPCommandLineTest, UnusableDataDirectoryFailsClearly) {

@@ -258,6 +258,60 @@ TEST_F(CommandTest, ControlsChangeThePolicyFile) {
     EXPECT_NE(output().find("not running"), std::string::npos);
 }
 
+// A state file the commands cannot read is never saved over: each command
+// fails with the reason and the way out, and the file stays as it was.
+TEST_F(CommandTest, DamagedOrHostileStateFilesAreNeverSavedOver) {
+    const fs::path mcp = HostPaths::make(dir.path, dir.path / "home").mcp;
+    const fs::path statePath = mcp / "state.json";
+    struct Row {
+        const char* name;
+        std::function<void()> plant;
+    };
+    const std::vector<Row> rows = {
+        {"truncated by 30 bytes",
+         [&] {
+             ASSERT_EQ(run({"accounts", "exclude", "private@example.org"}), 0);
+             const std::string whole = testfiles::readFile(statePath);
+             testfiles::writeFile(statePath, whole.substr(0, whole.size() - 30));
+         }},
+        {"a FIFO", [&] { ASSERT_EQ(::mkfifo(statePath.c_str(), 0600), 0); }},
+        {"a symbolic link to another file",
+         [&] {
+             testfiles::writeFile(mcp / "elsewhere.json", "{}");
+             fs::create_symlink(mcp / "elsewhere.json", statePath);
+         }},
+        {"larger than 4 MiB",
+         [&] {
+             testfiles::writeFile(statePath, "{\"pad\":\"" + std::string(5 << 20, 'x') + "\"}");
+         }},
+    };
+    const std::vector<std::vector<std::string>> commands = {
+        {"access", "on"},
+        {"access", "status"},
+        {"permissions", "enable", "send_message"},
+        {"accounts", "include", "private@example.org"},
+        {"harnesses"}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        fs::remove_all(mcp);
+        fs::create_directories(mcp);
+        row.plant();
+        const auto before = fs::symlink_status(statePath).type();
+        const std::string bytes = fs::is_regular_file(fs::symlink_status(statePath))
+                                      ? testfiles::readFile(statePath)
+                                      : std::string();
+        for (const auto& command : commands) {
+            SCOPED_TRACE(command[0]);
+            EXPECT_EQ(run(command), 1);
+            ASSERT_EQ(err.size(), 1u);
+            EXPECT_NE(err[0].find(statePath.string()), std::string::npos) << err[0];
+            EXPECT_NE(err[0].find("move it aside"), std::string::npos) << err[0];
+            EXPECT_EQ(fs::symlink_status(statePath).type(), before);
+            if (!bytes.empty()) EXPECT_EQ(testfiles::readFile(statePath), bytes);
+        }
+    }
+}
+
 TEST_F(CommandTest, AuditFiltersAndExports) {
     {
         auto storage = mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home");
@@ -286,6 +340,42 @@ TEST_F(CommandTest, AuditFiltersAndExports) {
     EXPECT_TRUE(out.empty());
     ASSERT_EQ(run({"audit", "--format", "csv", "--output", (dir.path / "a.csv").string()}), 0);
     EXPECT_TRUE(fs::file_size(dir.path / "a.csv") > 50);
+}
+
+// Agent text in the audit log: each row is recorded as the service would
+// (or, for old files, written as a raw line) and must print as exactly one
+// line with no secret and no control character.
+TEST_F(CommandTest, AuditTextCannotBeForgedAndHoldsNoSecret) {
+    const std::string token = "kmt_AbCdEfGh0123456789_other_harness_token";
+    const std::string forged = "x\n2026-01-01T00:00:00Z  Codex  send_message  a@b.co  ok  sent";
+    auto storage = mcpkit::MCPStorage::open(dir.path, std::nullopt, dir.path / "home");
+    {
+        mcpkit::MCPAuditLog log(storage.auditURL);
+        log.record("Codex", "list_folders", token, mcpkit::MCPResult::error, "x", false);
+        log.record("Codex", "list_folders", forged, mcpkit::MCPResult::error, "x", false);
+        log.record("Codex", "list_folders", "a\x1b[2J\x1b[1;1H@b.co", mcpkit::MCPResult::error, "x",
+                   false);
+        log.record("Codex\r\x1b[31m", "tool\u2028name", "a@b.co", mcpkit::MCPResult::ok,
+                   "summary \u202e with " + token, false);
+    }
+    // An entry written before accounts were scrubbed, straight into the file.
+    std::ofstream(storage.auditURL, std::ios::app)
+        << R"({"id":"1B4E28BA-2FA1-41D2-883F-0016D3CCA427","time":1767225600,"harness":"H",)"
+        << R"("tool":"t","account":"a\n2026  forged\u001b[0m","result":"ok","summary":"s"})"
+        << "\n";
+    ASSERT_EQ(run({"audit"}), 0);
+    ASSERT_EQ(out.size(), 1u);
+    const auto printed = testfiles::splitLines(out[0]);
+    EXPECT_EQ(printed.size(), 5u) << out[0];
+    EXPECT_EQ(out[0].find(token), std::string::npos);
+    EXPECT_EQ(out[0].find("kmt_"), std::string::npos);
+    for (unsigned char c : out[0]) {
+        if (c != '\n') EXPECT_GE(c, 0x20) << out[0];
+    }
+    for (const char* hidden : {"\u2028", "\u202e", "\x7f"}) {
+        EXPECT_EQ(out[0].find(hidden), std::string::npos);
+    }
+    EXPECT_EQ(testfiles::readFile(storage.auditURL).find(token), std::string::npos);
 }
 
 TEST_F(CommandTest, ImportCreatesTheAccount) {
