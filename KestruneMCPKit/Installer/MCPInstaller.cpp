@@ -180,9 +180,16 @@ MCPInstallStatus MCPInstaller::status(const MCPHarnessSpec& spec,
 
 namespace {
 
-// Backs the old content up, replaces the file and prunes old backups.
+// Backs the old content up, replaces the file and prunes old backups. A file
+// without write permission for its owner is left as it is: replacing it
+// would also make it writable.
 MCPInstallResult commitChange(const MCPConfigFile::Snapshot& file, const std::string& newText,
                               mailcore::Date now) {
+    if (file.exists && (file.stamp.mode & S_IWUSR) == 0) {
+        throw MCPInstallError::io(
+            file.target.string() + " is read-only. Make it writable (chmod u+w '" +
+            file.target.string() + "') and try again, or paste the entry from --print-config.");
+    }
     MCPInstallResult result;
     result.file = file.path;
     result.changed = true;

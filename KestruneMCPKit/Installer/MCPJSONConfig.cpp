@@ -31,6 +31,34 @@ std::string dotted(const std::vector<std::string>& keyPath, std::size_t count) {
     throw MCPInstallError::unreadable("'" + dotted(keyPath, count) + "' is not an object");
 }
 
+// True when every number in the (already valid) JSON text is written back
+// with the same bytes: a number that the parse would round or normalise
+// ("123456789012345678901234567890", "-0", "1e5") would otherwise change in
+// a file whose other parts the installer promises to keep.
+bool numbersRoundTrip(std::string_view text) {
+    for (std::size_t i = 0; i < text.size(); ++i) {
+        const char c = text[i];
+        if (c == '"') {
+            for (++i; i < text.size() && text[i] != '"'; ++i) {
+                if (text[i] == '\\') ++i;
+            }
+            continue;
+        }
+        if (c != '-' && (c < '0' || c > '9')) continue;
+        std::size_t end = i;
+        while (end < text.size() &&
+               std::string_view("+-.eE0123456789").find(text[end]) != std::string_view::npos) {
+            ++end;
+        }
+        const std::string_view number = text.substr(i, end - i);
+        const bool plainInteger = number.size() <= 18 && number != "-0" &&
+                                  number.find_first_not_of("-0123456789") == std::string_view::npos;
+        if (!plainInteger && Json::parse(number).dump() != number) return false;
+        i = end - 1;
+    }
+    return true;
+}
+
 }  // namespace
 
 Json parse(std::string_view text) {
@@ -66,6 +94,11 @@ Json parse(std::string_view text) {
         refuseShape();
     }
     if (!root.is_object()) refuseShape();
+    if (!numbersRoundTrip(text)) {
+        throw MCPInstallError::unreadable(
+            "holds a number that would not be written back exactly as it is (very long, -0 or "
+            "with an exponent); use the snippet");
+    }
     return root;
 }
 

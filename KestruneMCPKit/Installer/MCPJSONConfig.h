@@ -19,7 +19,9 @@ inline constexpr int maxDepth = 256;
 // empty object. Anything that is not a plain JSON object (comments, trailing
 // commas, duplicate member names, another top-level shape, excessive nesting)
 // throws MCPInstallError::unreadable("not a plain JSON object (comments or a
-// different shape); use the snippet").
+// different shape); use the snippet"). A number that would not be written
+// back with the same bytes (very long, -0, an exponent) is refused the same
+// way, with a reason that says so.
 mailcore::Json parse(std::string_view text);
 
 // Sets `name` in the object reached by `keyPath`, creating missing objects.

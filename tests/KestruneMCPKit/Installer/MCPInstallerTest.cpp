@@ -87,7 +87,7 @@ TEST_F(MCPInstallerTest, OtherMembersAndServersSurviveInstallAndUninstall) {
   "mcpServers": {
     "github": {"type": "stdio", "command": "npx", "args": ["-y", "gh"], "env": {"T": "x"}},
     "kestrune": {"command": "/old/path", "args": [], "env": {}},
-    "zeta": {"url": "http://127.0.0.1:9/x", "big": 12345678901234567890, "f": 1.5e300}
+    "zeta": {"url": "http://127.0.0.1:9/x", "big": 12345678901234567890, "f": 1.5}
   },
   "zLast": [true, false, null, -0.25]
 })";
@@ -177,6 +177,12 @@ TEST_F(MCPInstallerTest, FilesItCannotEditAreRefusedUntouched) {
          },
          "cannot read file"},
     };
+    // Numbers a rewrite would not keep byte for byte.
+    for (std::string number : {"123456789012345678901234567890", "-0", "1.5e300", "0.10"}) {
+        cases.push_back({"cursor", text("{\"n\": [1, " + number + "], \"s\": \"-0\"}"),
+                         "holds a number that would not be written back exactly as it is (very "
+                         "long, -0 or with an exponent); use the snippet"});
+    }
     for (std::string bad : std::vector<std::string>{
              "{\n  // a comment\n  \"mcpServers\": {}\n}\n", "{\"mcpServers\": {},}\n",
              "/* block */ {}", "[1, 2]", "\"text\"", "{\"a\": 1, \"a\": 2}",
@@ -401,6 +407,23 @@ TEST_F(MCPInstallerTest, PermissionFailuresLeaveTheFileAlone) {
     EXPECT_EQ(readFile(configOf("cursor")), original);
     EXPECT_EQ(readFile(configOf("claude-code")), original);
     EXPECT_EQ(namesIn(home.path(), ".claude.json.").size(), 0u);
+}
+
+TEST_F(MCPInstallerTest, AReadOnlyConfigIsRefusedWithWhatToDo) {
+    const std::string original = R"({"mcpServers": {}, "n": 1.5, "m": -12})";
+    writeFile(configOf("cursor"), original);
+    ::chmod(configOf("cursor").c_str(), 0444);
+    auto error = caught<MCPInstallError>([&] { install("cursor"); });
+    ASSERT_TRUE(error);
+    EXPECT_EQ(error->kind(), MCPInstallError::Kind::io);
+    EXPECT_NE(error->reason().find("is read-only. Make it writable (chmod u+w"), std::string::npos);
+    EXPECT_EQ(readFile(configOf("cursor")), original);
+    EXPECT_EQ(fileMode(configOf("cursor")), 0444u);
+    EXPECT_EQ(backupsOf("cursor").size(), 0u);
+    // Writable again, it is edited and its other values stay as written.
+    ::chmod(configOf("cursor").c_str(), 0644);
+    EXPECT_TRUE(install("cursor").changed);
+    EXPECT_NE(readFile(configOf("cursor")).find("\"n\": 1.5,\n  \"m\": -12"), std::string::npos);
 }
 
 TEST_F(MCPInstallerTest, AChangeBetweenReadAndWriteIsRefused) {
