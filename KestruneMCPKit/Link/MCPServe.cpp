@@ -19,7 +19,8 @@ void mcpServe(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler)
     Posix::closeFD(fd);
 }
 
-void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler) {
+void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler,
+                    const std::function<bool(bool busy)>& onFrame) {
     FrameReader reader(fd, maxFrameBytes);
     for (;;) {
         FrameReader::Next next = reader.next();
@@ -28,6 +29,7 @@ void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& ha
             break;
         }
         if (next.kind != FrameReader::Next::Kind::frame) break;
+        if (onFrame && !onFrame(true)) break;
         std::string reply;
         try {
             reply = handler(next.bytes);
@@ -36,6 +38,7 @@ void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& ha
         }
         if (reply.empty() || reply.back() != '\n') reply.push_back('\n');
         if (!Posix::writeAll(fd, reply)) break;
+        if (onFrame) onFrame(false);
     }
 }
 

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 #include "KestruneMCPKit/Link/MCPAppLink.h"
 
@@ -13,7 +14,11 @@ namespace mcpkit {
 void mcpServe(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler);
 
 // The same loop without closing `fd`, for owners that close it themselves.
-void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler);
+// `onFrame`, when given, is called with true once a whole frame has been read
+// (before the handler runs; false from it ends the loop unhandled) and with
+// false once its reply has been written.
+void mcpServeFrames(int fd, std::size_t maxFrameBytes, const MCPFrameHandler& handler,
+                    const std::function<bool(bool busy)>& onFrame = {});
 
 // The frame written for an oversized request.
 std::string tooLargeReply();

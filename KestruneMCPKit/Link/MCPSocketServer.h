@@ -3,6 +3,15 @@
 // connections of the same user on an accept thread, and serves each on its
 // own connection thread with mcpServe and the handler.
 //
+// Bounded: at most Limits::maxConnections connections (and so connection
+// threads) at once. A connection that has not completed a frame within
+// Limits::frameDeadline of being accepted or of its last reply is closed, so
+// idle or trickling peers free their place; when the server is full, the
+// connection that has waited longest for a frame makes room for a new one,
+// and only when every place is busy handling a request is the newcomer
+// refused (a "refused" reply saying Kestrune is busy). A thread that cannot
+// be started refuses its connection the same way; nothing aborts.
+//
 // Thread-safety: start, stop and isRunning may be called from any thread;
 // the lock guards only the running state and the listening descriptor and is
 // never held while serving. The handler runs concurrently on connection
@@ -13,6 +22,7 @@
 // outlives the server.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <memory>
 #include <string>
@@ -23,7 +33,14 @@ namespace mcpkit {
 
 class MCPSocketServer {
 public:
+    struct Limits {
+        std::size_t maxConnections = 64;
+        std::chrono::milliseconds frameDeadline = std::chrono::seconds(30);
+    };
+
     MCPSocketServer(std::string path, std::size_t maxFrameBytes, MCPFrameHandler handler);
+    MCPSocketServer(std::string path, std::size_t maxFrameBytes, MCPFrameHandler handler,
+                    Limits limits);
     ~MCPSocketServer();
 
     MCPSocketServer(const MCPSocketServer&) = delete;

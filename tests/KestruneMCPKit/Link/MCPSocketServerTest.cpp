@@ -4,7 +4,10 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <filesystem>
+#include <functional>
+#include <mutex>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -270,3 +273,89 @@ TEST(ForeignPeerTest, TheServerDropsAPeerOfAnotherUserAndTheClientRefusesAForeig
 }
 
 }  // namespace
+
+// Hostile peers against a bounded server: each row attacks, then a normal
+// request must still get its answer (or, when every place is busy with a
+// request, a reply that says so). Nothing here measures time.
+TEST(MCPSocketServerHostileTest, AttacksOnConnectionsNeverStarveARealRequest) {
+    using Limits = MCPSocketServer::Limits;
+    struct Attack {
+        const char* name;
+        Limits limits;
+        // Opens the attack's connections; returns them (closed by the test).
+        std::function<std::vector<int>(const std::string& path)> attack;
+        std::string expected;  // what the real request gets: its echo, or the refusal
+    };
+    std::mutex m;
+    std::condition_variable cv;
+    int holding = 0;
+    bool release = false;
+    auto handler = [&](const std::string& request) {
+        if (request.find("hold") != std::string::npos) {
+            std::unique_lock guard(m);
+            ++holding;
+            cv.notify_all();
+            cv.wait(guard, [&] { return release; });
+        }
+        return echoHandler(request);
+    };
+    const std::string busy = "Kestrune is busy with other requests. Try again in a moment.";
+    const std::vector<Attack> attacks = {
+        {"300 idle connections, more than the server holds", Limits{8, std::chrono::seconds(60)},
+         [](const std::string& at) {
+             std::vector<int> fds;
+             for (int i = 0; i < 300; ++i) fds.push_back(linktest::rawConnect(at));
+             return fds;
+         },
+         "hello"},
+        {"a peer trickling one byte at a time and never ending its frame",
+         Limits{8, std::chrono::milliseconds(300)},
+         [](const std::string& at) {
+             const int fd = linktest::rawConnect(at);
+             // Goes on until the server closes the connection.
+             while (::send(fd, "{", 1, MSG_NOSIGNAL) == 1) {
+                 std::this_thread::sleep_for(std::chrono::milliseconds(20));
+             }
+             return std::vector<int>{fd};
+         },
+         "hello"},
+        {"every place busy with a request", Limits{2, std::chrono::seconds(60)},
+         [&](const std::string& at) {
+             std::vector<int> fds;
+             for (int i = 0; i < 2; ++i) {
+                 fds.push_back(linktest::rawConnect(at));
+                 mcpkit::Posix::writeAll(fds.back(), "{\"hold\":true}\n");
+             }
+             std::unique_lock guard(m);
+             cv.wait(guard, [&] { return holding == 2; });
+             return fds;
+         },
+         busy},
+    };
+    for (const auto& row : attacks) {
+        SCOPED_TRACE(row.name);
+        linktest::TempDir tmp;
+        const std::string at = (tmp / "k.sock").string();
+        {
+            std::lock_guard guard(m);
+            holding = 0;
+            release = false;
+        }
+        MCPSocketServer server(at, mcpkit::MCP::maxFrameBytes, handler, row.limits);
+        server.start();
+        std::vector<int> fds = row.attack(at);
+        const Json answer = MCPSocketLink(at, 10).send(Json{{"op", "hello"}});
+        if (row.expected == busy) {
+            EXPECT_EQ(answer["code"], "refused");
+            EXPECT_EQ(answer["error"], busy);
+        } else {
+            EXPECT_EQ(answer["echo"]["op"], row.expected);
+        }
+        {
+            std::lock_guard guard(m);
+            release = true;
+        }
+        cv.notify_all();
+        for (int fd : fds) ::close(fd);
+    }
+}
