@@ -103,6 +103,11 @@ int main(int argc, char** argv) {
                 continue;
             }
             if (line->bytes.empty()) continue;
+            if (mcpkit::MCPShim::opensSession(line->bytes)) {
+                // Answered before any later line is dispatched.
+                shim.handle(line->bytes);
+                continue;
+            }
             queue.submit([&shim, request = std::move(line->bytes)] { shim.handle(request); });
         }
         queue.wait();

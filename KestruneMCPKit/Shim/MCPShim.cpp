@@ -74,6 +74,13 @@ void MCPShim::handle(std::string_view line) {
     }
 }
 
+bool MCPShim::opensSession(std::string_view line) {
+    if (line.find("initialize") == std::string_view::npos) return false;  // the usual case
+    Json message;
+    return mailcore::tryParseJson(line, message) && message.is_object() && message.contains("id") &&
+           stringMember(message, "method") == std::optional<std::string>("initialize");
+}
+
 void MCPShim::rejectOversizedLine() { reply(nullptr, -32700, "Parse error"); }
 
 void MCPShim::close() {
@@ -156,6 +163,13 @@ void MCPShim::toolsCall(const Json& id, const Json& params) {
 
     std::string text;
     bool isError = true;
+    // The app reads frames of at most 1 MiB and closes the link on a larger
+    // one, which the link could only report as a broken connection.
+    if (Frame::encode(request).size() - 1 > MCP::maxFrameBytes) {
+        result(id, Json{{"content", Json::array({Json{{"type", "text"}, {"text", tooLargeText}}})},
+                        {"isError", true}});
+        return;
+    }
     try {
         const Json answer = link_->send(request);
         if (isTrue(answer, "ok")) {

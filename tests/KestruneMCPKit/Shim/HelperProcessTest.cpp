@@ -11,6 +11,7 @@
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
+#include "KestruneMCPKit/Shim/MCPShim.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
@@ -69,12 +70,17 @@ public:
         std::lock_guard guard(m_);
         return last_;
     }
+    std::vector<Json> clients() {
+        std::lock_guard guard(m_);
+        return clients_;
+    }
 
 private:
     std::string handle(const std::string& request) {
         Json r = mailcore::parseJson(request);
         std::unique_lock lock(m_);
         ops_.push_back(r["op"]);
+        clients_.push_back(r["client"]);
         last_ = r;
         if (r["op"] == "tools_list")
             return mailcore::encodeJson(Json{{"ok", true}, {"tools", Json::array()}});
@@ -92,6 +98,7 @@ private:
     std::condition_variable cv_;
     int calls_ = 0;
     std::vector<std::string> ops_;
+    std::vector<Json> clients_;
     Json last_;
     mcpkit::MCPSocketServer server_;  // last: stopped before the state above goes
 };
@@ -123,10 +130,10 @@ TEST(HelperProcessTest, ConcurrentCallsComeBackWholeAndByeFollowsThem) {
     }
     auto ops = app.ops();
     ASSERT_EQ(ops.size(), 4u) << ::testing::PrintToString(ops);
-    // Lines are handled in parallel, so hello and the calls arrive in any order.
-    EXPECT_EQ(std::multiset<std::string>(ops.begin(), ops.end() - 1),
-              (std::multiset<std::string>{"hello", "call", "call"}));
-    EXPECT_EQ(ops.back(), "bye") << ::testing::PrintToString(ops);  // after both calls
+    // Calls are handled in parallel, but only once the initialize before them
+    // was answered: hello comes first and every call names the client.
+    EXPECT_EQ(ops, (std::vector<std::string>{"hello", "call", "call", "bye"}));
+    for (const Json& client : app.clients()) EXPECT_EQ(client["name"], "h");
     EXPECT_EQ(app.lastRequest()["client"], (Json{{"name", "h"}, {"version", "9"}}));
     EXPECT_EQ(app.lastRequest()["token"], "tok");
 }
@@ -153,6 +160,11 @@ TEST(HelperProcessTest, ArbitraryBytesOnStdinGetOneErrorLineEachAndNeverACrash) 
     ++expected;
     input += std::string(17 << 20, 'x') + "\n";  // over the 16 MiB line bound: read past, refused
     ++expected;
+    // Parses, but is larger than the link carries: said so, not "unreachable".
+    input += R"({"jsonrpc":"2.0","id":"big","method":"tools/call","params":{"name":"x",)"
+             R"("arguments":{"body":")" +
+             std::string(2 << 20, 'a') + "\"}}}\n";
+    ++expected;
     input += R"({"jsonrpc":"2.0","id":"last","method":"tools/list"})"
              "\n";
     ++expected;
@@ -162,6 +174,7 @@ TEST(HelperProcessTest, ArbitraryBytesOnStdinGetOneErrorLineEachAndNeverACrash) 
     auto answers = lines(o.out);
     EXPECT_EQ(answers.size(), static_cast<std::size_t>(expected));
     EXPECT_EQ(byID(answers, "last")["result"]["tools"], Json::array());
+    EXPECT_EQ(byID(answers, "big")["result"]["content"][0]["text"], mcpkit::MCPShim::tooLargeText);
 }
 
 }  // namespace
