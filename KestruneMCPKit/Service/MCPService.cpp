@@ -14,6 +14,9 @@ using mailcore::Json;
 namespace {
 
 constexpr std::int64_t refusalLogsPerMinute = 30;
+// Handshakes are answered without a limit but logged at most this often per
+// harness, so that a flood of them cannot push other entries out of the log.
+constexpr std::int64_t handshakeLogsPerMinute = 30;
 
 Json failure(const char* code, const std::string& text) {
     Json reply = Json::object();
@@ -108,7 +111,9 @@ Json MCPService::respond(const Json& request) {
         if (op == "hello") {
             if (!clientName.empty()) policy_->bindClientName(clientName, harness->id);
             policy_->touch(harness->id, clock_());
-            audit(harness->name, label, "none", MCPResult::ok, "connected", std::nullopt);
+            if (refusedLimiter_.allow("handshake:" + harness->id, handshakeLogsPerMinute)) {
+                audit(harness->name, label, "none", MCPResult::ok, "connected", std::nullopt);
+            }
             Json reply = Json::object();
             reply["ok"] = true;
             reply["greeting"] = "connected as " + harness->name;
@@ -160,6 +165,7 @@ Json MCPService::call(const MCPHarnessRecord& harness, const MCPState& state, co
         ctx.args = *it;
     }
 
+    taint_.touch(ctx.sessionKey);
     if (!limiter_.allow(harness.id, ctx.settings.limits.requestsPerMinute)) {
         audit(harness.name, ctx.tool, "none", MCPResult::rateLimited, "request rate cap exceeded",
               taint_.snapshot(ctx.sessionKey).mailInfluenced);

@@ -88,7 +88,7 @@ bool isValidRecipient(const std::string& address) {
     // Compiled once; anchored and without nested quantifiers, so its work is
     // linear in the address length.
     static const mailcore::PCRE2Pattern pattern(
-        R"(^[^\s@<>,;"]{1,64}@[A-Za-z0-9.\-]{1,255}\.[A-Za-z]{2,}$)");
+        R"(^[^\s\p{Cc}\p{Cf}\p{Zl}\p{Zp}@<>,;"]{1,64}@[A-Za-z0-9.\-]{1,255}\.[A-Za-z]{2,}$)");
     if (address.size() > 1024 || address.find('\n') != std::string::npos) return false;
     mailcore::PCRE2Pattern::Match match;
     return pattern.search(address, 0, match, true) == mailcore::PCRE2Pattern::Outcome::matched &&
@@ -106,9 +106,12 @@ std::vector<MCPAccount> MCPService::allowedAccounts(const CallContext& ctx) {
 }
 
 std::string MCPService::requireAccount(CallContext& ctx, const std::string& account) {
-    ctx.account = cut(account, 120);
+    // Only a known account is named in the audit log: the text of a refused
+    // one came from the agent and stays out of it.
     for (const auto& a : allowedAccounts(ctx)) {
-        if (a.email == account) return account;
+        if (a.email != account) continue;
+        ctx.account = cut(account, 120);
+        return account;
     }
     throw MCPToolError("Unknown account. Use an address from list_accounts.");
 }

@@ -72,6 +72,13 @@ MCPTaintTracker::Snapshot MCPTaintTracker::snapshot(const std::string& key) {
     return snap;
 }
 
+void MCPTaintTracker::touch(const std::string& key) {
+    const Date now = clock_();
+    std::lock_guard guard(lock_);
+    expireLocked(now);
+    if (auto it = sessions_.find(key); it != sessions_.end()) it->second.lastActivity = now;
+}
+
 LabelDecision MCPTaintTracker::labelWrite(const std::string& key, bool tainted) {
     const Date now = clock_();
     const double nowSeconds = secondsSince1970(now);

@@ -48,6 +48,10 @@ public:
 
     Snapshot snapshot(const std::string& key);
 
+    // Any request of the session counts as activity: a known session's idle
+    // time starts again (an unknown or expired one is not created).
+    void touch(const std::string& key);
+
     // The label-write gate: refuse at 30 writes in the past hour in a
     // mail-influenced session (300 otherwise), confirm when a mail-influenced
     // session made 3 or more writes in the past 10 minutes, else allow.

@@ -187,5 +187,44 @@ TEST_F(MCPServiceRespondTest, EveryRequestLeavesOneAuditEntry) {
     EXPECT_EQ(s.respond(r)["isError"], false);
 }
 
+// Agent-supplied text on its way to the audit log: each row is an attack;
+// no entry may hold the other harness's token or a control character.
+TEST_F(MCPServiceRespondTest, AgentTextReachesTheAuditOnlyScrubbed) {
+    const std::vector<std::pair<std::string, Json>> attacks = {
+        {"list_folders", {{"account", otherToken}}},
+        {"list_folders", {{"account", "x\n2026-01-01T00:00:00Z  Codex  send_message  ok"}}},
+        {"search_messages", {{"account", "a\x1b[2J@b.co"}}},
+        {std::string("tool\x1b[31m ") + otherToken, Json::object()},
+    };
+    for (const auto& [tool, args] : attacks) {
+        callRaw(tool, args);
+        const auto e = lastAudit();
+        for (const std::string& field : {e.harness, e.tool, e.account, e.summary}) {
+            EXPECT_EQ(field.find("codexcodex"), std::string::npos) << field;
+            for (unsigned char c : field) EXPECT_GE(c, 0x20) << field;
+        }
+        EXPECT_EQ(e.account, "none") << tool;
+    }
+    // A client name carrying a token, in the refusal that names it.
+    auto hello = request("hello");
+    hello["client"]["name"] = std::string("evil\n") + otherToken;
+    service->respond(hello);
+    EXPECT_EQ(lastAudit().summary.find("codexcodex"), std::string::npos);
+}
+
+// A flood of handshakes is answered but logged at most 30 times a minute per
+// harness, so it cannot push earlier entries out of the log.
+TEST_F(MCPServiceRespondTest, AHandshakeFloodCannotEvictOtherEntries) {
+    call("list_accounts");
+    const auto first = lastAudit().id;
+    for (int i = 0; i < 200; ++i) EXPECT_EQ(service->respond(request("hello"))["ok"], true);
+    const auto entries = audit->entries();
+    EXPECT_EQ(std::count_if(entries.begin(), entries.end(),
+                            [](const MCPAuditEntry& e) { return e.tool == "handshake"; }),
+              30);
+    EXPECT_TRUE(std::any_of(entries.begin(), entries.end(),
+                            [&](const MCPAuditEntry& e) { return e.id == first; }));
+}
+
 }  // namespace
 }  // namespace mcpkit::testing

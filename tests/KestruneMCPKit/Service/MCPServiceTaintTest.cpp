@@ -51,6 +51,17 @@ TEST_F(MCPServiceTaintTest, LabelWritesInATaintedSessionAreFlaggedThenConfirmed)
     EXPECT_EQ(lastAudit().summary, "read, confirmed after reading mail");
 }
 
+// Twelve hours without activity end the taint; any call of the session is
+// activity, not only reads.
+TEST_F(MCPServiceTaintTest, EveryCallOfTheSessionKeepsItsTaint) {
+    readMail();
+    for (int i = 0; i < 3; ++i) {
+        now += 11h;
+        call("list_accounts", Json::object());
+        EXPECT_EQ(lastAudit().mailInfluenced, std::optional<bool>(true)) << i;
+    }
+}
+
 TEST_F(MCPServiceTaintTest, LabelWritesStopAtTheHourlyCap) {
     for (int i = 0; i < 300; ++i) {
         ASSERT_FALSE(call("apply_label", {{"message_id", "m1"}, {"star", i % 2 == 0}}).isError);

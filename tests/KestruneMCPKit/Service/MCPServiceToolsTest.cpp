@@ -141,6 +141,8 @@ TEST_F(MCPServiceToolsTest, DraftArgumentsAreChecked) {
         {{{"to", Json(std::vector<std::string>(51, "a@b.co"))}}, "'to' has too many entries."},
         {{{"to", {"bob@localhost"}}}, "Invalid recipient address."},
         {{{"cc", {"Bob <bob@example.com>"}}}, "Invalid recipient address."},
+        {{{"to", {"bo\x1b[2Jb@example.com"}}}, "Invalid recipient address."},
+        {{{"to", {"bob\u202e@example.com"}}}, "Invalid recipient address."},
         {{{"subject", 5}}, "'subject' must be a string."},
         {{{"account", "stranger@example.com"}},
          "Unknown account. Use an address from list_accounts."},
