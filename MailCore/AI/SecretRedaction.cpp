@@ -1,5 +1,7 @@
 // Secret redaction: step 8 of AIContentSanitizer.
+#include <algorithm>
 #include <array>
+#include <optional>
 #include <vector>
 
 #include "MailCore/AI/AIContentSanitizer.h"
@@ -152,65 +154,76 @@ std::string redactTokenShapes(std::string_view text) {
     return out;
 }
 
+// True for the digit groups of a card number as it is usually written: one
+// block, groups of four, or the 4-6-5 and 4-6-4 layouts.
+bool cardLayout(const std::vector<std::size_t>& groups) {
+    if (groups.size() == 1) return true;
+    if (groups == std::vector<std::size_t>{4, 6, 5} || groups == std::vector<std::size_t>{4, 6, 4})
+        return true;
+    return std::all_of(groups.begin(), groups.end(), [](std::size_t g) { return g == 4; });
+}
+
 // Card-like numbers: a run the pattern finds is redacted when its digits pass
-// the Luhn check. When they do not, the shorter runs that the pattern also
-// admits are tried, so that a card number with more digits next to it ("4111
-// 1111 1111 1111 123", a card and its security code) is still found: first
-// the run's prefixes that end before a separator, longest first, then the
-// search resumes after the run's first separator. Luhn sums of all prefixes
-// come from two running sums (one per doubling parity), so each run costs
-// time linear in its length.
+// the Luhn check. When they do not, the run is split at its separators into
+// digit groups, and only a part made of whole groups in a card's layout may
+// still be a card: with other groups before it ("99 4111 1111 1111 1111") or
+// one group of three or four digits after it (a card and its security code,
+// "4111 1111 1111 1111 123"). Such a part is redacted when it has 13 to 19
+// digits that pass the check. Telephone and order numbers, whose groups do
+// not follow a card's layout, stay even when some of their digits would pass.
 std::string redactCardNumbers(std::string_view text) {
     const PCRE2Pattern& pattern = SanitizerPatterns::shared().cardNumber;
+    struct Group {
+        std::size_t start, end;  // offsets in the text
+    };
     std::string out;
     out.reserve(text.size());
     std::size_t pos = 0;
     std::size_t copied = 0;
     PCRE2Pattern::Match match;
-    // sums[p][k]: Luhn-weighted sum of the first k digits, doubling the digits
-    // whose index has parity p. cutDigits/cutOffsets: digits before, and the
-    // offset of, each separator.
-    std::array<std::array<int, 21>, 2> sums{};
-    std::array<std::size_t, 20> cutDigits{};
-    std::array<std::size_t, 20> cutOffsets{};
+    std::vector<Group> groups;
+    std::vector<std::size_t> sizes;
     while (pos < text.size() &&
            pattern.search(text, pos, match) == PCRE2Pattern::Outcome::matched) {
-        std::size_t digits = 0;
-        std::size_t cuts = 0;
-        for (std::size_t i = match.start; i < match.end && digits < 20; ++i) {
-            char c = text[i];
-            if (c < '0' || c > '9') {
-                cutDigits[cuts] = digits;
-                cutOffsets[cuts++] = i;
-                continue;
-            }
-            int d = c - '0';
-            int doubled = d * 2 > 9 ? d * 2 - 9 : d * 2;
-            sums[0][digits + 1] = sums[0][digits] + (digits % 2 == 0 ? doubled : d);
-            sums[1][digits + 1] = sums[1][digits] + (digits % 2 == 1 ? doubled : d);
-            ++digits;
+        groups.clear();
+        for (std::size_t i = match.start; i < match.end; ++i) {
+            if (text[i] < '0' || text[i] > '9') continue;
+            if (groups.empty() || groups.back().end != i) groups.push_back({i, i});
+            groups.back().end = i + 1;
         }
-        // The last digit of a prefix of k digits is never doubled, so the
-        // digits of parity (k % 2) are.
-        auto luhn = [&](std::size_t k) { return sums[k % 2][k] % 10 == 0; };
-        std::size_t redactEnd = std::string_view::npos;
-        if (luhn(digits)) {
-            redactEnd = match.end;
-        } else {
-            for (std::size_t c = cuts; c-- > 0;) {
-                if (cutDigits[c] >= 13 && luhn(cutDigits[c])) {
-                    redactEnd = cutOffsets[c];
-                    break;
+        std::optional<Group> card;
+        if (AIContentSanitizer::luhnValid(text.substr(match.start, match.end - match.start))) {
+            card = Group{match.start, match.end};
+        }
+        const std::size_t count = groups.size();
+        for (std::size_t first = 0; !card && first < count; ++first) {
+            for (std::size_t last = count; !card && last > first; --last) {
+                const std::size_t after = count - last;
+                const std::size_t code = after == 1 ? groups.back().end - groups.back().start : 0;
+                if ((first == 0 && after == 0) || after > 1 ||
+                    (after == 1 && (code < 3 || code > 4)))
+                    continue;
+                sizes.clear();
+                std::size_t digits = 0;
+                for (std::size_t g = first; g < last; ++g) {
+                    sizes.push_back(groups[g].end - groups[g].start);
+                    digits += sizes.back();
+                }
+                const std::string_view part =
+                    text.substr(groups[first].start, groups[last - 1].end - groups[first].start);
+                if (digits >= 13 && digits <= 19 && cardLayout(sizes) &&
+                    AIContentSanitizer::luhnValid(part)) {
+                    card = Group{groups[first].start, groups[last - 1].end};
                 }
             }
         }
-        if (redactEnd == std::string_view::npos) {
-            pos = cuts == 0 ? match.end : cutOffsets[0] + 1;
+        if (!card) {
+            pos = match.end;
             continue;
         }
-        out.append(text.substr(copied, match.start - copied));
+        out.append(text.substr(copied, card->start - copied));
         out.append(AIContentSanitizer::numberRedacted);
-        copied = pos = redactEnd;
+        copied = pos = card->end;
     }
     out.append(text.substr(copied));
     return out;

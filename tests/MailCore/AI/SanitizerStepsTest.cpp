@@ -225,6 +225,9 @@ TEST(SanitizerSteps, TokenShapesAndLuhnValidCardsAreRedacted) {
          {"4111 1111 1111 1111 123", "[number redacted] 123"},
          {"4222222222222 123", "[number redacted] 123"},  // a 13-digit card
          {"99 4111 1111 1111 1111", "99 [number redacted]"},
+         // Telephone numbers whose inner digits pass the check stay: only whole
+         // groups in a card's layout are tried.
+         {"Call +92 581 8991880 7506 ext", "Call +92 581 8991880 7506 ext"},
          {"order 5555 5555 5555 4444 and 4012 8888 8888 1881",
           "order [number redacted] and [number redacted]"}},
         S::redact);
