@@ -11,7 +11,7 @@ packages=(
   libsqlite3-dev sqlite3 libssl-dev openssl libpcre2-dev nlohmann-json3-dev
   libgmime-3.0-dev libglib2.0-dev libfmt-dev
   # real peers used by the tests
-  dovecot-imapd python3 python3-aiosmtpd
+  dovecot-imapd dovecot-submissiond python3 python3-aiosmtpd
   # MIME edge-case corpus used by the tests
   libpython3.11-testsuite
 )

@@ -1,9 +1,10 @@
 // ConnectionFactory: where the account engine obtains whole protocol
-// sessions. The production implementation asks a ByteStreamFactory for a
-// stream and hands it, with the MIME parser, message builder, SASL response
-// builder, MIME limits, EHLO name and an optional protocol trace sink, to a
-// new IMAP or SMTP client. IMAPSession and SMTPSession are the interfaces of
-// those clients and are defined with them.
+// sessions, one new connection each. A session comes back not yet
+// connected: the caller connects it and signs in with the account's
+// credentials. The production implementation, NetConnectionFactory
+// (MailCore/Engine), asks a ByteStreamFactory for a stream and hands it to a
+// new IMAP or SMTP client. IMAPSession (MailCore/IMAP/IMAPSession.h) and
+// SMTPSession are the interfaces of those clients and are defined with them.
 #pragma once
 
 #include <memory>

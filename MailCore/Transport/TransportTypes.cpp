@@ -48,4 +48,26 @@ ServerEndpoint serverEndpointFromJson(const Json& json) {
                           static_cast<std::uint16_t>(port->get<std::uint64_t>()), *parsed};
 }
 
+ProtocolLimits standardProtocolLimits() {
+    return ProtocolLimits{1 << 20, 64 << 20, 80 << 20, 1'000'000, 16 << 20, 1000};
+}
+
+ProtocolLimits boundedProtocolLimits(ProtocolLimits limits) {
+    const ProtocolLimits standard = standardProtocolLimits();
+    auto bound = [](std::int64_t& value, std::int64_t fallback) {
+        if (value <= 0) value = fallback;
+    };
+    bound(limits.maxLineBytes, standard.maxLineBytes);
+    bound(limits.maxLiteralBytes, standard.maxLiteralBytes);
+    bound(limits.maxResponseBytes, standard.maxResponseBytes);
+    bound(limits.maxUntaggedResponses, standard.maxUntaggedResponses);
+    bound(limits.maxSearchResultBytes, standard.maxSearchResultBytes);
+    bound(limits.maxUIDsPerCommand, standard.maxUIDsPerCommand);
+    return limits;
+}
+
+ConnectionTimeouts standardConnectionTimeouts() {
+    return ConnectionTimeouts{30, 60, 25 * 60, 120, 600};
+}
+
 }  // namespace mailcore

@@ -61,6 +61,17 @@ struct ProtocolLimits {
     bool operator==(const ProtocolLimits&) const = default;
 };
 
+// The engine's shipped bounds: lines of 1 MiB, literals of 64 MiB, responses
+// of 80 MiB, 1,000,000 untagged responses per command, search results of
+// 16 MiB, 1,000 UIDs per command.
+ProtocolLimits standardProtocolLimits();
+// `limits` with every field that is zero or negative taken from
+// standardProtocolLimits(), so that no reader is ever unbounded.
+ProtocolLimits boundedProtocolLimits(ProtocolLimits limits);
+// The engine's shipped waits: connect 30 s, read 60 s, IDLE renewal 25 min,
+// command 120 s, bulk command 600 s.
+ConnectionTimeouts standardConnectionTimeouts();
+
 }  // namespace mailcore
 
 template <>
