@@ -10,8 +10,10 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev
   libsqlite3-dev sqlite3 libssl-dev openssl libpcre2-dev nlohmann-json3-dev
   libgmime-3.0-dev libglib2.0-dev libfmt-dev
+  libsecret-1-dev libcurl4-openssl-dev
   # real peers used by the tests
   dovecot-imapd dovecot-submissiond python3 python3-aiosmtpd
+  gnome-keyring dbus-daemon dbus-bin libsecret-tools
   # MIME edge-case corpus used by the tests
   libpython3.11-testsuite
 )

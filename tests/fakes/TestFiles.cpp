@@ -143,6 +143,11 @@ std::string helperPath() {
 
 ProcessOutcome runHelper(const std::vector<std::string>& args, std::vector<std::string> env,
                          const std::string& input) {
+    return runProgram(helperPath(), args, std::move(env), input);
+}
+
+ProcessOutcome runProgram(const std::string& exe, const std::vector<std::string>& args,
+                          std::vector<std::string> env, const std::string& input) {
     // The helper may exit before reading its input: writing to its closed
     // stdin must fail with EPIPE, not end this test process.
     std::signal(SIGPIPE, SIG_IGN);
@@ -158,7 +163,6 @@ ProcessOutcome runHelper(const std::vector<std::string>& args, std::vector<std::
     posix_spawn_file_actions_adddup2(&actions, in[0], 0);
     posix_spawn_file_actions_adddup2(&actions, out[1], 1);
     posix_spawn_file_actions_adddup2(&actions, err[1], 2);
-    const std::string exe = helperPath();
     std::vector<char*> argv{const_cast<char*>(exe.c_str())};
     for (const auto& a : args) argv.push_back(const_cast<char*>(a.c_str()));
     argv.push_back(nullptr);

@@ -80,5 +80,8 @@ struct ProcessOutcome {
 // collects stdout and stderr until it exits (killed after 30 s).
 ProcessOutcome runHelper(const std::vector<std::string>& args, std::vector<std::string> env,
                          const std::string& input = "");
+// The same for any program.
+ProcessOutcome runProgram(const std::string& exe, const std::vector<std::string>& args,
+                          std::vector<std::string> env, const std::string& input = "");
 
 }  // namespace testfiles

@@ -1,0 +1,1 @@
+S2PfrM1J964zJhwpfIjo9QVlbGeeneJn/KXYmsDbgDYBhidxuvvlO4Wll0XdS97/cuOMLpd3rbIQk7W1da0wDA==
