@@ -15,10 +15,12 @@
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "KestruneMCPKit/Taint/MCPDisplayText.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
+#include "MailCore/Accounts/AccountDirectory.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
 #include "kestrune_app/Host/HostError.h"
+#include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -192,6 +194,8 @@ int serve(Context& c) {
     const auto state = policy->snapshot();
     c.out("Kestrune is serving agents at " + host.socketPath().string());
     if (auto problem = policy->lastLoadError()) c.out(*problem);
+    if (hasServerAccounts(c.paths))
+        if (const auto warning = credentialStoreWarning(c.paths)) c.out(*warning);
     c.out("Agent access is " + onOff(state.settings.masterEnabled) +
           (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
     c.out("Ready.");
@@ -272,8 +276,16 @@ int permissions(Context& c) {
 }
 
 int accounts(Context& c) {
-    auto policy = c.policy();
     const std::string verb = c.args.empty() ? "list" : c.args[0];
+    if (verb == "add" || verb == "test" || verb == "remove") {
+        AccountCommandIO io{c.env.out, c.env.input, STDIN_FILENO};
+        try {
+            return runAccountCommand(verb, {c.args.begin() + 1, c.args.end()}, c.paths, io);
+        } catch (const AccountUsageError& e) {
+            throw UsageError(e.what());
+        }
+    }
+    auto policy = c.policy();
     if (verb == "exclude" || verb == "include") {
         const std::string email = c.arg(1, "the account");
         c.noMoreThan(2);
@@ -284,17 +296,18 @@ int accounts(Context& c) {
                 s.settings.excludedAccounts.erase(email);
         });
     } else if (verb != "list") {
-        throw UsageError("accounts takes list, exclude or include");
+        throw UsageError("accounts takes list, add, test, remove, exclude or include");
     }
     const auto settings = policy->snapshot().settings;
     std::set<std::string> listed;
     if (fs::exists(c.paths.store)) {
         mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
-        for (const auto& a : hostAccounts(store)) {
-            listed.insert(a.email);
-            c.out(a.email + " (" + a.label + ")" +
-                  (settings.excludedAccounts.contains(a.email) ? ": excluded from agents"
-                                                               : ": shared with agents"));
+        for (const auto& a : mailcore::AccountDirectory(store).all()) {
+            listed.insert(a.address);
+            c.out(a.address + " (" + a.label + ")" +
+                  (settings.excludedAccounts.contains(a.address) ? ": excluded from agents"
+                                                                 : ": shared with agents") +
+                  accountDetails(a));
         }
     }
     for (const auto& e : settings.excludedAccounts)
@@ -553,6 +566,12 @@ int outbox(Context& c) {
             store.cancel(mailcore::OutboxItemID(id));
             c.out("Outbox item " + id + " cancelled.");
         } else {
+            for (const auto& a : mailcore::AccountDirectory(store).all())
+                if (a.authState == mailcore::AccountAuthState::reauthorizationRequired)
+                    c.out(a.address +
+                          ": re-authorization required; its mail waits until you "
+                          "sign in again with: kestrune accounts add " +
+                          a.address + " --oauth");
             const auto rows = store.outboxItems(std::nullopt);
             if (rows.empty()) c.out("The outbox is empty.");
             for (const auto& row : rows) {
@@ -588,6 +607,14 @@ const std::string& usage() {
         "  permissions enable|disable TOOL\n"
         "  accounts [list]                     accounts and whether agents see them\n"
         "  accounts exclude|include EMAIL\n"
+        "  accounts add EMAIL [--name NAME] [--imap HOST[:PORT]] [--imap-security tls|starttls]\n"
+        "        [--smtp HOST[:PORT]] [--smtp-security tls|starttls] [--user LOGIN]\n"
+        "        [--password-stdin] [--oauth] [--ca-file PEM] [--no-check]\n"
+        "                                      add a mail account (servers found for known "
+        "providers)\n"
+        "  accounts test EMAIL                 connect to the account's servers and sign in\n"
+        "  accounts remove EMAIL [--yes]       remove the account, its mail here and its "
+        "credentials\n"
         "  limits [show]                       request and size limits\n"
         "  limits set NAME VALUE               requests-per-minute, max-search-limit, "
         "max-body-characters,\n"
@@ -642,7 +669,7 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)
             if (a.starts_with("--") && command != "serve" && command != "audit" &&
-                command != "import")
+                command != "import" && command != "accounts")
                 throw UsageError("unknown option " + a);
         return it->second(c);
     } catch (const UsageError& e) {
