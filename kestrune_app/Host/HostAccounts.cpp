@@ -22,8 +22,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-struct Failure : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct Failure : HostError {
+    explicit Failure(std::string detail) : HostError(Kind::failed, std::move(detail)) {}
+};
+struct AccountUsageError : HostError {
+    explicit AccountUsageError(std::string detail) : HostError(Kind::usage, std::move(detail)) {}
 };
 
 std::optional<std::string> takeOption(std::vector<std::string>& args, const std::string& name) {

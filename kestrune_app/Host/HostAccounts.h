@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "MailCore/Accounts/AccountRecord.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostPaths.h"
 
 namespace kestrune {
@@ -24,15 +25,9 @@ struct AccountCommandIO {
     int input = 0;      // where --password-stdin reads
 };
 
-// A usage mistake (unknown option, bad value): the caller prints it with
-// the usage hint and exits 64.
-struct AccountUsageError : std::runtime_error {
-    using std::runtime_error::runtime_error;
-};
-
 // Runs `accounts add|test|remove` with the arguments after the verb.
-// Returns the exit status; throws AccountUsageError, or std::runtime_error
-// with a sentence for the person.
+// Returns the exit status; throws HostError: usage for a mistake on the
+// command line, failed with a sentence for the person otherwise.
 int runAccountCommand(const std::string& verb, std::vector<std::string> args,
                       const HostPaths& paths, const AccountCommandIO& io);
 

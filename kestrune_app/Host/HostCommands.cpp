@@ -19,8 +19,8 @@
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
-#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostAccounts.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -279,11 +279,7 @@ int accounts(Context& c) {
     const std::string verb = c.args.empty() ? "list" : c.args[0];
     if (verb == "add" || verb == "test" || verb == "remove") {
         AccountCommandIO io{c.env.out, c.env.input, STDIN_FILENO};
-        try {
-            return runAccountCommand(verb, {c.args.begin() + 1, c.args.end()}, c.paths, io);
-        } catch (const AccountUsageError& e) {
-            throw UsageError(e.what());
-        }
+        return runAccountCommand(verb, {c.args.begin() + 1, c.args.end()}, c.paths, io);
     }
     auto policy = c.policy();
     if (verb == "exclude" || verb == "include") {
@@ -672,7 +668,11 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
                 command != "import" && command != "accounts")
                 throw UsageError("unknown option " + a);
         return it->second(c);
-    } catch (const UsageError& e) {
+    } catch (const HostError& e) {
+        if (e.kind() != HostError::Kind::usage) {
+            env.err(std::string("kestrune: ") + e.what());
+            return failure;
+        }
         env.err(std::string("kestrune: ") + e.what() + " (see kestrune --help)");
         return usageError;
     } catch (const std::exception& e) {
