@@ -120,14 +120,20 @@ ThreadID SQLiteMailStore::assignThread(SQLiteDatabase& db, const MessageIndexFie
     };
     const std::string byMessageID =
         "SELECT DISTINCT thread_id FROM messages WHERE account_id = ? AND message_id_key = ?";
-    for (const auto& key : f.threading.referenceKeys()) collect(byMessageID, key);
+    // Messages that share a reference with this one belong to one
+    // conversation even when the message they refer to is not stored
+    // (siblings of a missing parent, or of one in an unsynced folder).
+    const std::string bySharedReference =
+        "SELECT DISTINCT m.thread_id FROM message_refs r JOIN messages m ON m.id = "
+        "r.message_id\nWHERE m.account_id = ? AND r.ref_key = ?";
+    for (const auto& key : f.threading.referenceKeys()) {
+        collect(byMessageID, key);
+        collect(bySharedReference, key);
+    }
     if (f.threading.messageID) {
         std::string own = f.threading.messageID->normalizedKey();
         collect(byMessageID, own);
-        collect(
-            "SELECT DISTINCT m.thread_id FROM message_refs r JOIN messages m ON m.id = "
-            "r.message_id\nWHERE m.account_id = ? AND r.ref_key = ?",
-            own);
+        collect(bySharedReference, own);
     }
     if (!candidates.empty()) {
         ThreadID survivor(*candidates.begin());

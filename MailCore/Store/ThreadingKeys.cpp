@@ -81,31 +81,87 @@ std::string InternetMessageID::normalizedKey() const {
     return value_.substr(0, at + 1) + asciiLower(std::string_view(value_).substr(at + 1));
 }
 
+namespace {
+
+// True when `s` (at most one identifier, no brackets) has the shape of a
+// message identifier: a non-empty local part, one "@", a domain with a dot
+// or at least letters, and none of the characters that free text brings
+// (quotes, commas, parentheses, an "'s" ending).
+bool hasIdentifierShape(std::string_view s) {
+    auto at = s.find('@');
+    if (at == std::string_view::npos || at == 0 || at + 1 >= s.size()) return false;
+    if (s.find('@', at + 1) != std::string_view::npos) return false;
+    for (char c : s) {
+        if (c == '"' || c == ',' || c == '(' || c == ')' || c == ';' || c == '<' || c == '>' ||
+            c == '\'' || isSpace(c)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool startsWithNoCase(std::string_view s, std::string_view prefix) {
+    if (s.size() < prefix.size()) return false;
+    for (std::size_t i = 0; i < prefix.size(); ++i) {
+        if (std::tolower(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
+    }
+    return true;
+}
+
+// A bracketed item that free text names as a person rather than a message:
+// "Message from Ann <ann@x> of "Mon, 2 Sep 2002 ..." <id@x>" and
+// "<ann@x>'s message of ...". A quoted date follows the address; an item
+// followed by an unquoted date ("message-id <id@x> of Tue, ...") is kept.
+bool isAddressInText(std::string_view after) {
+    if (startsWithNoCase(after, "'s")) return true;
+    while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);
+    if (!startsWithNoCase(after, "of")) return false;
+    after.remove_prefix(2);
+    while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);
+    return !after.empty() && after.front() == '"';
+}
+
+}  // namespace
+
 std::vector<InternetMessageID> ThreadingKeys::parseIDList(std::string_view value) {
     std::vector<InternetMessageID> out;
+    auto add = [&](std::string_view item) {
+        if (auto id = InternetMessageID::normalizing(item)) out.push_back(std::move(*id));
+    };
     if (value.find('<') != std::string_view::npos) {
+        // Bracketed identifiers only; words around them are free text.
         std::size_t pos = 0;
         while ((pos = value.find('<', pos)) != std::string_view::npos) {
             auto end = value.find('>', pos + 1);
-            if (end == std::string_view::npos) break;
-            if (auto id = InternetMessageID::normalizing(value.substr(pos, end - pos + 1))) {
-                out.push_back(std::move(*id));
+            if (end == std::string_view::npos) {
+                // A header cut inside its last identifier keeps it when what
+                // remains still has the shape of one.
+                auto rest = trim(value.substr(pos + 1));
+                if (hasIdentifierShape(rest)) add(rest);
+                break;
             }
+            auto inner = value.substr(pos + 1, end - pos - 1);
+            if (inner.find('<') != std::string_view::npos) {
+                pos = pos + 1;  // "<<id>": start again at the inner bracket
+                continue;
+            }
+            if (!isAddressInText(value.substr(end + 1))) add(inner);
             pos = end + 1;
         }
         return out;
     }
+    // Without brackets, identifiers separated by white space count only when
+    // every word has the shape of one: "ann@x's message of ..." is text.
+    std::vector<std::string_view> words;
     std::size_t i = 0;
     while (i < value.size()) {
         while (i < value.size() && isSpace(value[i])) ++i;
         std::size_t start = i;
         while (i < value.size() && !isSpace(value[i])) ++i;
-        if (i > start) {
-            if (auto id = InternetMessageID::normalizing(value.substr(start, i - start))) {
-                out.push_back(std::move(*id));
-            }
-        }
+        if (i > start) words.push_back(value.substr(start, i - start));
     }
+    if (!std::all_of(words.begin(), words.end(), hasIdentifierShape)) return out;
+    for (auto word : words) add(word);
     return out;
 }
 

@@ -56,6 +56,26 @@ TEST(ThreadingKeysTest, ParsesMessageIDsAndHeaderLists) {
     EXPECT_EQ(keys.referenceKeys(), (std::vector<std::string>{"p@x", "a@x", "b@x"}));
     EXPECT_EQ(ThreadingKeys::fromJson(keys.toJson()), keys);
     EXPECT_EQ(ThreadingKeys::fromHeaders("not valid id", "", "", "").messageID, std::nullopt);
+
+    // In-Reply-To as mail clients really write it: only identifiers count.
+    const std::pair<const char*, std::vector<std::string>> lists[] = {
+        {"Message from Ann <ann@x.org> of \"Sun, 01 Sep 2002 16:14:11 +0200.\" <p1@h.x>",
+         {"p1@h.x"}},
+        {"<p2@h.x> (ann@x.org's message of \"Tue, 27 Aug 2002 15:45:36 +0100\")", {"p2@h.x"}},
+        {"<p3@h.x>; from ann@x.org on Mon, Aug 26, 2002 at 07:14:54PM +0200", {"p3@h.x"}},
+        {"message-id <p4@h.x> of Tue, Sep 10 12:52:16 2002", {"p4@h.x"}},
+        {"ann@x.org's message of \"Thu, 19 Sep 2002 12:35:59 +0100\"", {}},
+        {"Ann's message of \"Tue, 1 Oct 2002 16:58:21 -0400\"", {}},
+        {"craig@example.com, <p5@h.x>", {"p5@h.x"}},
+        {"bare@h.x", {"bare@h.x"}},
+        {"b1@h.x b2@h.x", {"b1@h.x", "b2@h.x"}},
+        {"Your message of \"Fri, 06 Sep 2002\" <cut@h.x", {"cut@h.x"}},
+    };
+    for (const auto& [value, ids] : lists) {
+        std::vector<std::string> seen;
+        for (const auto& id : ThreadingKeys::parseIDList(value)) seen.push_back(id.value());
+        EXPECT_EQ(seen, ids) << value;
+    }
     EXPECT_EQ(testing::errorDetail([] {
                   ThreadingKeys::fromJson(Json{{"inReplyTo", 3}});
               }),
@@ -149,29 +169,85 @@ TEST_F(ThreadingStoreTest, GroupsArrivingMessagesIntoThreads) {
 }
 
 TEST_F(ThreadingStoreTest, ParentArrivingAfterRepliesMergesTheirThreads) {
-    // Two replies to a root not seen yet: nothing links them, two threads.
+    // Two replies to a root not seen yet share a thread through the
+    // reference they have in common; a third refers elsewhere.
     auto a = put("<a@x>", "<root@x>", "", "one", "p@x", "q@x");
     auto b = put("<b@x>", "", "<other@x>", "two", "r@x", "s@x");
     auto c = put("<c@x>", "<root@x>", "", "three", "t@x", "u@x");
-    ThreadID first = threadOf(a), second = threadOf(b), third = threadOf(c);
-    EXPECT_NE(first, third);
+    ThreadID first = threadOf(a), second = threadOf(b);
+    EXPECT_EQ(threadOf(c), first);
     EXPECT_NE(first, second);
 
-    // The root arrives: found through the replies' references, it joins
-    // the smaller thread and the other is merged into it.
+    // The root arrives: found through the replies' references.
     auto root = put("<root@x>", "", "", "zero", "v@x", "w@x");
     EXPECT_EQ(threadOf(root), first);
-    EXPECT_EQ(threadOf(c), first);
-    EXPECT_EQ(store->resolveThread(third), first);
 
+    // A message referring to both roots, neither of which b's thread has
+    // seen, bridges the two through the references they share.
     auto bridge = put("<d@x>", "<root@x>", "<other@x>", "bridge", "v@x", "w@x");
     EXPECT_EQ(threadOf(bridge), first);
-    EXPECT_EQ(threadOf(b), second);  // <other@x> itself is still unknown
-    auto other = put("<other@x>", "", "", "origin", "v@x", "w@x");
-    EXPECT_EQ(threadOf(other), first);
     EXPECT_EQ(threadOf(b), first);
     EXPECT_EQ(store->resolveThread(second), first);
+    auto other = put("<other@x>", "", "", "origin", "v@x", "w@x");
+    EXPECT_EQ(threadOf(other), first);
     EXPECT_EQ(store->threadMessages(second).size(), 6u);
+}
+
+// A conversation whose messages arrive in every possible order ends in the
+// same threads; so does one whose root never arrives, and the same mail
+// filed again after the folder was reset.
+TEST_F(ThreadingStoreTest, ThreadsDoNotDependOnArrivalOrder) {
+    struct Msg {
+        const char *mid, *irt, *refs, *subject;
+    };
+    const Msg all[] = {
+        {"<r@x>", "", "", "Plan"},
+        {"<a@x>", "<r@x>", "<r@x>", "Re: Plan"},
+        {"<b@x>", "<a@x>", "<r@x> <a@x>", "Re: Plan"},
+        {"<c@x>", "Message from Ann <ann@x> of \"Mon, 2 Sep 2002\" <r@x>", "", "Re: Plan"},
+        {"<d@x>", "", "", "Other"},
+    };
+    // No two messages share a person, so only references can join them.
+    auto from = [](int i) { return std::string(1, char('a' + i)) + "@from.x"; };
+    auto to = [](int i) { return std::string(1, char('a' + i)) + "@to.x"; };
+    for (bool withRoot : {true, false}) {
+        std::vector<int> order{1, 2, 3};  // the unrelated message always comes last
+        if (withRoot) order.insert(order.begin(), 0);
+        const std::string expected = withRoot ? "abcd|e" : "bcd|e";
+        int run = 0;
+        do {
+            SCOPED_TRACE(::testing::Message() << "root " << withRoot << " run " << run);
+            open("order" + std::to_string(withRoot) + "-" + std::to_string(run++) + ".db");
+            nextUID = 1;
+            std::map<int, MessageID> ids;
+            for (int i : order) {
+                ids[i] = put(all[i].mid, all[i].irt, all[i].refs, all[i].subject, from(i), to(i));
+            }
+            ids[4] = put(all[4].mid, all[4].irt, all[4].refs, all[4].subject, from(0), to(0));
+            auto grouping = [&] {
+                std::map<ThreadID, std::string> groups;
+                for (auto& [i, id] : ids) groups[threadOf(id)] += char('a' + i);
+                std::vector<std::string> seen;
+                for (auto& [t, g] : groups) seen.push_back(g);
+                std::sort(seen.begin(), seen.end());
+                std::string joined;
+                for (auto& g : seen) joined += (joined.empty() ? "" : "|") + g;
+                return joined;
+            };
+            EXPECT_EQ(grouping(), expected);
+            if (run == 1) {  // once: the folder's mail filed anew after a reset
+                store->resetFolder(inbox, UIDValidity(99));
+                nextUID = 1;
+                for (int i : {4, 3, 2, 1, 0}) {
+                    if (ids.count(i)) {
+                        ids[i] = put(all[i].mid, all[i].irt, all[i].refs, all[i].subject,
+                                     from(i == 4 ? 0 : i), to(i == 4 ? 0 : i));
+                    }
+                }
+                EXPECT_EQ(grouping(), expected);
+            }
+        } while (std::next_permutation(order.begin(), order.end()));
+    }
 }
 
 TEST_F(ThreadingStoreTest, RedirectsNeverChain) {
