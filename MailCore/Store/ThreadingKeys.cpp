@@ -110,11 +110,13 @@ bool startsWithNoCase(std::string_view s, std::string_view prefix) {
 
 // A bracketed item that free text names as a person rather than a message:
 // "Message from Ann <ann@x> of "Mon, 2 Sep 2002 ..." <id@x>" and
-// "<ann@x>'s message of ...". A quoted date follows the address; an item
+// "<ann@x>'s message of ..." and "Ann <ann@x> "Re: Plan" (Sep 25)". A quoted
+// date or subject follows the address; an item
 // followed by an unquoted date ("message-id <id@x> of Tue, ...") is kept.
 bool isAddressInText(std::string_view after) {
     if (startsWithNoCase(after, "'s")) return true;
     while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);
+    if (!after.empty() && after.front() == '"') return true;  // "Ann <ann@x> "Re: Plan" (...)"
     if (!startsWithNoCase(after, "of")) return false;
     after.remove_prefix(2);
     while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);

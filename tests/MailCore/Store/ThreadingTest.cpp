@@ -67,6 +67,7 @@ TEST(ThreadingKeysTest, ParsesMessageIDsAndHeaderLists) {
         {"ann@x.org's message of \"Thu, 19 Sep 2002 12:35:59 +0100\"", {}},
         {"Ann's message of \"Tue, 1 Oct 2002 16:58:21 -0400\"", {}},
         {"craig@example.com, <p5@h.x>", {"p5@h.x"}},
+        {"Ann <ann@x.org> \"Re: Plan (was: Budget)\" (Sep 25, 7:35pm)", {}},
         {"bare@h.x", {"bare@h.x"}},
         {"b1@h.x b2@h.x", {"b1@h.x", "b2@h.x"}},
         {"Your message of \"Fri, 06 Sep 2002\" <cut@h.x", {"cut@h.x"}},
