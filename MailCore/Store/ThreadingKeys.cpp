@@ -37,9 +37,8 @@ std::string collapseSpaces(std::string_view s) {
     return out;
 }
 
-// Subjects compare in their ASCII-lower-cased form; other letters stay as
-// written (no locale-dependent folding).
-std::string lowerSubject(std::string_view s) { return asciiLower(s); }
+// Subjects compare under the Unicode case fold: "Re: ÜBER" and "über" meet.
+std::string lowerSubject(std::string_view s) { return foldCase(s); }
 
 constexpr std::array<std::string_view, 10> replyPrefixes{"antw", "fwd", "re", "fw", "aw",
                                                          "sv",   "vs",  "wg", "tr", "rv"};
@@ -100,24 +99,16 @@ bool hasIdentifierShape(std::string_view s) {
     return true;
 }
 
-bool startsWithNoCase(std::string_view s, std::string_view prefix) {
-    if (s.size() < prefix.size()) return false;
-    for (std::size_t i = 0; i < prefix.size(); ++i) {
-        if (std::tolower(static_cast<unsigned char>(s[i])) != prefix[i]) return false;
-    }
-    return true;
-}
-
 // A bracketed item that free text names as a person rather than a message:
 // "Message from Ann <ann@x> of "Mon, 2 Sep 2002 ..." <id@x>" and
 // "<ann@x>'s message of ..." and "Ann <ann@x> "Re: Plan" (Sep 25)". A quoted
 // date or subject follows the address; an item
 // followed by an unquoted date ("message-id <id@x> of Tue, ...") is kept.
 bool isAddressInText(std::string_view after) {
-    if (startsWithNoCase(after, "'s")) return true;
+    if (startsWithNoCase(after, 0, "'s")) return true;
     while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);
     if (!after.empty() && after.front() == '"') return true;  // "Ann <ann@x> "Re: Plan" (...)"
-    if (!startsWithNoCase(after, "of")) return false;
+    if (!startsWithNoCase(after, 0, "of")) return false;
     after.remove_prefix(2);
     while (!after.empty() && isSpace(after.front())) after.remove_prefix(1);
     return !after.empty() && after.front() == '"';

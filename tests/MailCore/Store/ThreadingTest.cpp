@@ -28,7 +28,8 @@ TEST(ThreadingKeysTest, NormalizesSubjects) {
         {"[unclosed Re: x", "[unclosed re: x"},
         {"Re:", ""},
         {"  \t\r\n ", ""},
-        {"Résumé  Ünïcode", "résumé Ünïcode"},  // only ASCII letters are folded
+        {"Résumé  ÜNÏCODE", "résumé ünïcode"},
+        {"Re: ÜBER", "über"},
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(ThreadingKeys::normalizeSubject(in), out) << in;
     EXPECT_TRUE(ThreadingKeys::hasReplyPrefix("[team] AW: x"));
