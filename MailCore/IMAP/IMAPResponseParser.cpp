@@ -722,7 +722,10 @@ Date Cursor::internalDate(const std::string& text) {
     const int sign = text[i++] == '-' ? -1 : 1;
     const int zoneHours = digits(2);
     const int zoneMinutes = digits(2);
-    if (i != text.size() || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60) {
+    // Years outside 1700..2200 are refused: a date held in nanoseconds
+    // reaches only about 292 years either side of 1970.
+    if (i != text.size() || day < 1 || day > 31 || hour > 23 || minute > 59 || second > 60 ||
+        year < 1700 || year > 2200) {
         throw malformed(what);
     }
     const std::int64_t days = IMAPDate::daysFromCivil(year, monthNumber, day);

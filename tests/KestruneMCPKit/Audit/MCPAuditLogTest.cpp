@@ -267,7 +267,7 @@ TEST_F(MCPAuditLogTest, ExportsJsonLinesAndQuotedCsv) {
 
     EXPECT_EQ(log->exportEntries({}, MCPAuditLog::ExportFormat::csv),
               "time,harness,tool,account,result,summary,mail_influenced\r\n"
-              "2026-01-31T08:15:00Z,\"Claude, the app\",search_messages,\"a\"\"b\"\"@x\nc\","
+              "2026-01-31T08:15:00Z,\"Claude, the app\",search_messages,\"a\"\"b\"\"@x c\","
               "rate_limited,\"said \"\"hi\"\", then left\",true\r\n"
               "2026-01-31T08:15:00Z,'=HYPERLINK(1),'-tool,none,ok,plain,false\r\n"
               "2026-01-31T08:15:00Z,Zed,'@t,none,timed_out,,\r\n");
