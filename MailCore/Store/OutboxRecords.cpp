@@ -4,6 +4,7 @@
 #include <array>
 #include <nlohmann/json.hpp>
 
+#include "MailCore/Common/Base64.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Store/StorageCodec.h"
 
@@ -122,6 +123,25 @@ OutgoingMessage messageFrom(const Json& json) {
     if (hasValue(json, "htmlBody")) m.htmlBody = text(json, "htmlBody");
     m.inReplyTo = idsFrom(json, "inReplyTo");
     m.references = idsFrom(json, "references");
+    // Messages stored before attachments existed have none.
+    if (json.contains("attachments")) {
+        const Json& list = json.at("attachments");
+        if (!list.is_array()) throw Malformed{};
+        for (const Json& a : list) {
+            if (!a.is_object()) throw Malformed{};
+            OutgoingMessageAttachment out;
+            out.name = text(a, "name");
+            out.mimeType = text(a, "type");
+            auto bytes = base64Decode(text(a, "data"));
+            if (!bytes) throw Malformed{};
+            out.data = std::move(*bytes);
+            const Json& isInline = field(a, "inline");
+            if (!isInline.is_boolean()) throw Malformed{};
+            out.isInline = isInline.get<bool>();
+            if (hasValue(a, "contentID")) out.contentID = text(a, "contentID");
+            m.attachments.push_back(std::move(out));
+        }
+    }
     return m;
 }
 
@@ -187,6 +207,18 @@ Json OutgoingMessage::toJson() const {
     if (htmlBody) j["htmlBody"] = *htmlBody;
     j["inReplyTo"] = ids(inReplyTo);
     j["references"] = ids(references);
+    if (!attachments.empty()) {
+        Json list = Json::array();
+        for (const auto& a : attachments) {
+            Json item = {{"name", a.name},
+                         {"type", a.mimeType},
+                         {"data", base64Encode(a.data)},
+                         {"inline", a.isInline}};
+            if (a.contentID) item["contentID"] = *a.contentID;
+            list.push_back(std::move(item));
+        }
+        j["attachments"] = std::move(list);
+    }
     return j;
 }
 

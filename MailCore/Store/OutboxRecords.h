@@ -21,6 +21,19 @@ namespace mailcore {
 // A new random outbox item identifier (an upper-case UUID).
 OutboxItemID generateOutboxItemID();
 
+// A file sent with a message. `isInline` files are shown within the
+// message's HTML (referred to by `contentID`, without angle brackets); the
+// others are offered as attachments. Stored with its bytes in base64.
+struct OutgoingMessageAttachment {
+    std::string name;
+    std::string mimeType;  // "application/pdf"; empty: application/octet-stream
+    std::string data;      // the raw bytes
+    bool isInline = false;
+    std::optional<std::string> contentID;
+
+    bool operator==(const OutgoingMessageAttachment&) const = default;
+};
+
 // A message to be sent or kept as a draft. `messageID` is the Message-ID the
 // message is sent with; it is how a sent copy is found again when a send's
 // outcome is uncertain.
@@ -36,6 +49,7 @@ struct OutgoingMessage {
     std::optional<std::string> htmlBody;
     std::vector<InternetMessageID> inReplyTo;
     std::vector<InternetMessageID> references;
+    std::vector<OutgoingMessageAttachment> attachments;
 
     bool operator==(const OutgoingMessage&) const = default;
     Json toJson() const;

@@ -1,6 +1,6 @@
 #include "kestrune_app/Host/LocalDelivery.h"
 
-#include "MailCore/MIME/MessageBuilder.h"
+#include "MailCore/MIME/OutgoingComposer.h"
 #include "kestrune_app/Host/MailIngest.h"
 
 namespace kestrune {
@@ -18,31 +18,10 @@ MailError accountGone() {
                               std::string(OutboxText::accountNotFound));
 }
 
-std::vector<std::string> values(const std::vector<InternetMessageID>& ids) {
-    std::vector<std::string> out;
-    for (const auto& id : ids) out.push_back(id.value());
-    return out;
-}
-
 }  // namespace
 
 std::string composeOutgoing(const OutgoingMessage& message, Date date, bool asDraft) {
-    ComposedMessage composed;
-    if (!message.from.empty()) composed.from = message.from.front();
-    composed.to = message.to;
-    composed.cc = message.cc;
-    composed.bcc = message.bcc;
-    composed.replyTo = message.replyTo;
-    composed.subject = message.subject;
-    composed.date = date;
-    if (message.messageID) composed.messageID = message.messageID->value();
-    composed.inReplyTo = values(message.inReplyTo);
-    composed.references = values(message.references);
-    composed.text = message.textBody;
-    composed.html = message.htmlBody;
-    MessageBuildOptions options;
-    options.includeBcc = asDraft;
-    return MessageBuilder::build(composed, options).data;
+    return buildOutgoing(message, date, asDraft).data;
 }
 
 LocalDelivery::LocalDelivery(std::shared_ptr<SQLiteMailStore> store, Clock clock)
