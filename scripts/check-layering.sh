@@ -3,7 +3,7 @@
 #   MailCore/ (the engine)            must not include KestruneMCPKit/ or kestrune_app/
 #   KestruneMCPKit/ (the agent side)  must not include kestrune_app/
 #   the helper (kestrune_mcp/ and the Kit's Shim/, Link/, Tokens/, Installer/,
-#   Tools/)                           must not include the engine's Store/, MIME/,
+#   Tools/)                           must not include the engine's Store/, MIME/, SMTP/,
 #                                     Engine/, IMAP/ or Transport/
 # Usage: scripts/check-layering.sh [repository root]; prints each offending
 # line as file:line: include, exit status 1 when there is one.
@@ -29,8 +29,8 @@ forbid "the engine includes the agent side or the application" \
     'KestruneMCPKit/|kestrune_app/' MailCore
 forbid "the agent side includes the application" \
     'kestrune_app/' KestruneMCPKit
-forbid "the helper includes the engine's store, MIME, engine, IMAP or transport" \
-    'MailCore/(Store|MIME|Engine|IMAP|Transport)/' \
+forbid "the helper includes the engine's store, MIME, SMTP, engine, IMAP or transport" \
+    'MailCore/(Store|MIME|SMTP|Engine|IMAP|Transport)/' \
     kestrune_mcp KestruneMCPKit/Shim KestruneMCPKit/Link KestruneMCPKit/Tokens \
     KestruneMCPKit/Installer KestruneMCPKit/Tools
 
