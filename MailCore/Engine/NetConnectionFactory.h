@@ -7,25 +7,30 @@
 // Thread-safe: it holds no mutable state; sessions are independent.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
+#include <string_view>
 
-#include "MailCore/IMAP/IMAPClient.h"
 #include "MailCore/Transport/ByteStream.h"
 #include "MailCore/Transport/ConnectionFactory.h"
 
 namespace mailcore {
 
+// The IMAP client's wire trace (IMAPClient.h), named here so that this
+// header can be included beside the store's headers.
+using IMAPTrace = std::function<void(bool sent, std::string_view text)>;
+
 class NetConnectionFactory final : public ConnectionFactory {
 public:
-    // `trace`, when set, is handed to every client (see IMAPTrace).
-    explicit NetConnectionFactory(std::shared_ptr<ByteStreamFactory> streams, IMAPTrace trace = {});
+    // `trace`, when set, is handed to every IMAP client (see IMAPTrace);
+    // `ehloName` is the name SMTP sessions give in EHLO.
+    explicit NetConnectionFactory(std::shared_ptr<ByteStreamFactory> streams, IMAPTrace trace = {},
+                                  std::string ehloName = "localhost");
 
     std::unique_ptr<IMAPSession> makeIMAPSession(const ServerEndpoint& endpoint,
                                                  const ProtocolLimits& limits,
                                                  const ConnectionTimeouts& timeouts) override;
-    // Not built here yet: throws unsupportedCapability until the SMTP client
-    // is wired in.
     std::unique_ptr<SMTPSession> makeSMTPSession(const ServerEndpoint& endpoint,
                                                  const ProtocolLimits& limits,
                                                  const ConnectionTimeouts& timeouts) override;
@@ -33,6 +38,7 @@ public:
 private:
     std::shared_ptr<ByteStreamFactory> streams_;
     IMAPTrace trace_;
+    std::string ehloName_;
 };
 
 }  // namespace mailcore

@@ -437,6 +437,15 @@ SMTPSubmission SMTPClient::send(const SMTPEnvelope& envelope, const std::string&
     } catch (const MailError&) {
         throw uncertain();
     }
+    if (final.code == 421) {
+        // The server is closing the connection: a submission server says so
+        // when it lost its own relay after passing the message on, so this
+        // is no proof that nothing was delivered.
+        dead_ = true;
+        stream_->close();
+        throw MailError::network(NetworkFailureKind::outcomeUnknown,
+                                 "the message may have been sent (" + final.summary() + ")");
+    }
     if (final.code != 250) throw smtpReplyError(final);
     result.finalReply = final;
     return result;

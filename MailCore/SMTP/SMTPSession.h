@@ -13,10 +13,12 @@
 //       protocolViolation(serverClosed) and a 4xx network(other) (a 454 to
 //       AUTH: auth(temporaryFailure)), both worth retrying; network and TLS
 //       failures are as the stream reports them.
-//   after the message's end, with no reply  the outcome is unknown:
-//       network(outcomeUnknown, "the message may have been sent").
-//   after the message's end, with a reply   a 4xx or 5xx says the server
-//       refused the message, as above.
+//   after the message's end, with no reply or a 421  the outcome is
+//       unknown: network(outcomeUnknown, "the message may have been sent").
+//       (A submission server answers 421 when it lost its relay, which may
+//       have taken the message.)
+//   after the message's end, with another reply  a 4xx or 5xx says the
+//       server refused the message, as above.
 #pragma once
 
 #include <cstdint>

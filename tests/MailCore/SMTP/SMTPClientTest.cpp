@@ -137,6 +137,9 @@ TEST(SMTPClient, FailuresAreClassifiedWithTheServersText) {
          int(ProtocolIssueKind::commandRejected), "554 5.7.1 spam"},
         {[](FakeServer& f) { f.dropAfterEnd = true; }, C::network,
          int(NetworkFailureKind::outcomeUnknown), "the message may have been sent"},
+        {[](FakeServer& f) { f.endReply = "421 4.4.0 Lost connection to relay server\r\n"; },
+         C::network, int(NetworkFailureKind::outcomeUnknown),
+         "the message may have been sent (421 4.4.0 Lost connection to relay server)"},
     };
     for (std::size_t i = 0; i < cases.size(); ++i) {
         Session s(cases[i].setup);
