@@ -67,12 +67,10 @@ OutboxResult SendExecutor::send(const OutboxItem& item, const SubmissionAccount&
     const SMTPEnvelope envelope{payload.message.from.front().email,
                                 envelopeRecipients(payload.message)};
 
-    std::unique_ptr<SMTPSession> session = services_.smtp(account);
+    std::unique_ptr<SMTPSession> session;
     try {
-        session->connect();
-        session->authenticate(account.credentials);
+        session = signIn(item.accountID, account);
     } catch (const MailError& error) {
-        session->quit();
         return OutboxResult::failed(error, true);
     }
     try {
@@ -92,6 +90,33 @@ OutboxResult SendExecutor::send(const OutboxItem& item, const SubmissionAccount&
     journal_.record(item.id, SubmissionJournal::Stage::accepted, message);
     session->quit();
     return file(item, account, message);
+}
+
+std::unique_ptr<SMTPSession> SendExecutor::signIn(const AccountID& id,
+                                                  const SubmissionAccount& account) {
+    const auto attempt = [&](const SubmissionAccount& a) {
+        std::unique_ptr<SMTPSession> session = services_.smtp(a);
+        try {
+            session->connect();
+            session->authenticate(a.credentials);
+        } catch (const MailError&) {
+            session->quit();
+            throw;
+        }
+        return session;
+    };
+    try {
+        return attempt(account);
+    } catch (const MailError& error) {
+        const bool tokenRefused = error.errorCase() == MailError::Case::auth &&
+                                  error.authKind() == AuthFailureKind::invalidCredentials &&
+                                  account.credentials.isOAuthToken;
+        if (!tokenRefused || !services_.signInRefused) throw;
+        services_.signInRefused(id, account.credentials.secret);
+        const auto fresh = services_.account(id);
+        if (!fresh) throw;
+        return attempt(*fresh);
+    }
 }
 
 OutboxResult SendExecutor::file(const OutboxItem& item, const SubmissionAccount& account,

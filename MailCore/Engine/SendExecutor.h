@@ -33,6 +33,7 @@
 #include "MailCore/Engine/SubmissionJournal.h"
 #include "MailCore/SMTP/SMTPSession.h"
 #include "MailCore/Store/SQLiteMailStore.h"
+#include "MailCore/Transport/Certificate.h"
 
 namespace mailcore {
 
@@ -42,6 +43,8 @@ struct SubmissionAccount {
     SMTPCredentials credentials;
     // The provider stores what is submitted in Sent by itself (no APPEND).
     bool providerFilesSent = false;
+    // Trusted beside the platform's anchors for the account's servers.
+    std::vector<Certificate> extraAnchors;
 };
 
 struct SendServices {
@@ -51,6 +54,9 @@ struct SendServices {
     std::function<std::unique_ptr<SMTPSession>(const SubmissionAccount&)> smtp;
     // The account's Sent folder on its server.
     std::function<std::unique_ptr<SentMailbox>(const AccountID&)> sent;
+    // The server refused `secret` (an OAuth access token): when set, it is
+    // told so, the account is asked again and the sign-in tried once more.
+    std::function<void(const AccountID&, const std::string& secret)> signInRefused;
 };
 
 class SendExecutor final : public OutboxExecutor {
@@ -69,6 +75,8 @@ public:
 
 private:
     OutboxResult send(const OutboxItem& item, const SubmissionAccount& account);
+    // A connected, signed-in session (a refused token refreshed once).
+    std::unique_ptr<SMTPSession> signIn(const AccountID& id, const SubmissionAccount& account);
     // Files the submitted message in Sent when the account needs it, then
     // finishes the send locally.
     OutboxResult file(const OutboxItem& item, const SubmissionAccount& account,

@@ -16,8 +16,10 @@
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
+#include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MailIngest.h"
+#include "kestrune_app/Host/ServerSending.h"
 
 namespace kestrune {
 
@@ -149,7 +151,11 @@ void AppHost::start() {
     auto questions = questions_;
     const auto window = options_.undoWindow;
     delivery_ = std::make_shared<LocalDelivery>(store_);
-    outbox_ = std::make_shared<mailcore::OutboxWorker>(*store_, *delivery_);
+    sender_ = std::make_shared<mailcore::SendExecutor>(
+        *store_,
+        serverSendServices(store_, [paths = paths_] { return openCredentialStore(paths); }),
+        *delivery_);
+    outbox_ = std::make_shared<mailcore::OutboxWorker>(*store_, *sender_);
     const auto recovered = outbox_->recoverAtLaunch();
     if (recovered.requeued > 0)
         out_("Resuming " + std::to_string(recovered.requeued) +

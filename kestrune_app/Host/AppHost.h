@@ -26,6 +26,7 @@
 #include "KestruneMCPKit/Policy/MCPStorage.h"
 #include "KestruneMCPKit/Service/MCPService.h"
 #include "MailCore/Engine/OutboxWorker.h"
+#include "MailCore/Engine/SendExecutor.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/HostPaths.h"
@@ -87,7 +88,9 @@ private:
     std::shared_ptr<mailcore::SQLiteMailStore> store_;
     std::shared_ptr<PendingQuestions> questions_;
     std::shared_ptr<LocalDelivery> delivery_;
-    std::shared_ptr<mailcore::OutboxWorker> outbox_;  // works on store_ through delivery_
+    // Sends of server accounts; everything else goes on to delivery_.
+    std::shared_ptr<mailcore::SendExecutor> sender_;
+    std::shared_ptr<mailcore::OutboxWorker> outbox_;  // works on store_ through sender_
     std::shared_ptr<StoreMailBackend> backend_;
     std::shared_ptr<mcpkit::MCPAuditLog> audit_;
     std::unique_ptr<mailcore::WorkflowStore> workflows_;

@@ -432,4 +432,8 @@ std::optional<std::string> credentialStoreWarning(const HostPaths& paths) {
     return credentialStore(paths).warning;
 }
 
+std::unique_ptr<CredentialStore> openCredentialStore(const HostPaths& paths) {
+    return credentialStore(paths).store;
+}
+
 }  // namespace kestrune

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "MailCore/Accounts/AccountRecord.h"
+#include "MailCore/Accounts/CredentialStore.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostPaths.h"
 
@@ -41,5 +42,9 @@ bool hasServerAccounts(const HostPaths& paths);
 // The warning to show once when account secrets go to the private file
 // because no keyring answers; none where a keyring is used.
 std::optional<std::string> credentialStoreWarning(const HostPaths& paths);
+
+// The store of account secrets the account commands use: the keyring when
+// one answers, else the private file.
+std::unique_ptr<mailcore::CredentialStore> openCredentialStore(const HostPaths& paths);
 
 }  // namespace kestrune

@@ -11,8 +11,9 @@
 //     folder: the composed message is filed there, its Drafts copies and its
 //     draft record are removed, all in one transaction. A send that is
 //     carried out twice (after a crash) finds its Sent copy and files nothing
-//     more. Other accounts have no outgoing server in this build: their sends
-//     fail for good with "no account configured".
+//     more. Sends of server accounts never get here (the send executor
+//     submits them); those of other accounts, which have no outgoing
+//     server, fail for good with "no account configured".
 //
 // Thread-safe: every step is one store transaction.
 #pragma once

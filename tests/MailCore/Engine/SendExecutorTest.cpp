@@ -17,6 +17,7 @@ using testing::at;
 struct FakeSubmission {
     std::deque<std::variant<std::string, MailError>> script;
     std::vector<std::pair<SMTPEnvelope, std::string>> delivered;
+    std::string refusedSecret = "expired";
 };
 
 class FakeSMTP final : public SMTPSession {
@@ -24,7 +25,10 @@ public:
     explicit FakeSMTP(FakeSubmission& server) : server_(server) {}
     void connect() override {}
     const SMTPCapabilities& capabilities() const override { return caps_; }
-    void authenticate(const SMTPCredentials&) override {}
+    void authenticate(const SMTPCredentials& credentials) override {
+        if (credentials.secret == server_.refusedSecret)
+            throw MailError::auth(AuthFailureKind::invalidCredentials, "535 5.7.8 refused");
+    }
     SMTPSubmission send(const SMTPEnvelope& envelope, const std::string& message,
                         const std::function<void()>& beforeEnd) override {
         std::variant<std::string, MailError> step = std::string("ok");
@@ -69,6 +73,8 @@ struct SendExecutorTest : testing::OutboxFixture {
     std::vector<std::string> sentFolder;
     int failAppends = 0;
     bool providerFiles = false;
+    std::string token = "fresh";
+    std::vector<std::string> refusals;
     std::unique_ptr<SendExecutor> sender;
     std::unique_ptr<OutboxWorker> worker;
 
@@ -80,8 +86,13 @@ struct SendExecutorTest : testing::OutboxFixture {
         SendServices services;
         services.account = [this](const AccountID&) {
             return SubmissionAccount{{"smtp.test", 465, TransportSecurity::implicitTLS},
-                                     {"joe", "pw", false, std::nullopt},
-                                     providerFiles};
+                                     {"joe", token, true, std::nullopt},
+                                     providerFiles,
+                                     {}};
+        };
+        services.signInRefused = [this](const AccountID&, const std::string& secret) {
+            refusals.push_back(secret);
+            token = "fresh";
         };
         services.smtp = [this](const SubmissionAccount&) {
             return std::make_unique<FakeSMTP>(server);
@@ -203,6 +214,23 @@ TEST_F(SendExecutorTest, AcceptedMessageIsOnlyFiledOnLaterAttemptsAndAfterACrash
     runAll();
     EXPECT_EQ(server.delivered.size(), 1u);
     EXPECT_FALSE(store->outboxItem(second));
+}
+
+TEST_F(SendExecutorTest, ARefusedTokenIsRenewedOnceAndASecondRefusalIsPermanent) {
+    token = "expired";
+    const auto first = queue().id;
+    runAll();
+    EXPECT_EQ(refusals, std::vector<std::string>{"expired"});
+    EXPECT_EQ(summary(first), "gone");
+    EXPECT_EQ(server.delivered.size(), 1u);
+
+    server.refusedSecret = "fresh";  // the renewed token is refused as well
+    const auto second = queue().id;
+    runAll();
+    EXPECT_EQ(refusals.size(), 2u);
+    EXPECT_EQ(server.delivered.size(), 1u);
+    EXPECT_EQ(std::string(store->outboxItem(second)->item.lastError->what()),
+              "auth(invalidCredentials): 535 5.7.8 refused");
 }
 
 }  // namespace

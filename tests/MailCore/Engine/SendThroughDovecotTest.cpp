@@ -40,7 +40,8 @@ struct SendThroughDovecotTest : testing::OutboxFixture {
         OutboxFixture::SetUp();
         SendServices services;
         services.account = [this](const AccountID&) {
-            return SubmissionAccount{submission, {"alice", "secret", false, std::nullopt}, false};
+            return SubmissionAccount{
+                submission, {"alice", "secret", false, std::nullopt}, false, {}};
         };
         services.smtp = [this](const SubmissionAccount& a) {
             return factory->makeSMTPSession(a.endpoint, ProtocolLimits{}, timeouts());
