@@ -45,11 +45,11 @@ struct FlagUpdate {
 
 class SQLiteMailStore {
 public:
-    static constexpr std::int64_t newestSchemaVersion = 2;
+    static constexpr std::int64_t newestSchemaVersion = 3;
 
     // Opens (creating and migrating as needed) the store. Throws MailError:
     // storage(schemaNewerThanSupported, "database schema <n> is newer than
-    // supported 2"), "cannot create database directory", "cannot read the
+    // supported 3"), "cannot create database directory", "cannot read the
     // database in a read-only folder", migrationFailed, or a mapped SQLite
     // error. A folder that cannot be written gives a read-only store.
     explicit SQLiteMailStore(const StoreLocation& location, Date now = systemClock()());

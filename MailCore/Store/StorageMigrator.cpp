@@ -151,6 +151,67 @@ const std::vector<std::string>& StorageMigrator::baseSchemaStatements() {
     return statements;
 }
 
+const std::vector<std::string>& StorageMigrator::workflowLedgerStatements() {
+    static const std::vector<std::string> statements = {
+        // Per workflow: the last message it has looked at, its last scheduled
+        // run, consecutive failures and why the engine paused it.
+        "CREATE TABLE workflow_cursors (\n"
+        "    workflow_id TEXT PRIMARY KEY NOT NULL,\n"
+        "    last_message_id INTEGER NOT NULL DEFAULT 0,\n"
+        "    last_scheduled_at REAL,\n"
+        "    failures INTEGER NOT NULL DEFAULT 0,\n"
+        "    pause_reason TEXT)",
+        // What a workflow has handled once and for all: "m<message>" for new
+        // mail, "t<thread>" for missing replies, "s<time>" for scheduled runs.
+        "CREATE TABLE workflow_ledger (\n"
+        "    workflow_id TEXT NOT NULL,\n"
+        "    subject TEXT NOT NULL,\n"
+        "    handled_at REAL NOT NULL,\n"
+        "    PRIMARY KEY (workflow_id, subject)) WITHOUT ROWID",
+        "CREATE TABLE workflow_runs (\n"
+        "    id INTEGER PRIMARY KEY AUTOINCREMENT,\n"
+        "    workflow_id TEXT NOT NULL,\n"
+        "    trigger TEXT NOT NULL,\n"
+        "    started_at REAL NOT NULL,\n"
+        "    examined INTEGER NOT NULL DEFAULT 0,\n"
+        "    matched INTEGER NOT NULL DEFAULT 0,\n"
+        "    effects INTEGER NOT NULL DEFAULT 0,\n"
+        "    outcome TEXT NOT NULL,\n"
+        "    detail TEXT NOT NULL DEFAULT '')",
+        "CREATE INDEX idx_workflow_runs ON workflow_runs(workflow_id, id DESC)",
+        "CREATE TABLE workflow_effects (\n"
+        "    id INTEGER PRIMARY KEY AUTOINCREMENT,\n"
+        "    workflow_id TEXT NOT NULL,\n"
+        "    at REAL NOT NULL,\n"
+        "    kind TEXT NOT NULL,\n"
+        "    message_id INTEGER,\n"
+        "    is_draft INTEGER NOT NULL DEFAULT 0,\n"
+        "    detail TEXT NOT NULL DEFAULT '')",
+        "CREATE INDEX idx_workflow_effects ON workflow_effects(workflow_id, at)",
+        // What workflows leave for the person: notices, notifications,
+        // reminders and collection entries.
+        "CREATE TABLE workflow_outputs (\n"
+        "    id INTEGER PRIMARY KEY AUTOINCREMENT,\n"
+        "    workflow_id TEXT NOT NULL,\n"
+        "    kind TEXT NOT NULL,\n"
+        "    message_id INTEGER,\n"
+        "    title TEXT NOT NULL DEFAULT '',\n"
+        "    body TEXT NOT NULL DEFAULT '',\n"
+        "    created_at REAL NOT NULL,\n"
+        "    due_at REAL)",
+        "CREATE INDEX idx_workflow_outputs ON workflow_outputs(kind, created_at)",
+        // The AI provider's verdicts, one per message and condition.
+        "CREATE TABLE ai_judgements (\n"
+        "    message_id INTEGER NOT NULL,\n"
+        "    condition_key TEXT NOT NULL,\n"
+        "    verdict INTEGER NOT NULL,\n"
+        "    reason TEXT NOT NULL DEFAULT '',\n"
+        "    judged_at REAL NOT NULL,\n"
+        "    PRIMARY KEY (message_id, condition_key)) WITHOUT ROWID",
+    };
+    return statements;
+}
+
 std::vector<Migration> StorageMigrator::standardMigrations() {
     return {
         Migration{1, "base schema",
@@ -161,6 +222,11 @@ std::vector<Migration> StorageMigrator::standardMigrations() {
                   [](SQLiteDatabase& db) {
                       db.execute(searchTable);
                       StorageIndexer::rebuildAll(db);
+                  }},
+        Migration{3, "workflow ledger",
+                  [](SQLiteDatabase& db) {
+                      for (const auto& statement : workflowLedgerStatements())
+                          db.execute(statement);
                   }},
     };
 }

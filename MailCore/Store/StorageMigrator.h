@@ -1,6 +1,6 @@
 // StorageMigrator: brings a database up to the newest schema version, one
 // migration per transaction. Version 1 is the base schema, version 2 the
-// full-text search index.
+// full-text search index, version 3 the workflow engine's ledger.
 #pragma once
 
 #include <cstdint>
@@ -22,11 +22,14 @@ struct Migration {
 
 class StorageMigrator {
 public:
-    static constexpr std::int64_t newestVersion = 2;
+    static constexpr std::int64_t newestVersion = 3;
 
     // The statements of version 1, in the order they run.
     static const std::vector<std::string>& baseSchemaStatements();
-    // The standard list: 1 "base schema", 2 "full-text search index".
+    // The statements of version 3, in the order they run.
+    static const std::vector<std::string>& workflowLedgerStatements();
+    // The standard list: 1 "base schema", 2 "full-text search index", 3
+    // "workflow ledger".
     static std::vector<Migration> standardMigrations();
 
     StorageMigrator() : migrations_(standardMigrations()) {}

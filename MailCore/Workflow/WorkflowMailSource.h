@@ -31,6 +31,9 @@ struct WorkflowMailMessage {
     bool unread = false;
     bool hasAttachment = false;
     std::vector<WorkflowMailAttachment> attachments;
+    // The subjects of the conversation's messages, when the source knows the
+    // thread (in_thread then looks at all of them).
+    std::vector<std::string> threadSubjects;
 };
 
 class WorkflowMailSource {
@@ -42,6 +45,14 @@ public:
     // exception as "the mail could not be read" and never show its text to an agent.
     virtual std::vector<WorkflowMailMessage> recentMessages(
         const std::vector<std::string>& accounts, int limit) = 0;
+
+    // The last message of each conversation of `accounts` that the person
+    // wrote last and nobody answered, sent at or before `cutoff`, newest
+    // first, at most `limit`. None when the source cannot see conversations.
+    virtual std::optional<std::vector<WorkflowMailMessage>> unansweredThreads(
+        const std::vector<std::string>& /*accounts*/, Date /*cutoff*/, int /*limit*/) {
+        return std::nullopt;
+    }
 };
 
 }  // namespace mailcore

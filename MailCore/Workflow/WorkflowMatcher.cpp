@@ -150,8 +150,13 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
         });
     }
     if (c.type == "in_thread") {
-        const std::string subject = threadSubject(m.subject);
-        return anyValue(c, [&](const std::string& v) { return containsText(subject, trimmed(v)); });
+        std::vector<std::string> subjects{threadSubject(m.subject)};
+        for (const std::string& s : m.threadSubjects) subjects.push_back(threadSubject(s));
+        return anyValue(c, [&](const std::string& v) {
+            for (const std::string& subject : subjects)
+                if (containsText(subject, trimmed(v))) return true;
+            return false;
+        });
     }
     if (c.type == "has_attachment") return m.hasAttachment || !m.attachments.empty();
     if (c.type == "unread") return m.unread;
@@ -171,6 +176,36 @@ bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message) {
     }
     if (!judged) return true;
     return spec.match == "any" ? any : all;
+}
+
+bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message,
+             const MatchContext& context) {
+    const bool any = spec.match == "any";
+    bool sawClassified = false;
+    for (const WorkflowCondition& c : spec.conditions) {
+        if (c.type == "classified") {
+            sawClassified = true;
+            continue;
+        }
+        bool result = conditionMatches(c, message).value_or(false);
+        if (result && c.type == "sender_outside") {
+            const std::string sender = senderAddress(message.from);
+            for (const std::string& own : context.ownAddresses)
+                if (sender == own) result = false;
+        }
+        if (any && result) return true;
+        if (!any && !result) return false;
+    }
+    if (sawClassified) {
+        for (const WorkflowCondition& c : spec.conditions) {
+            if (c.type != "classified") continue;
+            const bool result = context.classified && context.classified(c);
+            if (any && result) return true;
+            if (!any && !result) return false;
+        }
+    }
+    // All: every condition held (none at all matches). Any: none held.
+    return !any || spec.conditions.empty();
 }
 
 UTCOffset localUTCOffset() {

@@ -9,8 +9,9 @@
 // "text" (subject or body) a part of that text; "attachment_kind" a file
 // extension ("pdf"), a MIME type ("application/pdf") or its main type
 // ("image"); "in_thread" a part of the conversation's subject without
-// "Re:"/"Fwd:" prefixes. "classified" needs the user's AI provider and is
-// not judged here.
+// "Re:"/"Fwd:" prefixes (any subject of the thread, when known).
+// "classified" needs the user's AI provider and is judged through the
+// context's callback.
 #pragma once
 
 #include <functional>
@@ -31,6 +32,20 @@ std::optional<bool> conditionMatches(const WorkflowCondition& condition,
 // left out (so the answer is an upper bound when there are some). No
 // judgeable condition at all matches every message.
 bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message);
+
+// What the engine knows beyond the message: the person's own addresses
+// (lower-case; a sender among them is never "outside") and the judge of
+// classified conditions (none: they never match).
+struct MatchContext {
+    std::vector<std::string> ownAddresses;
+    std::function<bool(const WorkflowCondition&)> classified;
+};
+
+// The conditions combined by `match` as the engine applies them: every
+// condition is judged, classified ones last and only when the others leave
+// the outcome open.
+bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message,
+             const MatchContext& context);
 
 // The bare, lower-case sender address of a "Name <address>" text.
 std::string senderAddress(const std::string& from);

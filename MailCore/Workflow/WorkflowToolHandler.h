@@ -13,6 +13,7 @@
 // and the mail source must be thread-safe.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
@@ -73,6 +74,10 @@ public:
 
     const WorkflowLimits& limits() const { return limits_; }
 
+    // Whether the person has an AI provider (previews say what follows from
+    // its absence). Unset: none.
+    void setAIAvailable(std::function<bool()> available) { aiAvailable_ = std::move(available); }
+
 private:
     WorkflowToolAnswer create(const WorkflowCaller& caller, const Json& arguments) const;
     WorkflowToolAnswer update(const WorkflowCaller& caller, const Json& arguments) const;
@@ -86,6 +91,7 @@ private:
     Clock clock_;
     WorkflowLimits limits_;
     WorkflowMatcher::UTCOffset utcOffset_;
+    std::function<bool()> aiAvailable_;
 };
 
 }  // namespace mailcore

@@ -189,8 +189,14 @@ void AppHost::start() {
     storage_.policy->setOnChange([this] { settingsChanged(); });
 
     workflows_ = std::make_unique<mailcore::WorkflowStore>(paths_.workflows);
-    bridge_ = std::make_shared<mcpkit::MCPWorkflowBridge>(*workflows_, *backend_,
-                                                          mailcore::systemClock());
+    workflowRunner_ = std::make_unique<HostWorkflows>(paths_, *store_, *workflows_, audit_,
+                                                      mailcore::systemClock(), out_);
+    workflowRunner_->engine().prime();
+    workflowRunner_->start();
+    workflowMail_ = std::make_unique<mailcore::WorkflowStoreMail>(*store_);
+    const bool ai = workflowRunner_->engine().hasAIProvider();
+    bridge_ = std::make_shared<mcpkit::MCPWorkflowBridge>(
+        *workflows_, *backend_, *workflowMail_, mailcore::systemClock(), [ai] { return ai; });
     service_ =
         std::make_unique<mcpkit::MCPService>(storage_.policy, audit_, backend_, confirmer, bridge_);
     server_ = std::make_unique<mcpkit::MCPSocketServer>(
@@ -261,12 +267,17 @@ void AppHost::stop(std::chrono::milliseconds grace) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         server_.reset();
     }
+    if (workflowRunner_) workflowRunner_->stop();
     if (outbox_) outbox_->stop();
     if (storage_.policy) storage_.policy->setOnChange(nullptr);
     if (lockFD_ >= 0) {
         ::close(lockFD_);
         lockFD_ = -1;
     }
+}
+
+void AppHost::messagesReceived() {
+    if (workflowRunner_) workflowRunner_->messagesReceived();
 }
 
 void AppHost::fillDemo() {

@@ -29,7 +29,9 @@
 #include "MailCore/Engine/SendExecutor.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "MailCore/Workflow/WorkflowStore.h"
+#include "MailCore/Workflow/WorkflowStoreMail.h"
 #include "kestrune_app/Host/HostPaths.h"
+#include "kestrune_app/Host/HostWorkflows.h"
 #include "kestrune_app/Host/LocalDelivery.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -72,6 +74,10 @@ public:
     // answered, removes the socket file and releases the data directory.
     void stop(std::chrono::milliseconds grace = std::chrono::milliseconds(10000));
 
+    // The "message received" hook: mail was filed in the store (by sync,
+    // an import or the demo); approved new_message workflows run on it.
+    void messagesReceived();
+
     const HostPaths& paths() const { return paths_; }
     const std::filesystem::path& socketPath() const { return storage_.socketPath; }
     std::shared_ptr<mailcore::SQLiteMailStore> store() const { return store_; }
@@ -94,6 +100,8 @@ private:
     std::shared_ptr<StoreMailBackend> backend_;
     std::shared_ptr<mcpkit::MCPAuditLog> audit_;
     std::unique_ptr<mailcore::WorkflowStore> workflows_;
+    std::unique_ptr<mailcore::WorkflowStoreMail> workflowMail_;
+    std::unique_ptr<HostWorkflows> workflowRunner_;
     std::shared_ptr<mcpkit::MCPWorkflowBridge> bridge_;
     std::unique_ptr<mcpkit::MCPService> service_;
     std::unique_ptr<mcpkit::MCPSocketServer> server_;

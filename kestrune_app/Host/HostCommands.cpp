@@ -4,6 +4,8 @@
 #include <unistd.h>
 
 #include <fstream>
+#include <iostream>
+#include <iterator>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -25,6 +27,7 @@
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
+#include "kestrune_app/Host/WorkflowCommands.h"
 
 namespace kestrune::HostCommands {
 
@@ -468,13 +471,13 @@ int workflows(Context& c) {
     const std::string verb = c.args.empty() ? "list" : c.args[0];
     if (verb == "list") {
         c.noMoreThan(1);
-        mailcore::WorkflowStore store(c.paths.workflows);
-        const auto all = store.all();
-        if (all.empty()) c.out("No workflow.");
-        for (const auto& w : all) {
-            c.out(w.id + "  " + std::string(mailcore::statusName(w.status)) + "  risk " + w.risk +
-                  "  by " + w.authorName + "\n  " + mailcore::describeWorkflow(w.spec));
-        }
+        WorkflowCommands::list(c.paths, mailcore::systemClock()(), c.env.out);
+        return ok;
+    }
+    if (verb == "runs") {
+        const std::string id = c.arg(1, "the workflow id");
+        c.noMoreThan(2);
+        WorkflowCommands::runs(c.paths, id, c.env.out);
         return ok;
     }
     if (verb == "approve" || verb == "pause" || verb == "resume" || verb == "delete") {
@@ -490,7 +493,7 @@ int workflows(Context& c) {
         c.out(reply->value("message", ""));
         return reply->value("ok", false) ? ok : failure;
     }
-    throw UsageError("workflows takes list, approve, pause, resume or delete");
+    throw UsageError("workflows takes list, runs, approve, pause, resume or delete");
 }
 
 int import(Context& c) {
@@ -509,14 +512,27 @@ int import(Context& c) {
         mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(c.paths.store.string()));
         const auto now = mailcore::systemClock()();
         ensureAccount(store, {*account, label.value_or(*account), false}, now);
+        WorkflowCommands::ImportPass workflowPass(c.paths, store);
         const auto result = maildir ? importMaildir(store, *account, *maildir, now)
                                     : importMbox(store, *account, *mbox, now);
         c.out("Imported " + std::to_string(result.imported) + " messages into " + *account +
               (result.skipped ? " (" + std::to_string(result.skipped) + " skipped)." : "."));
+        if (const auto ran = workflowPass.finish(); !ran.empty()) c.out(ran);
     } catch (const UsageError&) {
         throw;
     } catch (const std::exception& e) {
         throw Failure(e.what());
+    }
+    return ok;
+}
+
+int ai(Context& c) {
+    try {
+        WorkflowCommands::ai(
+            c.args, c.paths,
+            [] { return std::string(std::istreambuf_iterator<char>(std::cin), {}); }, c.env.out);
+    } catch (const std::invalid_argument& e) {
+        throw UsageError(e.what());
     }
     return ok;
 }
@@ -623,7 +639,10 @@ const std::string& usage() {
         "  audit [--harness H] [--tool T] [--account A] [--result R] [--since DATE]\n"
         "        [--format text|jsonl|csv] [--output FILE]\n"
         "  workflows [list]                    workflows agents proposed\n"
+        "  workflows runs ID                   a workflow's run history\n"
         "  workflows approve|pause|resume|delete ID\n"
+        "  ai [show] | clear                   the AI provider workflows use\n"
+        "  ai set --url URL --model NAME [--key-stdin]\n"
         "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
         "  outbox [list] | retry ID | cancel ID   work queued for the accounts' servers\n"
         "\n"
@@ -660,12 +679,12 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
             {"accounts", accounts},   {"limits", limits},
             {"harnesses", harnesses}, {"audit", audit},
             {"workflows", workflows}, {"import", import},
-            {"outbox", outbox}};
+            {"outbox", outbox},       {"ai", ai}};
         auto it = commands.find(command);
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)
             if (a.starts_with("--") && command != "serve" && command != "audit" &&
-                command != "import" && command != "accounts")
+                command != "import" && command != "accounts" && command != "ai")
                 throw UsageError("unknown option " + a);
         return it->second(c);
     } catch (const HostError& e) {

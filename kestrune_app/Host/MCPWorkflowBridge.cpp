@@ -223,6 +223,13 @@ MCPWorkflowBridge::MCPWorkflowBridge(mailcore::WorkflowStore& store, MCPMailBack
                                      mailcore::WorkflowMatcher::UTCOffset utcOffset)
     : mail_(backend), handler_(store, &mail_, std::move(clock), limits, std::move(utcOffset)) {}
 
+MCPWorkflowBridge::MCPWorkflowBridge(mailcore::WorkflowStore& store, MCPMailBackend& backend,
+                                     mailcore::WorkflowMailSource& previewMail,
+                                     mailcore::Clock clock, std::function<bool()> aiAvailable)
+    : mail_(backend), handler_(store, &previewMail, std::move(clock)) {
+    handler_.setAIAvailable(std::move(aiAvailable));
+}
+
 MCPWorkflowResult MCPWorkflowBridge::handle(const MCPWorkflowCall& call) {
     mailcore::WorkflowCaller caller;
     caller.harnessID = call.harnessID;

@@ -20,6 +20,7 @@
 // is required to be thread-safe.
 #pragma once
 
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -63,6 +64,13 @@ public:
                       mailcore::Clock clock, mailcore::WorkflowLimits limits = {},
                       mailcore::WorkflowMatcher::UTCOffset utcOffset =
                           mailcore::WorkflowMatcher::localUTCOffset());
+    // Previews read `previewMail` (the local store with its conversations,
+    // so that no_reply and in_thread previews see threads) instead of the
+    // backend; `aiAvailable` tells whether the person has an AI provider.
+    // Both must outlive the bridge.
+    MCPWorkflowBridge(mailcore::WorkflowStore& store, MCPMailBackend& backend,
+                      mailcore::WorkflowMailSource& previewMail, mailcore::Clock clock,
+                      std::function<bool()> aiAvailable);
 
     MCPWorkflowResult handle(const MCPWorkflowCall& call) override;
 

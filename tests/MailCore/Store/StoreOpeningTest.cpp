@@ -24,13 +24,14 @@ TEST(StoreOpeningTest, FreshFileReachesTheNewestVersionPrivatelyAndReopensAsIs) 
     std::string path = dir.file("nested/deeper/mail.db");
     {
         SQLiteMailStore store(StoreLocation::file(path), at(500));
-        EXPECT_EQ(store.schemaVersion(), 2);
+        EXPECT_EQ(store.schemaVersion(), 3);
         auto applied = store.appliedMigrations();
-        ASSERT_EQ(applied.size(), 2u);
+        ASSERT_EQ(applied.size(), 3u);
         EXPECT_EQ(applied[0].version, 1);
         EXPECT_EQ(applied[0].name, "base schema");
         EXPECT_EQ(applied[1].name, "full-text search index");
         EXPECT_EQ(applied[1].appliedAt, at(500));
+        EXPECT_EQ(applied[2].name, "workflow ledger");
         store.read([](SQLiteDatabase& db) {
             EXPECT_EQ(db.scalarInt("PRAGMA foreign_keys"), 1);
             EXPECT_EQ(db.scalarInt("PRAGMA synchronous"), 1);  // NORMAL
@@ -74,9 +75,9 @@ TEST(StoreOpeningTest, VersionOneFileIsMigratedWithItsSearchIndexBuilt) {
         EXPECT_EQ(count(db, "sqlite_master WHERE name = 'message_search'"), 0);
     }
     SQLiteMailStore store(StoreLocation::file(path), at(20));
-    EXPECT_EQ(store.schemaVersion(), 2);
+    EXPECT_EQ(store.schemaVersion(), 3);
     auto applied = store.appliedMigrations();
-    ASSERT_EQ(applied.size(), 2u);
+    ASSERT_EQ(applied.size(), 3u);
     EXPECT_EQ(applied[0].appliedAt, at(10));
     EXPECT_EQ(applied[1].appliedAt, at(20));
     const std::pair<const char*, int> searches[] = {{"budget", 1}, {"ann", 1}, {"walrus", 2}};
@@ -90,14 +91,14 @@ TEST(StoreOpeningTest, VersionOneFileIsMigratedWithItsSearchIndexBuilt) {
 TEST(StoreOpeningTest, NewerSchemaIsRefusedAndLeftUntouched) {
     TempDir dir;
     std::string path = dir.file("mail.db");
-    SQLiteDatabase(path).execute("CREATE TABLE future (x); PRAGMA user_version = 3;");
+    SQLiteDatabase(path).execute("CREATE TABLE future (x); PRAGMA user_version = 4;");
     std::string before = testfiles::readFile(path);
     try {
         SQLiteMailStore store(StoreLocation::file(path));
         FAIL() << "opened";
     } catch (const MailError& e) {
         EXPECT_EQ(e, MailError::storage(StorageFailureKind::schemaNewerThanSupported,
-                                        "database schema 3 is newer than supported 2"));
+                                        "database schema 4 is newer than supported 3"));
     }
     EXPECT_EQ(testfiles::readFile(path), before);
 }
