@@ -15,6 +15,7 @@
 
 #include "MailCore/AI/OpenAIChatProvider.h"
 #include "MailCore/Workflow/WorkflowEngine.h"
+#include "MailCore/Workflow/WorkflowToolHandler.h"
 #include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
@@ -284,8 +285,22 @@ TEST_F(WorkflowEngineTest, NoReplyFindsExactlyTheUnansweredThreads) {
     file("sam@partner.org", "Re: Contract", "", now - 70h, "b2@test", "b1@test");
     file(me, "Fresh question", "", now - 1h, "c1@test");
     file("kim@partner.org", "Their question", "", now - 90h, "d1@test");
-    const std::string id = approve(
-        R"({"name":"Chase","trigger":{"type":"no_reply","after_hours":48},"actions":[{"type":"remind"},{"type":"star"}]})");
+    const char* const spec =
+        R"({"name":"Chase","trigger":{"type":"no_reply","after_hours":48},"actions":[{"type":"remind"},{"type":"star"}]})";
+    // The preview over the store sees the same conversations.
+    WorkflowStoreMail mail(store);
+    const WorkflowToolHandler handler(workflows, &mail, clock.clock(), {}, options.utcOffset);
+    const WorkflowCaller caller{
+        "harness-1",
+        "Agent",
+        {"search_messages", "read_message", "apply_label", "manage_workflows"},
+        std::vector<std::string>{me}};
+    const Json preview =
+        parseJson(handler.handle(caller, "preview_workflow", Json{{"spec", parseJson(spec)}}).text);
+    EXPECT_EQ(preview["matched_count"], 1) << preview.dump();
+    EXPECT_EQ(preview["sample"][0]["subject"], "Quote request");
+
+    const std::string id = approve(spec);
     EXPECT_EQ(engine().runDue().effects, 2);
     EXPECT_EQ(count("SELECT COUNT(*) FROM workflow_outputs WHERE kind = 'reminder' AND title = "
                     "'Reminder: Quote request'"),

@@ -3,12 +3,16 @@
 // import, once, and `kestrune workflows` shows its runs and caps.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <thread>
 
 #include "AppTestSupport.h"
+#include "MailCore/Workflow/WorkflowEngine.h"
 #include "MailCore/Workflow/WorkflowSpec.h"
 #include "MailCore/Workflow/WorkflowStore.h"
+#include "kestrune_app/Host/AppHost.h"
 #include "kestrune_app/Host/HostCommands.h"
 #include "kestrune_app/Host/HostPaths.h"
 #include "tests/fakes/TestFiles.h"
@@ -103,6 +107,44 @@ TEST_F(WorkflowCommandsTest, ApprovedWorkflowLabelsOnlyTheSecondImportsMatchesOn
     EXPECT_NE(output.find("harness-7  workflow_effect  alex@example.com  ok  workflow WF-1"),
               std::string::npos)
         << output;
+}
+
+TEST_F(WorkflowCommandsTest, OnTheDemoMailboxOnlyMailArrivingAfterApprovalIsLabelled) {
+    const auto paths = HostPaths::make(dir.path, dir.path / "home");
+    {
+        mailcore::WorkflowStore workflows(paths.workflows);
+        mailcore::StoredWorkflow w;
+        w.id = "WF-2";
+        w.author = "harness-7";
+        w.spec = mailcore::WorkflowSpec::fromJson(mailcore::parseJson(
+            R"({"name":"Invoices","trigger":{"type":"new_message"},"conditions":[{"type":"subject","values":["invoice"]}],"actions":[{"type":"apply_label","label":"Invoices"}]})"));
+        workflows.insert(w, 25);
+        workflows.approve(w.id, mailcore::systemClock()());
+    }
+    ServeOptions options;
+    options.dataDir = dir.path;
+    options.home = dir.path / "home";
+    options.demo = true;
+    options.demoMessages = fs::path(std::getenv("KESTRUNE_SOURCE_DIR")) / "kestrune_app" / "demo";
+    for (int start = 0; start < 2; ++start) {  // the second start is a restart
+        AppHost host(options, [](const std::string&) {});
+        host.start();
+        if (start == 0) {
+            // Filed by another process while the app serves; both may run the workflow.
+            ASSERT_EQ(run({"import", "--account", "alex@example.com", "--maildir",
+                           maildir("more", {"Invoice 200", "Minutes"}).string()}),
+                      0);
+        }
+        host.messagesReceived();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        host.stop();
+    }
+    // The demo's own overdue invoice came before the approval.
+    EXPECT_EQ(labelled(), std::vector<std::string>{"Invoice 200"});
+    mailcore::SQLiteMailStore store(mailcore::StoreLocation::file(paths.store.string()));
+    EXPECT_EQ(
+        mailcore::WorkflowEngine::status(store, "WF-2", mailcore::systemClock()()).effectsThisHour,
+        1);
 }
 
 TEST_F(WorkflowCommandsTest, AIProviderSettingsAndTheirAbsence) {
