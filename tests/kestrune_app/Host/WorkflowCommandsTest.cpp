@@ -44,7 +44,8 @@ struct WorkflowCommandsTest : ::testing::Test {
         fs::create_directories(root / "tmp");
         int n = 0;
         for (const auto& subject : subjects) {
-            std::ofstream(root / "cur" / (name + std::to_string(++n) + ".host:2,S"))
+            ++n;
+            std::ofstream(root / "cur" / (name + std::to_string(n) + ".host:2,S"))
                 << testing::rawMessage("billing@shop.com", subject,
                                        "Mon, 16 Nov 2026 11:0" + std::to_string(n) + ":00 +0000",
                                        "Body of " + subject);
