@@ -8,6 +8,7 @@
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "MailCore/AI/OpenAIChatProvider.h"
+#include "kestrune_app/Host/HostError.h"
 
 namespace kestrune {
 
@@ -22,9 +23,9 @@ std::optional<AISettings> AISettings::load(const HostPaths& paths) {
     Json json;
     if (!mailcore::tryParseJson(*text, json) || !json.is_object() ||
         !json.value("url", Json()).is_string() || !json.value("model", Json()).is_string())
-        throw std::runtime_error(
-            "the AI provider settings cannot be read; set them again with "
-            "`kestrune ai set`");
+        throw HostError(HostError::Kind::failed,
+                        "the AI provider settings cannot be read; set them again with "
+                        "`kestrune ai set`");
     AISettings s;
     s.url = json["url"].get<std::string>();
     s.model = json["model"].get<std::string>();
@@ -43,13 +44,13 @@ void AISettings::save(const HostPaths& paths, const AISettings& settings,
             fs::remove(directory(paths) / "key", ignored);
         } else if (!mcpkit::MCPPrivateFile::writeAtomically(directory(paths) / "key", *key,
                                                             &error)) {
-            throw std::runtime_error("cannot save the key: " + error);
+            throw HostError(HostError::Kind::failed, "cannot save the key: " + error);
         }
     }
     const Json json{{"url", settings.url}, {"model", settings.model}};
     if (!mcpkit::MCPPrivateFile::writeAtomically(directory(paths) / "provider.json",
                                                  mailcore::encodeJson(json), &error))
-        throw std::runtime_error("cannot save the AI provider settings: " + error);
+        throw HostError(HostError::Kind::failed, "cannot save the AI provider settings: " + error);
 }
 
 void AISettings::clear(const HostPaths& paths) {
@@ -71,8 +72,8 @@ std::shared_ptr<mailcore::AIProvider> AISettings::provider(const HostPaths& path
     try {
         return std::make_shared<mailcore::OpenAIChatProvider>(std::move(config));
     } catch (const mailcore::AIProviderError& e) {
-        throw std::runtime_error(std::string("the AI provider settings are not usable: ") +
-                                 e.what());
+        throw HostError(HostError::Kind::failed,
+                        std::string("the AI provider settings are not usable: ") + e.what());
     }
 }
 

@@ -35,7 +35,7 @@ struct AISettings {
     bool hasKey = false;
 
     static std::filesystem::path directory(const HostPaths& paths);
-    // None when nothing is configured; throws std::runtime_error when the
+    // None when nothing is configured; throws HostError when the
     // settings cannot be read.
     static std::optional<AISettings> load(const HostPaths& paths);
     // Writes the settings, and the key when given (an empty key removes it).

@@ -8,6 +8,7 @@
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowEngine.h"
+#include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 
 namespace kestrune::WorkflowCommands {
@@ -92,7 +93,7 @@ void list(const HostPaths& paths, mailcore::Date now, const Print& out) {
 void runs(const HostPaths& paths, const std::string& id, const Print& out) {
     mailcore::WorkflowStore workflows(paths.workflows);
     const auto w = workflows.find(id);
-    if (!w) throw std::runtime_error("no workflow " + id);
+    if (!w) throw HostError(HostError::Kind::notFound, "no workflow " + id);
     if (!fs::exists(paths.store)) {
         out("Workflow " + id + " has not run.");
         return;

@@ -9,7 +9,7 @@
 //   kestrune ai clear
 //
 // and the workflow pass that follows `kestrune import`. Usage errors throw
-// std::invalid_argument, failures std::runtime_error.
+// std::invalid_argument, failures HostError.
 #pragma once
 
 #include <functional>
