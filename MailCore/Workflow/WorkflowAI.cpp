@@ -3,6 +3,7 @@
 #include <openssl/sha.h>
 
 #include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/UTF8.h"
 #include "MailCore/Workflow/WorkflowText.h"
 
@@ -20,8 +21,7 @@ std::string clean(std::string_view text, std::int64_t budget) {
         AIContentSanitizer::sanitize(text, AIContentSanitizerOptions::standard(budget)).text;
     // Defuse anything that looks like our markers.
     for (const std::string marker : {"<mail>", "</mail>"}) {
-        for (std::size_t at = 0;
-             (at = workflowtext::lowercased(out).find(marker, at)) != std::string::npos;) {
+        for (std::size_t at = 0; (at = asciiLower(out).find(marker, at)) != std::string::npos;) {
             out.replace(at, 1, "(");
             at += marker.size();
         }
@@ -61,7 +61,7 @@ AIChatRequest classifyRequest(const WorkflowCondition& condition,
 
 Judgement readJudgement(const std::string& answer) {
     const std::string text = trimmed(answer);
-    const std::string lower = workflowtext::lowercased(text.substr(0, 8));
+    const std::string lower = asciiLower(text.substr(0, 8));
     Judgement j;
     std::size_t skip = 0;
     if (lower.rfind("yes", 0) == 0) {

@@ -12,6 +12,7 @@
 #include <nlohmann/json.hpp>
 #include <set>
 
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Workflow/WorkflowAI.h"
 #include "MailCore/Workflow/WorkflowText.h"
@@ -19,8 +20,6 @@
 namespace mailcore {
 
 namespace {
-
-using workflowtext::lowercased;
 
 constexpr std::chrono::seconds hour{3600};
 constexpr const char* receivedFilter =
@@ -35,9 +34,9 @@ bool isActive(const StoredWorkflow& w) { return w.approved && w.status == Workfl
 
 bool watchesAccount(const WorkflowSpec& spec, const std::string& account) {
     if (spec.accounts.empty()) return true;
-    const std::string lower = lowercased(account);
+    const std::string lower = asciiLower(account);
     return std::any_of(spec.accounts.begin(), spec.accounts.end(),
-                       [&](const std::string& a) { return lowercased(a) == lower; });
+                       [&](const std::string& a) { return asciiLower(a) == lower; });
 }
 
 bool hasCondition(const WorkflowSpec& spec, std::initializer_list<const char*> types) {
@@ -342,7 +341,7 @@ bool WorkflowEngine::act(const StoredWorkflow& w, const WorkflowMailMessage& mes
                 auto& out = draft.message;
                 out.from = {{me, account}};
                 out.to = fields->replyTo.empty() ? fields->from : fields->replyTo;
-                out.subject = lowercased(message.subject).rfind("re:", 0) == 0
+                out.subject = asciiLower(message.subject).rfind("re:", 0) == 0
                                   ? message.subject
                                   : "Re: " + message.subject;
                 out.textBody = *replyText;
@@ -364,7 +363,7 @@ bool WorkflowEngine::act(const StoredWorkflow& w, const WorkflowMailMessage& mes
                 line["message_id"] = message.id;
                 line["extracted_at"] = secondsSince1970(now);
                 for (const std::string& f : a.fields) {
-                    const std::string name = lowercased(f);
+                    const std::string name = asciiLower(f);
                     if (name == "from" || name == "sender")
                         line[f] = message.from;
                     else if (name == "sender_name")

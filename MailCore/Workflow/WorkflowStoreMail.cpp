@@ -6,6 +6,7 @@
 #include <set>
 
 #include "MailCore/AI/AIContentSanitizer.h"
+#include "MailCore/Common/CaseFolding.h"
 #include "MailCore/Workflow/WorkflowMatcher.h"
 #include "MailCore/Workflow/WorkflowText.h"
 
@@ -149,7 +150,7 @@ std::vector<std::string> WorkflowStoreMail::accountKeys() {
 std::vector<std::string> WorkflowStoreMail::ownAddresses() {
     std::vector<std::string> out;
     auto add = [&](const std::string& address) {
-        const std::string lower = workflowtext::lowercased(address);
+        const std::string lower = asciiLower(address);
         if (lower.find('@') != std::string::npos &&
             std::find(out.begin(), out.end(), lower) == out.end())
             out.push_back(lower);
