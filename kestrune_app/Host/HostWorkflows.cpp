@@ -6,8 +6,8 @@
 #include <stdexcept>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
-#include "KestruneMCPKit/Link/MCPPrivateFile.h"
 #include "MailCore/AI/OpenAIChatProvider.h"
+#include "MailCore/Common/PrivateFiles.h"
 #include "kestrune_app/Host/HostError.h"
 
 namespace kestrune {
@@ -15,13 +15,20 @@ namespace kestrune {
 namespace fs = std::filesystem;
 using mailcore::Json;
 
+namespace {
+// The settings file and the key are a few hundred bytes; anything far larger
+// is not ours.
+constexpr std::size_t kSettingsBound = 64 * 1024;
+}  // namespace
+
 fs::path AISettings::directory(const HostPaths& paths) { return paths.root / "ai"; }
 
 std::optional<AISettings> AISettings::load(const HostPaths& paths) {
-    const auto text = mcpkit::MCPPrivateFile::read(directory(paths) / "provider.json");
-    if (!text) return std::nullopt;
+    const auto file =
+        mailcore::systemFiles()->read(directory(paths) / "provider.json", kSettingsBound);
+    if (file.missing()) return std::nullopt;
     Json json;
-    if (!mailcore::tryParseJson(*text, json) || !json.is_object() ||
+    if (!file.ok() || !mailcore::tryParseJson(file.bytes, json) || !json.is_object() ||
         !json.value("url", Json()).is_string() || !json.value("model", Json()).is_string())
         throw HostError(HostError::Kind::failed,
                         "the AI provider settings cannot be read; set them again with "
@@ -42,14 +49,14 @@ void AISettings::save(const HostPaths& paths, const AISettings& settings,
         if (key->empty()) {
             std::error_code ignored;
             fs::remove(directory(paths) / "key", ignored);
-        } else if (!mcpkit::MCPPrivateFile::writeAtomically(directory(paths) / "key", *key,
-                                                            &error)) {
+        } else if (!mailcore::systemFiles()->writeAtomically(directory(paths) / "key", *key,
+                                                             &error)) {
             throw HostError(HostError::Kind::failed, "cannot save the key: " + error);
         }
     }
     const Json json{{"url", settings.url}, {"model", settings.model}};
-    if (!mcpkit::MCPPrivateFile::writeAtomically(directory(paths) / "provider.json",
-                                                 mailcore::encodeJson(json), &error))
+    if (!mailcore::systemFiles()->writeAtomically(directory(paths) / "provider.json",
+                                                  mailcore::encodeJson(json), &error))
         throw HostError(HostError::Kind::failed, "cannot save the AI provider settings: " + error);
 }
 
@@ -65,9 +72,11 @@ std::shared_ptr<mailcore::AIProvider> AISettings::provider(const HostPaths& path
     mailcore::AIProviderConfig config;
     config.url = settings->url;
     config.model = settings->model;
-    if (auto key = mcpkit::MCPPrivateFile::read(directory(paths) / "key")) {
-        while (!key->empty() && (key->back() == '\n' || key->back() == '\r')) key->pop_back();
-        if (!key->empty()) config.apiKey = std::move(*key);
+    if (auto file = mailcore::systemFiles()->read(directory(paths) / "key", kSettingsBound);
+        file.ok()) {
+        std::string key = std::move(file.bytes);
+        while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
+        if (!key.empty()) config.apiKey = std::move(key);
     }
     try {
         return std::make_shared<mailcore::OpenAIChatProvider>(std::move(config));
