@@ -15,7 +15,7 @@ constexpr const char* fallbackName = "Sent";
 class IMAPSentMailbox final : public SentMailbox {
 public:
     IMAPSentMailbox(std::shared_ptr<ConnectionFactory> connections, ServerEndpoint endpoint,
-                    IMAPSentLogin login, ProtocolLimits limits, ConnectionTimeouts timeouts)
+                    ServerLogin login, ProtocolLimits limits, ConnectionTimeouts timeouts)
         : connections_(std::move(connections)),
           endpoint_(std::move(endpoint)),
           login_(std::move(login)),
@@ -90,7 +90,7 @@ private:
 
     std::shared_ptr<ConnectionFactory> connections_;
     ServerEndpoint endpoint_;
-    IMAPSentLogin login_;
+    ServerLogin login_;
     ProtocolLimits limits_;
     ConnectionTimeouts timeouts_;
     std::unique_ptr<IMAPSession> session_;
@@ -100,7 +100,7 @@ private:
 }  // namespace
 
 std::unique_ptr<SentMailbox> makeIMAPSentMailbox(std::shared_ptr<ConnectionFactory> connections,
-                                                 ServerEndpoint endpoint, IMAPSentLogin login,
+                                                 ServerEndpoint endpoint, ServerLogin login,
                                                  ProtocolLimits limits,
                                                  ConnectionTimeouts timeouts) {
     return std::make_unique<IMAPSentMailbox>(std::move(connections), std::move(endpoint),

@@ -17,21 +17,15 @@
 #include <memory>
 #include <string>
 
+#include "MailCore/Engine/NetConnectionFactory.h"
 #include "MailCore/Engine/SentMailbox.h"
 #include "MailCore/Transport/ConnectionFactory.h"
 #include "MailCore/Transport/TransportTypes.h"
 
 namespace mailcore {
 
-struct IMAPSentLogin {
-    std::string user;
-    // A password, or an OAuth access token obtained by the caller.
-    std::string secret;
-    bool isOAuthToken = false;
-};
-
 std::unique_ptr<SentMailbox> makeIMAPSentMailbox(std::shared_ptr<ConnectionFactory> connections,
-                                                 ServerEndpoint endpoint, IMAPSentLogin login,
+                                                 ServerEndpoint endpoint, ServerLogin login,
                                                  ProtocolLimits limits,
                                                  ConnectionTimeouts timeouts);
 

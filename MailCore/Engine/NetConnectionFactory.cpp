@@ -23,4 +23,31 @@ std::unique_ptr<SMTPSession> NetConnectionFactory::makeSMTPSession(
                                         ehloName_);
 }
 
+void checkIMAPSignIn(ConnectionFactory& connections, const ServerEndpoint& endpoint,
+                     const ServerLogin& login, const ConnectionTimeouts& timeouts) {
+    auto session = connections.makeIMAPSession(endpoint, ProtocolLimits{}, timeouts);
+    try {
+        session->connect();
+        if (!session->isAuthenticated())
+            session->authenticate({login.user, login.secret, login.isOAuthToken});
+    } catch (const MailError&) {
+        session->logout();
+        throw;
+    }
+    session->logout();
+}
+
+void checkSMTPSignIn(ConnectionFactory& connections, const ServerEndpoint& endpoint,
+                     const ServerLogin& login, const ConnectionTimeouts& timeouts) {
+    auto session = connections.makeSMTPSession(endpoint, ProtocolLimits{}, timeouts);
+    try {
+        session->connect();
+        session->authenticate({login.user, login.secret, login.isOAuthToken, std::nullopt});
+    } catch (const MailError&) {
+        session->quit();
+        throw;
+    }
+    session->quit();
+}
+
 }  // namespace mailcore

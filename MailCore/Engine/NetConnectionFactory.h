@@ -41,4 +41,20 @@ private:
     std::string ehloName_;
 };
 
+// What either client signs in with.
+struct ServerLogin {
+    std::string user;
+    // A password, or an OAuth access token obtained by the caller.
+    std::string secret;
+    bool isOAuthToken = false;
+};
+
+// Sign-in checks: a new session from `connections` connects (TLS as the
+// endpoint says), signs in with `login` and leaves. Throw the session's
+// MailErrors (see IMAPSession and SMTPSession).
+void checkIMAPSignIn(ConnectionFactory& connections, const ServerEndpoint& endpoint,
+                     const ServerLogin& login, const ConnectionTimeouts& timeouts);
+void checkSMTPSignIn(ConnectionFactory& connections, const ServerEndpoint& endpoint,
+                     const ServerLogin& login, const ConnectionTimeouts& timeouts);
+
 }  // namespace mailcore

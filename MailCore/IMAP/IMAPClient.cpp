@@ -1,10 +1,9 @@
 #include "MailCore/IMAP/IMAPClient.h"
 
-#include <openssl/evp.h>
-
 #include <algorithm>
 #include <exception>
 
+#include "MailCore/Common/Base64.h"
 #include "MailCore/Common/MailError.h"
 #include "MailCore/IMAP/IMAPDate.h"
 #include "MailCore/Transport/Cancellation.h"
@@ -33,15 +32,6 @@ std::string lower(std::string_view text) {
     for (char& c : out) {
         if (c >= 'A' && c <= 'Z') c = static_cast<char>(c - 'A' + 'a');
     }
-    return out;
-}
-
-std::string base64(std::string_view bytes) {
-    std::string out(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int n = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(out.data()),
-                                  reinterpret_cast<const unsigned char*>(bytes.data()),
-                                  static_cast<int>(bytes.size()));
-    out.resize(static_cast<std::size_t>(n));
     return out;
 }
 
@@ -363,17 +353,17 @@ void IMAPClient::authenticateSASL(const std::string& mechanism, const std::strin
     const bool initialResponse = capabilities_.has("SASL-IR");
     Command command{"AUTHENTICATE", {IMAPArgument::atom(mechanism)}, false, true};
     if (initialResponse) {
-        const std::string encoded = base64(initial);
+        const std::string encoded = base64Encode(initial);
         command.arguments.push_back(IMAPArgument::atom(encoded.empty() ? "=" : encoded));
     }
     bool sentInitial = initialResponse;
     const IMAPStatusResponse answer = exchange(command, {}, [&](const IMAPContinuation&) {
         if (!sentInitial) {
             sentInitial = true;
-            return base64(initial);
+            return base64Encode(initial);
         }
         // A challenge after the response carries the server's error.
-        return base64(onError);
+        return base64Encode(onError);
     });
     if (answer.status == IMAPStatus::ok) {
         authenticated_ = true;

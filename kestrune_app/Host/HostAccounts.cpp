@@ -13,7 +13,7 @@
 #include "MailCore/Credentials/KeyringCredentialStores.h"
 #include "MailCore/Setup/AccountCheck.h"
 #include "MailCore/Setup/ProviderLookup.h"
-#include "MailCore/Setup/TransportServerChecker.h"
+#include "MailCore/Setup/SessionServerChecker.h"
 
 namespace kestrune {
 
@@ -301,7 +301,7 @@ int add(std::vector<std::string> args, const HostPaths& paths, const AccountComm
     if (noCheck) {
         io.out("Not checking the servers (--no-check): the account is saved as given.");
     } else {
-        TransportServerChecker checker;
+        SessionServerChecker checker;
         if (!checkAccount(account, credentials, checker, io.out, passwordNote).ok())
             throw Failure(
                 "The account was not saved: correct what is said above and run the "
@@ -357,7 +357,7 @@ int test(std::vector<std::string> args, const HostPaths& paths, const AccountCom
     auto choice = credentialStore(paths);
     if (choice.warning) io.out(*choice.warning);
     AccountCredentials credentials(directory, *choice.store, systemClock());
-    TransportServerChecker checker;
+    SessionServerChecker checker;
     if (!checkAccount(account, credentials, checker, io.out).ok()) return 1;
     io.out("Both servers of " + address + " work.");
     return 0;
