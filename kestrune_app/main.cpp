@@ -1,6 +1,9 @@
 // kestrune: the application that owns the mail store and serves harnesses.
 // Every command is in the host library; this entry wires signals and output.
 #include <unistd.h>
+#if defined(__linux__)
+#include <sys/prctl.h>
+#endif
 
 #include <csignal>
 #include <cstdio>
@@ -16,6 +19,11 @@ extern "C" void requestStop(int) { stopRequested.store(true); }
 }  // namespace
 
 int main(int argc, char** argv) {
+#if defined(__linux__)
+    // Other processes of the user may neither attach to this one nor read
+    // its memory, where `serve` keeps the one-time codes of its questions.
+    ::prctl(PR_SET_DUMPABLE, 0, 0, 0, 0);
+#endif
     std::signal(SIGPIPE, SIG_IGN);
     struct sigaction action {};
     action.sa_handler = requestStop;

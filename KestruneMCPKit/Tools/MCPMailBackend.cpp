@@ -128,6 +128,17 @@ void to_json(Json& json, const MCPOutgoing& v) {
                 {"cc", v.cc},
                 {"subject", v.subject},
                 {"body", v.body}};
+    if (v.fromDraft) {
+        Json attachments = Json::array();
+        for (const auto& [name, size] : v.fromDraft->attachments)
+            attachments.push_back(Json{{"name", name}, {"size", size}});
+        json["fromDraft"] = Json{{"id", v.fromDraft->id},
+                                 {"bcc", v.fromDraft->bcc},
+                                 {"replyTo", v.fromDraft->replyTo},
+                                 {"attachments", attachments}};
+        if (v.fromDraft->htmlCharacters)
+            json["fromDraft"]["htmlCharacters"] = *v.fromDraft->htmlCharacters;
+    }
 }
 void from_json(const Json& json, MCPOutgoing& v) {
     json.at("account").get_to(v.account);
@@ -135,6 +146,20 @@ void from_json(const Json& json, MCPOutgoing& v) {
     json.at("cc").get_to(v.cc);
     json.at("subject").get_to(v.subject);
     json.at("body").get_to(v.body);
+    v.fromDraft.reset();
+    if (json.contains("fromDraft")) {
+        const Json& d = json.at("fromDraft");
+        MCPDraftExtras extras;
+        d.at("id").get_to(extras.id);
+        d.at("bcc").get_to(extras.bcc);
+        d.at("replyTo").get_to(extras.replyTo);
+        if (d.contains("htmlCharacters"))
+            extras.htmlCharacters = d.at("htmlCharacters").get<std::size_t>();
+        for (const auto& a : d.at("attachments"))
+            extras.attachments.emplace_back(a.at("name").get<std::string>(),
+                                            a.at("size").get<std::int64_t>());
+        v.fromDraft = std::move(extras);
+    }
 }
 
 }  // namespace mcpkit

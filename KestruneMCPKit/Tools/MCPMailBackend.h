@@ -7,9 +7,11 @@
 // exception's text to the agent and answers "The request failed." instead.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "MailCore/Common/Json.h"
@@ -85,12 +87,25 @@ struct MCPMessage {
     bool operator==(const MCPMessage&) const = default;
 };
 
+// What a saved draft sends besides the fields an agent can set: shown to the
+// user with the draft, so that nothing goes out unseen.
+struct MCPDraftExtras {
+    std::string id;  // the draft's handle
+    std::vector<std::string> bcc;
+    std::vector<std::string> replyTo;
+    std::optional<std::size_t> htmlCharacters = std::nullopt;       // present with an HTML part
+    std::vector<std::pair<std::string, std::int64_t>> attachments;  // name, size in bytes
+
+    bool operator==(const MCPDraftExtras&) const = default;
+};
+
 struct MCPOutgoing {
     std::string account;
     std::vector<std::string> to;
     std::vector<std::string> cc;
     std::string subject;
     std::string body;
+    std::optional<MCPDraftExtras> fromDraft = std::nullopt;  // present when sent from a draft
 
     bool operator==(const MCPOutgoing&) const = default;
 };

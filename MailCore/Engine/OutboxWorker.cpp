@@ -53,6 +53,24 @@ LaunchRecovery OutboxWorker::recoverAtLaunch() {
         store_.convertSendToDraft(item.id, draft);
         ++report.keptAsDrafts;
     }
+    for (const auto& row : store_.outboxItems(std::nullopt)) {
+        const OutboxItem& item = row.item;
+        if (!isSend(item) || item.state != OutboxItemState::queued ||
+            item.notBefore < heldUntilReleased())
+            continue;
+        const OutboxSend& send = item.operation.sendPayload();
+        DraftRecord draft;
+        draft.id = send.draftID.value_or(DraftID(makeUUID()));
+        draft.accountID = item.accountID;
+        draft.message = send.message;
+        if (auto existing = store_.draft(draft.id))
+            draft.sourceMessageID = existing->sourceMessageID;
+        draft.updatedAt = clock_();
+        store_.convertSendToDraft(item.id, draft);
+        store_.enqueue(item.accountID, OutboxOperation::saveDraft(draft.id, draft.message),
+                       clock_());
+        report.unreleased.push_back(send);
+    }
     heldSendsSettled_ = true;
     return report;
 }
@@ -269,13 +287,19 @@ bool OutboxWorker::drainOutbox(const AccountID& account, double maxWait) {
     }
 }
 
-OutboxItem OutboxWorker::enqueueSend(const AccountID& account, const OutboxSend& send,
-                                     double undoWindow) {
-    Date now = clock_();
-    auto item = store_.enqueue(account, OutboxOperation::send(send), now,
-                               addSeconds(now, std::max(0.0, undoWindow)));
-    kickOutbox(account);
-    return item;
+Date OutboxWorker::heldUntilReleased() {
+    return dateFromSeconds(7258118400.0);  // 2200-01-01
+}
+
+OutboxItem OutboxWorker::enqueueSend(const AccountID& account, const OutboxSend& send) {
+    return store_.enqueue(account, OutboxOperation::send(send), clock_(), heldUntilReleased());
+}
+
+void OutboxWorker::releaseSend(const OutboxItemID& id) {
+    auto row = store_.outboxItem(id);
+    if (!row) return;
+    store_.reschedule(id, clock_());
+    kickOutbox(row->item.accountID);
 }
 
 OutboxSend OutboxWorker::cancelSend(const OutboxItemID& id, double undoWindow) {

@@ -55,6 +55,9 @@ struct LaunchRecovery {
     std::size_t requeued = 0;      // in-flight items queued again
     std::size_t heldSends = 0;     // of those, sends
     std::size_t keptAsDrafts = 0;  // held sends turned back into drafts
+    // Sends still waiting for their release (inside their undo window) when
+    // the previous run ended: kept as drafts, whatever heldSendsOnLaunch says.
+    std::vector<OutboxSend> unreleased;
 };
 
 class OutboxWorker {
@@ -72,7 +75,9 @@ public:
     // run are queued again with the attempt counts they had after their
     // claim; interrupted sends are marked uncertain (so they are verified
     // before any new attempt) and, under heldSendsOnLaunch "keepAsDraft",
-    // turned back into drafts. Then heldSendsSettled() is true.
+    // turned back into drafts. Sends never released (see enqueueSend) are
+    // turned back into drafts and queued for saving as such: only a new yes
+    // may send them. Then heldSendsSettled() is true.
     LaunchRecovery recoverAtLaunch();
     bool heldSendsSettled() const { return heldSendsSettled_; }
 
@@ -96,9 +101,14 @@ public:
     // Runs due items until none is left; returns how many ran.
     std::size_t runDue(const std::optional<AccountID>& account = std::nullopt);
 
-    // Queues a send that may be taken back for `undoWindow` seconds: it is
-    // not due before then.
-    OutboxItem enqueueSend(const AccountID& account, const OutboxSend& send, double undoWindow);
+    // Queues a send held for the undo window: it is never due until
+    // releaseSend, so a send whose window was cut short by a crash does not
+    // go out at the next start (recoverAtLaunch keeps it as a draft).
+    OutboxItem enqueueSend(const AccountID& account, const OutboxSend& send);
+    // Makes a held send due now and wakes the workers.
+    void releaseSend(const OutboxItemID& id);
+    // The not-before date of a held send: far beyond any real one.
+    static Date heldUntilReleased();
     // Takes back a queued send within `undoWindow` seconds of its queueing
     // and returns it (to be shown as a draft again). Fails with
     // storage(other, "undo-window-expired") once the window has passed or

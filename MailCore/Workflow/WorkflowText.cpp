@@ -1,19 +1,11 @@
 #include "MailCore/Workflow/WorkflowText.h"
 
+#include "MailCore/Common/DisplayText.h"
 #include "MailCore/Common/UTF8.h"
 
 namespace mailcore::workflowtext {
 
 namespace {
-
-bool isControl(char32_t cp, bool allowLineBreaks) {
-    if (allowLineBreaks && (cp == U'\n' || cp == U'\r' || cp == U'\t')) return false;
-    if (cp < 0x20 || cp == 0x7F) return true;
-    if (cp >= 0x80 && cp <= 0x9F) return true;
-    if (cp >= 0x202A && cp <= 0x202E) return true;
-    if (cp >= 0x2066 && cp <= 0x2069) return true;
-    return false;
-}
 
 bool isSpace(char32_t cp) {
     return cp == U' ' || cp == U'\t' || cp == U'\n' || cp == U'\r' || cp == 0x0B || cp == 0x0C ||
@@ -24,11 +16,7 @@ bool isSpace(char32_t cp) {
 }  // namespace
 
 bool hasControlCharacters(std::string_view text, bool allowLineBreaks) {
-    std::size_t pos = 0;
-    while (pos < text.size()) {
-        if (isControl(utf8::decode(text, pos), allowLineBreaks)) return true;
-    }
-    return false;
+    return DisplayText::hasControlCharacters(text, allowLineBreaks);
 }
 
 bool isBlank(std::string_view text) {
@@ -40,19 +28,7 @@ bool isBlank(std::string_view text) {
 }
 
 std::string displayText(std::string_view text, std::size_t maxCharacters) {
-    std::string out;
-    std::size_t pos = 0;
-    std::size_t count = 0;
-    while (pos < text.size()) {
-        if (count == maxCharacters) {
-            out += "\xE2\x80\xA6";  // …
-            break;
-        }
-        const char32_t cp = utf8::decode(text, pos);
-        utf8::append(out, isControl(cp, false) ? char32_t{0xFFFD} : cp);
-        ++count;
-    }
-    return out;
+    return DisplayText::line(text, maxCharacters);
 }
 
 }  // namespace mailcore::workflowtext

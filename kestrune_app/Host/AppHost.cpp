@@ -14,8 +14,10 @@
 #include "KestruneMCPKit/Link/MCP.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketError.h"
+#include "MailCore/Common/DisplayText.h"
 #include "MailCore/Common/Random.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
+#include "kestrune_app/Host/ConfirmChannel.h"
 #include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MailIngest.h"
@@ -43,7 +45,43 @@ bool validRequestName(const std::string& stem) {
     });
 }
 
+std::string joined(const std::vector<std::string>& items) {
+    std::string out;
+    for (const auto& item : items) out += (out.empty() ? "" : ", ") + item;
+    return out;
+}
+
 }  // namespace
+
+std::string sendSummary(const mcpkit::MCPOutgoing& m) {
+    std::vector<std::string> all = m.to;
+    all.insert(all.end(), m.cc.begin(), m.cc.end());
+    if (m.fromDraft) all.insert(all.end(), m.fromDraft->bcc.begin(), m.fromDraft->bcc.end());
+    // Agent text: shown by the display rule, every recipient in full.
+    return "\"" + mailcore::DisplayText::line(m.subject, 200) + "\" to " +
+           mailcore::DisplayText::line(joined(all), 100000);
+}
+
+std::string undoNotice(const mcpkit::MCPOutgoing& m, std::chrono::milliseconds window) {
+    return "Sending " + sendSummary(m) + " in " +
+           std::to_string(std::chrono::duration_cast<std::chrono::seconds>(window).count()) +
+           " s.\n";
+}
+
+std::string questionText(const PendingQuestion& q, const std::string& code, bool answerHere,
+                         const std::optional<std::filesystem::path>& dataDir) {
+    std::string text = "\n== " + std::string(q.kind == "undo" ? "Undo send" : "Confirm") + " [" +
+                       q.id + "] ==\n" + q.text;
+    const std::string command =
+        "kestrune confirm" + (dataDir ? " --data-dir " + dataDir->string() : std::string());
+    if (q.kind == "undo")
+        return text + (answerHere ? "Type u to undo (or: " + command + " undo " + q.id + ")"
+                                  : "Undo with: " + command + " undo " + q.id);
+    if (answerHere) text += "Type y to allow or n to refuse.\n";
+    return text + "From another terminal: " + command + " yes " + q.id +
+           " and type the one-time code " + code + " when asked (or: " + command + " no " + q.id +
+           ")";
+}
 
 Json handleControl(mailcore::WorkflowStore& workflows, mcpkit::MCPService* service,
                    const Json& request, mailcore::Date now) {
@@ -128,25 +166,13 @@ void AppHost::start() {
         }
     }
 
-    questions_ = std::make_shared<PendingQuestions>(paths_.pending);
+    questions_ = std::make_shared<PendingQuestions>(
+        paths_.pending, mailcore::systemClock(), [this](const std::string& line) { out_(line); });
     mcpkit::MCPPaths::preparePrivateDirectory(paths_.pending);
     mcpkit::MCPPaths::preparePrivateDirectory(paths_.control);
-    auto show = [this](const PendingQuestion& q) {
-        std::string text = "\n== " + std::string(q.kind == "undo" ? "Undo send" : "Confirm") +
-                           " [" + q.id + "] ==\n" + q.text;
-        const std::string command =
-            "kestrune confirm" +
-            (options_.dataDir ? " --data-dir " + options_.dataDir->string() : std::string());
-        const bool here = options_.answerHere;
-        if (q.kind == "undo")
-            text += here ? "Type u to undo (or: " + command + " undo " + q.id + ")"
-                         : "Undo with: " + command + " undo " + q.id;
-        else if (here)
-            text += "Type y to allow or n to refuse (or: " + command + " yes|no " + q.id + ")";
-        else
-            text +=
-                "Answer: " + command + " yes " + q.id + "   (or: " + command + " no " + q.id + ")";
-        out_(text);
+    const auto withdrawn = questions_->withdrawPrevious();
+    auto show = [this](const PendingQuestion& q, const std::string& code) {
+        out_(questionText(q, code, options_.answerHere, options_.dataDir));
     };
     auto questions = questions_;
     const auto window = options_.undoWindow;
@@ -159,24 +185,36 @@ void AppHost::start() {
     const auto recovered = outbox_->recoverAtLaunch();
     if (recovered.requeued > 0)
         out_("Resuming " + std::to_string(recovered.requeued) +
-             " outbox operation(s) interrupted by the last stop.");
+             " outbox operation(s) interrupted by the last stop" +
+             (recovered.heldSends > 0 ? "; a send that may have gone out is looked for in Sent "
+                                        "before it is tried again."
+                                      : "."));
     outbox_->start(2, 1.0);
     SendPath sending;
     sending.outbox = outbox_;
     sending.undoWindow = std::chrono::duration<double>(window).count();
     if (window.count() > 0) {
-        sending.holdForUndo = [questions, window, show](const mcpkit::MCPOutgoing& m) {
-            std::string to;
-            for (const auto& a : m.to) to += (to.empty() ? "" : ", ") + a;
-            const auto answer = questions->ask("undo",
-                                               "Sending \"" + m.subject + "\" to " + to + " in " +
-                                                   std::to_string(window.count() / 1000) + " s.\n",
-                                               window, show);
-            return answer && *answer == PendingQuestions::undo;
+        auto out = out_;
+        sending.holdForUndo = [questions, window, show, out](
+                                  const mcpkit::MCPOutgoing& m,
+                                  const std::function<bool()>& takeBack) {
+            const auto end = questions->ask(
+                "undo", undoNotice(m, window), window, show, nullptr, [&](const std::string&) {
+                    return takeBack() ? "Undone: nothing was sent; the message is in Drafts."
+                                      : "Too late: the send had already started.";
+                });
+            using End = SendPath::HoldEnd;
+            if (end.kind == QuestionEnd::Kind::withdrawn) {
+                out("The send " + sendSummary(m) +
+                    " was inside its undo window and is kept as a draft.");
+                return End::stopped;
+            }
+            return end.kind == QuestionEnd::Kind::answered ? End::undone : End::windowOver;
         };
     }
     backend_ = std::make_shared<StoreMailBackend>(store_, mailcore::systemClock(), sending);
     auto confirmer = std::make_shared<FileConfirmer>(questions_, show);
+    keepInterruptedSends(withdrawn, recovered.unreleased);
 
     audit_ = std::make_shared<mcpkit::MCPAuditLog>(storage_.auditURL);
     const auto state = storage_.policy->snapshot();
@@ -208,6 +246,16 @@ void AppHost::start() {
             } done{inFlight_};
             return service_->handleFrame(frame);
         });
+    answers_ = std::make_unique<mcpkit::MCPSocketServer>(
+        paths_.answers.string(), 64 * 1024,
+        [questions](const std::string& frame) { return answerFrame(*questions, frame); });
+    try {
+        answers_->start();
+    } catch (const std::exception& e) {
+        throw HostError(
+            HostError::Kind::cannotListen,
+            "Cannot listen for answers at " + paths_.answers.string() + ": " + e.what());
+    }
     try {
         server_->start();
     } catch (const mcpkit::MCPSocketError& e) {
@@ -260,6 +308,9 @@ void AppHost::pollControl() {
 }
 
 void AppHost::stop(std::chrono::milliseconds grace) {
+    // Nothing waits for an answer that can no longer come: open questions
+    // end, and what they held is kept for the next start.
+    if (questions_) questions_->withdrawAll();
     if (server_) {
         server_->stop();
         const auto deadline = std::chrono::steady_clock::now() + grace;
@@ -268,6 +319,7 @@ void AppHost::stop(std::chrono::milliseconds grace) {
         server_.reset();
     }
     if (workflowRunner_) workflowRunner_->stop();
+    answers_.reset();
     if (outbox_) outbox_->stop();
     if (storage_.policy) storage_.policy->setOnChange(nullptr);
     if (lockFD_ >= 0) {
@@ -278,6 +330,38 @@ void AppHost::stop(std::chrono::milliseconds grace) {
 
 void AppHost::messagesReceived() {
     if (workflowRunner_) workflowRunner_->messagesReceived();
+}
+
+void AppHost::keepInterruptedSends(const std::vector<Json>& records,
+                                   const std::vector<mailcore::OutboxSend>& unreleased) {
+    std::vector<std::string> kept;
+    for (const auto& record : records) {
+        if (!record.is_object() || !record.contains("keepAsDraft")) continue;
+        try {
+            const auto message = record["keepAsDraft"].get<mcpkit::MCPOutgoing>();
+            backend_->saveDraft(message, std::nullopt);
+            kept.push_back(sendSummary(message));
+        } catch (const std::exception& e) {
+            out_(std::string("A send interrupted by the last stop could not be kept: ") + e.what());
+        }
+    }
+    for (const auto& send : unreleased) {
+        mcpkit::MCPOutgoing m;
+        for (const auto& a : send.message.to) m.to.push_back(a.email);
+        for (const auto& a : send.message.cc) m.cc.push_back(a.email);
+        m.fromDraft = mcpkit::MCPDraftExtras{};
+        for (const auto& a : send.message.bcc) m.fromDraft->bcc.push_back(a.email);
+        m.subject = send.message.subject;
+        kept.push_back(sendSummary(m));
+    }
+    if (kept.empty()) return;
+    std::string list;
+    for (const auto& k : kept) list += (list.empty() ? "" : "; ") + k;
+    out_(kept.size() == 1
+             ? "1 send was interrupted and kept as a draft: " + list +
+                   "; `kestrune outbox` to see it."
+             : std::to_string(kept.size()) + " sends were interrupted and kept as drafts: " + list +
+                   "; `kestrune outbox` to see them.");
 }
 
 void AppHost::fillDemo() {

@@ -20,6 +20,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
@@ -81,9 +82,15 @@ public:
     const HostPaths& paths() const { return paths_; }
     const std::filesystem::path& socketPath() const { return storage_.socketPath; }
     std::shared_ptr<mailcore::SQLiteMailStore> store() const { return store_; }
+    // The open questions; answers typed in the serving terminal go here.
+    std::shared_ptr<PendingQuestions> questions() const { return questions_; }
 
 private:
     void fillDemo();
+    // Keeps as drafts the sends a stop cut short (waiting for a yes, or
+    // inside their undo window) and tells the user.
+    void keepInterruptedSends(const std::vector<mailcore::Json>& records,
+                              const std::vector<mailcore::OutboxSend>& unreleased);
     void settingsChanged();
 
     ServeOptions options_;
@@ -105,10 +112,19 @@ private:
     std::shared_ptr<mcpkit::MCPWorkflowBridge> bridge_;
     std::unique_ptr<mcpkit::MCPService> service_;
     std::unique_ptr<mcpkit::MCPSocketServer> server_;
+    std::unique_ptr<mcpkit::MCPSocketServer> answers_;  // `kestrune confirm`
     std::atomic<int> inFlight_{0};
     std::mutex knownLock_;
     std::set<std::string> allowedHarnesses_;  // guarded by knownLock_
 };
+
+// "\"<subject>\" to <every recipient>", and the undo notice built on it.
+std::string sendSummary(const mcpkit::MCPOutgoing& message);
+std::string undoNotice(const mcpkit::MCPOutgoing& message, std::chrono::milliseconds window);
+// A question as the terminal running `serve` shows it, with its one-time
+// code (the only place the code appears).
+std::string questionText(const PendingQuestion& q, const std::string& code, bool answerHere,
+                         const std::optional<std::filesystem::path>& dataDir);
 
 // True when a host holds the data directory's lock (is serving).
 bool hostIsRunning(const HostPaths& paths);

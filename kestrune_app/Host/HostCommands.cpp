@@ -15,12 +15,13 @@
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
-#include "KestruneMCPKit/Taint/MCPDisplayText.h"
 #include "KestruneMCPKit/Tools/MCPTools.h"
 #include "MailCore/Accounts/AccountDirectory.h"
+#include "MailCore/Common/DisplayText.h"
 #include "MailCore/Workflow/WorkflowDescription.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
+#include "kestrune_app/Host/ConfirmChannel.h"
 #include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
@@ -202,13 +203,12 @@ int serve(Context& c) {
     c.out("Agent access is " + onOff(state.settings.masterEnabled) +
           (state.settings.masterEnabled ? "." : " (turn it on with: kestrune access on)."));
     c.out("Ready.");
-    PendingQuestions questions(c.paths.pending);
     while (!c.env.stop || !c.env.stop->load()) {
         host.pollControl();
         if (!terminal.isOpen()) {
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         } else if (const auto line = terminal.next()) {
-            const std::string reply = questions.answerTyped(*line);
+            const std::string reply = host.questions()->answerTyped(*line);
             if (!reply.empty()) c.out(reply);
         }
     }
@@ -218,26 +218,7 @@ int serve(Context& c) {
     return ok;
 }
 
-int confirm(Context& c) {
-    PendingQuestions questions(c.paths.pending);
-    const std::string verb = c.args.empty() ? "list" : c.args[0];
-    if (verb == "list") {
-        c.noMoreThan(1);
-        const auto open = questions.open();
-        if (open.empty()) c.out("No confirmation is waiting.");
-        for (const auto& q : open) c.out("[" + q.id + "] " + q.kind + "\n" + q.text);
-        return ok;
-    }
-    if (verb == "yes" || verb == "no" || verb == "undo") {
-        const std::string id = c.arg(1, "the question id");
-        c.noMoreThan(2);
-        std::string error;
-        if (!questions.answer(id, verb, error)) throw Failure(error);
-        c.out("Answered " + id + ": " + verb + ".");
-        return ok;
-    }
-    throw UsageError("unknown confirm command " + verb);
-}
+int confirm(Context& c) { return confirmCommand(c.args, c.paths, c.env.out, c.env.err); }
 
 int access(Context& c) {
     auto policy = c.policy();
@@ -443,10 +424,10 @@ int audit(Context& c) {
                                              ? mcpkit::MCPAuditLog::ExportFormat::csv
                                              : mcpkit::MCPAuditLog::ExportFormat::jsonLines);
     } else if (format == "text") {
-        // Each field shaped as one line: whatever a file or an agent put
-        // there, an entry prints as exactly one line of its own.
+        // Each field shaped as one line by the display rule: whatever a file
+        // or an agent put there, an entry prints as exactly one line.
         auto field = [](const std::string& value, std::size_t max) {
-            return value.empty() ? std::string("-") : mcpkit::MCPDisplayText::line(value, max);
+            return value.empty() ? std::string("-") : mailcore::DisplayText::line(value, max);
         };
         for (const auto& e : log.filtered(filter)) {
             text += mcpkit::MCPAuditLog::timeString(e.time) + "  " + field(e.harness, 64) + "  " +
@@ -537,17 +518,22 @@ int ai(Context& c) {
     return ok;
 }
 
+// "\"<subject>\" to <every recipient>", shown by the display rule.
+std::string describe(const mailcore::OutgoingMessage& m) {
+    std::string to;
+    for (const auto* list : {&m.to, &m.cc, &m.bcc})
+        for (const auto& a : *list) to += (to.empty() ? "" : ", ") + a.email;
+    return "\"" + mailcore::DisplayText::line(m.subject, 200) + "\" to " +
+           mailcore::DisplayText::line(to, 100000);
+}
+
 std::string describe(const mailcore::OutboxOperation& op) {
     using Kind = mailcore::OutboxOperation::Kind;
     switch (op.kind()) {
-        case Kind::send: {
-            std::string to;
-            for (const auto& a : op.sendPayload().message.to)
-                to += (to.empty() ? "" : ", ") + a.email;
-            return "send \"" + op.sendPayload().message.subject + "\" to " + to;
-        }
+        case Kind::send:
+            return "send " + describe(op.sendPayload().message);
         case Kind::saveDraft:
-            return "save draft \"" + op.draftSave().message.subject + "\"";
+            return "save draft " + describe(op.draftSave().message);
         case Kind::setFlags:
             return "flags of " + StoreMailBackend::handle(op.message().messageID);
         case Kind::move:
@@ -592,11 +578,18 @@ int outbox(Context& c) {
                                    std::string(mailcore::rawValue(item.state)) + "  " +
                                    describe(item.operation) + "  attempts " +
                                    std::to_string(item.attemptCount);
-                if (item.state == mailcore::OutboxItemState::queued && item.notBefore > now)
+                if (item.notBefore >= mailcore::OutboxWorker::heldUntilReleased())
+                    line += "  held in its undo window";
+                else if (item.state == mailcore::OutboxItemState::queued && item.notBefore > now)
                     line += "  next " + StoreMailBackend::isoDate(item.notBefore);
                 if (item.lastError) line += "  (" + item.lastError->detail() + ")";
                 c.out(line);
             }
+            // Sends kept as drafts (undone, failed, or cut short by a stop)
+            // wait here for the user.
+            for (const auto& d : store.drafts(std::nullopt))
+                c.out("draft " + StoreMailBackend::draftHandle(d.id) + "  " + d.accountID.value +
+                      "  not sent  " + describe(d.message));
         }
     } catch (const mailcore::MailError& e) {
         throw Failure("outbox item " + id + ": " + e.detail());
@@ -612,7 +605,8 @@ const std::string& usage() {
         "\n"
         "  serve [--demo] [--undo-seconds N]   run the application for agents (Ctrl-C stops)\n"
         "  confirm [list]                      show the confirmations waiting for you\n"
-        "  confirm yes|no ID                   answer a confirmation\n"
+        "  confirm yes|no ID                   answer a confirmation (a yes asks for the code\n"
+        "                                      that serve shows next to the question)\n"
         "  confirm undo ID                     undo a send during its undo window\n"
         "  access [status|on|off]              agent access as a whole\n"
         "  permissions [list]                  what agents may do\n"

@@ -12,6 +12,7 @@ HostPaths HostPaths::make(const std::optional<std::filesystem::path>& dataDir,
     p.root = dataDir ? *dataDir : p.mcp.parent_path();
     p.store = p.root / "mail.sqlite";
     p.pending = p.mcp / "pending";
+    p.answers = mcpkit::MCPPaths::socketURL(p.pending);
     p.control = p.mcp / "control";
     p.workflows = p.mcp / "workflows";
     p.lock = p.mcp / "kestrune.lock";

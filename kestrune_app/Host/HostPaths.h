@@ -17,6 +17,7 @@ struct HostPaths {
     std::filesystem::path mcp;        // root/mcp, private (0700)
     std::filesystem::path store;      // root/mail.sqlite
     std::filesystem::path pending;    // mcp/pending: questions waiting for the user
+    std::filesystem::path answers;    // the socket `kestrune confirm` answers through
     std::filesystem::path control;    // mcp/control: requests for the running app
     std::filesystem::path workflows;  // mcp/workflows
     std::filesystem::path lock;       // mcp/kestrune.lock, held while serving

@@ -336,13 +336,21 @@ void fill(OutgoingMessage& out, const mcpkit::MCPOutgoing& in, const HostAccount
     if (!out.messageID) out.messageID = newMessageID(account.email);
 }
 
-mcpkit::MCPOutgoing agentView(const DraftRecord& draft) {
+// The draft as the agent service sees it, with everything else that a send
+// of it carries (shown to the user before it goes out).
+mcpkit::MCPOutgoing agentView(const DraftRecord& draft, const std::string& handle) {
     mcpkit::MCPOutgoing out;
     out.account = draft.accountID.value;
     out.to = bare(draft.message.to);
     out.cc = bare(draft.message.cc);
     out.subject = draft.message.subject;
     out.body = draft.message.textBody;
+    mcpkit::MCPDraftExtras extras;
+    extras.id = handle;
+    extras.bcc = bare(draft.message.bcc);
+    extras.replyTo = bare(draft.message.replyTo);
+    if (draft.message.htmlBody) extras.htmlCharacters = draft.message.htmlBody->size();
+    out.fromDraft = std::move(extras);
     return out;
 }
 
@@ -440,7 +448,7 @@ std::optional<DraftRecord> StoreMailBackend::draftRecord(
 std::optional<mcpkit::MCPOutgoing> StoreMailBackend::draft(const std::string& id) {
     const auto record = draftRecord(id, std::nullopt);
     if (!record) return std::nullopt;
-    return agentView(*record);
+    return agentView(*record, id);
 }
 
 mcpkit::MCPSendDelivery StoreMailBackend::send(const mcpkit::MCPOutgoing& message,
@@ -471,20 +479,26 @@ mcpkit::MCPSendDelivery StoreMailBackend::send(const mcpkit::MCPOutgoing& messag
         keepDraft(kept);
     };
 
-    const auto item = outbox->enqueueSend(accountID, send, sending_.undoWindow);
-    if (sending_.holdForUndo && sending_.holdForUndo(message)) {
+    const auto item = outbox->enqueueSend(accountID, send);
+    bool undone = false;
+    auto takeBack = [&] {
+        if (undone) return true;
         try {
             // The answer may arrive a moment after the window's end; a send
             // that has not started yet can still be taken back.
             keep(outbox->cancelSend(item.id, sending_.undoWindow + 1.0));
-            return mcpkit::MCPSendDelivery::undone;
+            undone = true;
         } catch (const MailError&) {
             // Too late: the send is on its way.
         }
-    }
-    // The window is over (or the user let the send go early): it is due now.
-    store_->reschedule(item.id, clock_());
-    outbox->kickOutbox(accountID);
+        return undone;
+    };
+    const auto end = sending_.holdForUndo ? sending_.holdForUndo(message, takeBack)
+                                          : SendPath::HoldEnd::windowOver;
+    if (end == SendPath::HoldEnd::stopped && takeBack()) return mcpkit::MCPSendDelivery::failed;
+    if (undone) return mcpkit::MCPSendDelivery::undone;
+    // The window is over: the send is released and due now.
+    outbox->releaseSend(item.id);
     outbox->drainOutbox(accountID, sending_.sendWait);
     const auto row = store_->outboxItem(item.id);
     if (!row) return mcpkit::MCPSendDelivery::sent;

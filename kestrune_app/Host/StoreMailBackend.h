@@ -40,9 +40,16 @@ struct SendPath {
     std::shared_ptr<mailcore::OutboxWorker> outbox;
     double undoWindow = 0;  // seconds
     double sendWait = 15;   // seconds to wait for the outcome after the window
-    // Called once a confirmed send is queued; returns during the window,
-    // true when the user undid the send. None never undoes.
-    std::function<bool(const mcpkit::MCPOutgoing&)> holdForUndo;
+    // How the undo-send window ended.
+    enum class HoldEnd { windowOver, undone, stopped };
+    // Called once a confirmed send is queued (held: it goes nowhere until
+    // released); returns when the window ends. When the user undoes, it
+    // calls `takeBack`, which takes the send back into Drafts and says
+    // whether it could. `stopped` (the application is stopping) keeps the
+    // send as a draft: a window cut short never lets it go. None releases
+    // the send at once.
+    std::function<HoldEnd(const mcpkit::MCPOutgoing&, const std::function<bool()>& takeBack)>
+        holdForUndo;
 };
 
 class StoreMailBackend : public mcpkit::MCPMailBackend {

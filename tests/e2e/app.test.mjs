@@ -1,7 +1,8 @@
 // The whole system on the demonstration mailbox: the official MCP client SDK
 // starts kestrune-mcp (installed for a harness with --install), which relays
 // to a running `kestrune serve --demo`. The test plays the user: it turns
-// agent access on, answers the confirmations with `kestrune confirm`, and
+// agent access on, answers the confirmations with `kestrune confirm` (a yes
+// with the one-time code serve shows, typed on a terminal), and
 // checks what the agent sees, what the audit log says and what reached the
 // Sent folder. Also the failures a user meets: the app not running, access
 // off, a permission off, a revoked harness.
@@ -13,7 +14,7 @@ import fs from "node:fs";
 import path from "node:path";
 import readline from "node:readline";
 
-import { connectHelper, finish, privateTempDir, step } from "./harness.mjs";
+import { connectHelper, finish, onTerminal, privateTempDir, step } from "./harness.mjs";
 
 const [kestrune, helper] = process.argv.slice(2);
 assert.ok(fs.existsSync(kestrune) && fs.existsSync(helper), "usage: app.test.mjs <kestrune> <kestrune-mcp>");
@@ -43,19 +44,29 @@ const json = (r) => {
   return JSON.parse(r.text);
 };
 
-// Plays the user: answers the next question of `kind` with `answer`.
+// The open questions as `kestrune confirm list` shows them.
+const listed = () =>
+  cli("confirm", "list")
+    .split(/^(?=\[[0-9a-f]{8}\] )/m)
+    .map((block) => block.match(/^\[([0-9a-f]{8})\] (\w+)\n([\s\S]*)$/))
+    .filter(Boolean)
+    .map((m) => ({ id: m[1], kind: m[2], text: m[3] }));
+// The one-time code `serve` showed next to question `id` (only there).
+const codeOf = (id) => appOutput.join("\n").match(new RegExp(`\\[${id}\\][\\s\\S]*?one-time code (\\w+)`))?.[1];
+
+// Plays the user: answers the next question of `kind` with `answer`, a yes
+// from another terminal with the code read off the terminal running serve.
 async function answerNext(kind, answer) {
-  const dir = path.join(dataDir, "mcp", "pending");
   for (let i = 0; i < 200; i++) {
-    const files = fs.existsSync(dir) ? fs.readdirSync(dir).filter((f) => f.endsWith(".json")) : [];
-    for (const f of files) {
-      const q = JSON.parse(fs.readFileSync(path.join(dir, f), "utf8"));
-      if (q.kind === kind) {
-        assert.equal(fs.statSync(path.join(dir, f)).mode & 0o777, 0o600);
-        assert.match(cli("confirm", "list"), new RegExp(q.id));
+    const q = listed().find((x) => x.kind === kind);
+    if (q && (answer !== "yes" || codeOf(q.id))) {
+      if (answer === "yes") {
+        const r = onTerminal(kestrune, ["confirm", "yes", q.id, "--data-dir", dataDir], codeOf(q.id), { ...process.env, HOME: home });
+        assert.equal(r.status, 0, r.out);
+      } else {
         cli("confirm", answer, q.id);
-        return q;
       }
+      return q;
     }
     await new Promise((r) => setTimeout(r, 50));
   }

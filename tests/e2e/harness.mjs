@@ -1,6 +1,7 @@
 // What the end-to-end scripts share: the official MCP client SDK, a private
 // temporary directory, the helper started the way a harness starts it, and
 // named steps that report "ok"/"not ok" and set the exit status.
+import { spawnSync } from "node:child_process";
 import fs from "node:fs";
 import os from "node:os";
 import path from "node:path";
@@ -43,6 +44,26 @@ export async function connectHelper(helper, env, { name = "kestrune-e2e", stderr
   await client.connect(transport);
   client.stderrText = () => text;
   return client;
+}
+
+// Runs `command args` on a terminal of its own (util-linux `script`),
+// typing `typed` when it asks: how a person answers from another terminal.
+export function onTerminal(command, args, typed, env) {
+  const quote = (a) => `'${String(a).replaceAll("'", `'\\''`)}'`;
+  const r = spawnSync("script", ["-qec", [command, ...args].map(quote).join(" "), "/dev/null"], {
+    input: typed + "\n",
+    encoding: "utf8",
+    env,
+    timeout: 30000,
+  });
+  return { status: r.status, out: r.stdout };
+}
+
+// Runs `command args` with no terminal at all (a new session), as a
+// process started by an agent may be.
+export function withoutTerminal(command, args, env) {
+  const r = spawnSync("setsid", ["-w", command, ...args], { encoding: "utf8", env, stdio: ["ignore", "pipe", "pipe"], timeout: 30000 });
+  return { status: r.status, out: r.stdout, err: r.stderr };
 }
 
 let failed = false;

@@ -207,19 +207,19 @@ TEST_F(OutboxWorkerTest, HeldSendsKeptAsDraftsUnderThatPolicy) {
     EXPECT_EQ(executor.verifications(), 0u);
 }
 
-TEST_F(OutboxWorkerTest, UndoWindowCancelsOnlyAQueuedSendInTime) {
+TEST_F(OutboxWorkerTest, UndoWindowCancelsOnlyAHeldSendInTime) {
     auto worker = makeWorker();
     OutboxSend payload{testing::outgoing("undo me"), DraftID("d"), true};
-    auto a = worker->enqueueSend(account, payload, 10);
-    EXPECT_EQ(a.notBefore, at(fake.now() + 10));
-    EXPECT_FALSE(worker->runOnce());  // not due inside the window
-    fake.advance(9);
-    EXPECT_EQ(worker->cancelSend(a.id, 10), payload);
+    auto a = worker->enqueueSend(account, payload);
+    fake.advance(3600);
+    EXPECT_FALSE(worker->runOnce());  // held: never due before its release
+    EXPECT_EQ(worker->cancelSend(a.id, 3601), payload);
     EXPECT_FALSE(store->outboxItem(a.id));
 
-    auto b = worker->enqueueSend(account, payload, 10);
+    auto b = worker->enqueueSend(account, payload);
     fake.advance(10.5);
-    auto c = worker->enqueueSend(account, payload, 10);
+    auto c = worker->enqueueSend(account, payload);
+    worker->releaseSend(c.id);
     ASSERT_TRUE(store->markInFlight(c.id));
     auto f = flags(m1);
     const std::pair<OutboxItemID, std::string> refusals[] = {

@@ -87,9 +87,10 @@ TEST(WorkflowSummary, AgentTextIsCutAndCleaned) {
     spec["actions"].push_back(parseJson(R"({"type":"apply_label"})"));
     spec["actions"][0]["label"] = label;
     EXPECT_EQ(describeWorkflow(WorkflowSpec::fromJson(spec)),
-              "When a new message arrives that has \"a\xEF\xBF\xBD"
+              "When a new message arrives that has \"a\u00B7"
               "b\" in the message text: label it \"" +
-                  std::string(40, 'L') + "\xE2\x80\xA6\".");
+                  std::string(40, 'L') + " \u2026 " + std::to_string(label.size() - 40) +
+                  " more characters\".");
 }
 
 }  // namespace

@@ -318,7 +318,8 @@ TEST(WorkflowPolicy, QuotedAgentTextIsCutAndCleaned) {
     const auto problems = problemsOf(spec);
     ASSERT_EQ(problems.size(), 1u);
     EXPECT_EQ(problems[0], "Unknown trigger type \"" + std::string(60, 'z') +
-                               "\xE2\x80\xA6\". Use new_message, schedule or no_reply.");
+                               " \u2026 441 more characters\". Use new_message, schedule or "
+                               "no_reply.");
 }
 
 TEST(WorkflowPolicy, ForbiddenKindsAreRecognisedByTheirWords) {

@@ -239,7 +239,7 @@ TEST_F(WorkflowToolHandlerTest, PauseAndDeleteActOnlyOnTheCallersOwnWorkflows) {
         EXPECT_EQ(foreign.text, refusal);
         EXPECT_EQ(unknown.text, "No workflow with id NOPE");
     }
-    EXPECT_EQ(call(claude, "pause_workflow", idArgs("a\nb")).text, "No workflow with id a\uFFFDb");
+    EXPECT_EQ(call(claude, "pause_workflow", idArgs("a\nb")).text, "No workflow with id a\u23CEb");
     EXPECT_EQ(store.find(id)->status, WorkflowStatus::pendingApproval);
     EXPECT_EQ(parseJson(call(codex, "list_workflows", Json::object()).text)["workflows"].size(),
               0u);

@@ -23,87 +23,9 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-// Answers the first question that appears with `answer`.
-std::thread answerer(PendingQuestions& q, std::string answer) {
-    return std::thread([&q, answer] {
-        for (int i = 0; i < 200; ++i) {
-            auto open = q.open();
-            if (!open.empty()) {
-                std::string error;
-                q.answer(open[0].id, answer, error);
-                return;
-            }
-            std::this_thread::sleep_for(10ms);
-        }
-    });
-}
-
-TEST(PendingQuestionsTest, ConfirmerOutcomesFollowTheAnswer) {
-    testing::TempDir dir;
-    auto questions = std::make_shared<PendingQuestions>(dir.path / "pending", 5ms);
-    std::vector<PendingQuestion> shown;
-    std::mutex lock;
-    FileConfirmer confirmer(questions, [&](const PendingQuestion& q) {
-        std::lock_guard guard(lock);
-        shown.push_back(q);
-    });
-    mcpkit::MCPSendRequest send{
-        "Claude Code", {"alex@example.com", {"p@example.com"}, {}, "Hi", "Body"}, {}, 0};
-    const std::pair<const char*, mcpkit::MCPConfirmOutcome> cases[] = {
-        {"yes", mcpkit::MCPConfirmOutcome::confirmed},
-        {"no", mcpkit::MCPConfirmOutcome::declined},
-        {"undo", mcpkit::MCPConfirmOutcome::declined},
-    };
-    for (const auto& [answer, outcome] : cases) {
-        auto t = answerer(*questions, answer);
-        EXPECT_EQ(confirmer.confirmSend(send, 5s), outcome) << answer;
-        t.join();
-    }
-    ASSERT_EQ(shown.size(), 3u);
-    EXPECT_EQ(shown[0].kind, "send");
-    EXPECT_NE(shown[0].text.find("p@example.com"), std::string::npos);
-    EXPECT_NE(shown[0].text.find("Body"), std::string::npos);
-    EXPECT_TRUE(questions->open().empty());
-    EXPECT_TRUE(fs::is_empty(dir.path / "pending"));
-}
-
-TEST(PendingQuestionsTest, UnansweredQuestionsTimeOutAndLeaveNothing) {
-    testing::TempDir dir;
-    auto questions = std::make_shared<PendingQuestions>(dir.path / "pending", 5ms);
-    std::string questionFile;
-    FileConfirmer confirmer(questions, [&](const PendingQuestion& q) {
-        questionFile = (dir.path / "pending" / (q.id + ".json")).string();
-        struct stat st {};
-        ASSERT_EQ(::stat(questionFile.c_str(), &st), 0);
-        EXPECT_EQ(st.st_mode & 0777, 0600u);
-        struct stat dirStat {};
-        ASSERT_EQ(::stat((dir.path / "pending").c_str(), &dirStat), 0);
-        EXPECT_EQ(dirStat.st_mode & 0777, 0700u);
-    });
-    mcpkit::MCPWriteRequest write{"Claude Code", "apply_label", "{\"label\":\"x\"}", {}, 0,
-                                  "read mail"};
-    EXPECT_EQ(confirmer.confirmWrite(write, 1s), mcpkit::MCPConfirmOutcome::timedOut);
-    EXPECT_FALSE(fs::exists(questionFile));
-    std::string error;
-    EXPECT_FALSE(questions->answer(fs::path(questionFile).stem().string(), "yes", error));
-    EXPECT_NE(error.find("no open question"), std::string::npos);
-}
-
-TEST(PendingQuestionsTest, RefusesBadAnswers) {
-    testing::TempDir dir;
-    PendingQuestions questions(dir.path);
-    std::string error;
-    for (const auto& [id, answer] : std::vector<std::pair<std::string, std::string>>{
-             {"0123abcd", "maybe"}, {"../../etc", "yes"}, {"", "yes"}, {"0123abcd", "yes"}}) {
-        EXPECT_FALSE(questions.answer(id, answer, error)) << id << " " << answer;
-        EXPECT_FALSE(error.empty());
-    }
-}
-
-TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
-    // `serve` reading its terminal: the demonstration mailbox is offered, a
-    // typed "y" answers the only open question, other lines get a clear
-    // reply and answer nothing.
+TEST(ServeTest, ReadsTheServingTerminal) {
+    // `serve` reading its terminal: the demonstration mailbox is offered,
+    // typed lines reach the questions, other lines get a clear reply.
     testing::TempDir dir;
     int pipeFDs[2];
     ASSERT_EQ(::pipe(pipeFDs), 0);
@@ -151,14 +73,6 @@ TEST(PendingQuestionsTest, AnswersTypedInTheServingTerminal) {
     type("maybe later\n");
     EXPECT_TRUE(said("Type yes, no or undo, then the question's id."));
 
-    PendingQuestions questions(HostPaths::make(dir.path, env.home).pending, 5ms);
-    auto asked = std::async(std::launch::async, [&] {
-        return questions.ask("send", "Send?\n", 10s, [&](const PendingQuestion&) {
-            type("y");
-            type("es\n");
-        });
-    });
-    EXPECT_EQ(asked.get(), std::optional<std::string>("yes"));
     stop = true;
     EXPECT_EQ(serving.get(), 0);
     ::close(pipeFDs[0]);

@@ -31,7 +31,11 @@ struct BackendTest : ::testing::Test {
     std::shared_ptr<OutboxWorker> outbox = std::make_shared<OutboxWorker>(*store, delivery);
     std::shared_ptr<StoreMailBackend> backend = std::make_shared<StoreMailBackend>(
         store, fixedNow,
-        SendPath{outbox, 0, 5, [this](const mcpkit::MCPOutgoing&) { return undo; }});
+        SendPath{outbox, 0, 5,
+                 [this](const mcpkit::MCPOutgoing&, const std::function<bool()>& takeBack) {
+                     return undo && takeBack() ? SendPath::HoldEnd::undone
+                                               : SendPath::HoldEnd::windowOver;
+                 }});
     std::vector<MessageID> ids;
 
     void SetUp() override {
@@ -206,7 +210,14 @@ TEST_F(BackendTest, DraftsSendsAndTheUndoWindowGoThroughTheOutbox) {
         "alex@example.com", {"priya@northwind.example"}, {}, "Thursday", "See you."};
     const std::string draftID = backend->saveDraft(out, StoreMailBackend::handle(ids[0]));
     ASSERT_TRUE(StoreMailBackend::draftID(draftID)) << draftID;
-    EXPECT_EQ(backend->draft(draftID), out);
+    // What the agent set, and what else the draft would send (nothing here).
+    auto agentFields = [](std::optional<mcpkit::MCPOutgoing> m) {
+        if (m) m->fromDraft.reset();
+        return m;
+    };
+    EXPECT_EQ(agentFields(backend->draft(draftID)), out);
+    EXPECT_EQ(backend->draft(draftID)->fromDraft,
+              (mcpkit::MCPDraftExtras{draftID, {}, {}, {}, {}}));
     EXPECT_EQ(inFolder("drafts"), std::vector<std::string>{"Thursday"});
     const auto copy = backend->search({{"alex@example.com"}, "", "drafts"}).results.at(0);
     EXPECT_EQ(store->message(*StoreMailBackend::messageID(copy.id))->threadID,
@@ -238,7 +249,7 @@ TEST_F(BackendTest, DraftsSendsAndTheUndoWindowGoThroughTheOutbox) {
 
     // A message in the Drafts folder sends as the draft it is a copy of.
     const auto venue = backend->search({{"alex@example.com"}, "", "drafts"}).results.at(0);
-    EXPECT_EQ(backend->draft(venue.id), note);
+    EXPECT_EQ(agentFields(backend->draft(venue.id)), note);
     EXPECT_EQ(backend->send(note, venue.id), mcpkit::MCPSendDelivery::sent);
     EXPECT_TRUE(inFolder("drafts").empty());
     EXPECT_TRUE(store->drafts(alex).empty());
