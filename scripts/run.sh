@@ -23,7 +23,7 @@ Connect a harness from another terminal (claude-code, codex, cursor, ...; see --
   $HELPER --install claude-code --data-dir "$DATA" --socket "$SOCKET"
 Answer the confirmations it asks for by typing y or n below, or from another terminal:
   $APP confirm list --data-dir "$DATA"
-  $APP confirm yes <id> --data-dir "$DATA"
+  $APP confirm yes <id> --data-dir "$DATA"   (asks for the one-time code shown here)
 Sending is off until you allow it:  $APP permissions enable send_message --data-dir "$DATA"
 The audit log:                      $APP audit --data-dir "$DATA"
 All commands:                       $APP --help
