@@ -578,7 +578,7 @@ IMAPSelectedFolder IMAPClient::select(const std::string& mailbox,
     }
     IMAPSelectedFolder folder;
     folder.name = mailbox;
-    std::optional<UIDValidity> uidValidity;
+    std::optional<UIDValidityValue> uidValidity;
     selected_.clear();
     const IMAPStatusResponse answer = run(command, [&](const IMAPResponse& r) {
         if (const auto* flags = r.as<IMAPFlagsData>()) {
@@ -595,9 +595,9 @@ IMAPSelectedFolder IMAPClient::select(const std::string& mailbox,
             if (!status->code || status->status != IMAPStatus::ok) return false;
             const IMAPResponseCode& code = *status->code;
             if (code.name == "UIDVALIDITY" && code.number) {
-                uidValidity = static_cast<UIDValidity>(*code.number);
+                uidValidity = static_cast<UIDValidityValue>(*code.number);
             } else if (code.name == "UIDNEXT" && code.number) {
-                folder.uidNext = static_cast<IMAPUID>(*code.number);
+                folder.uidNext = static_cast<UIDValue>(*code.number);
             } else if (code.name == "HIGHESTMODSEQ") {
                 folder.highestModSeq = code.number;
             } else if (code.name == "NOMODSEQ") {
@@ -683,7 +683,7 @@ UIDSet IMAPClient::search(const IMAPSearchCriteria& criteria) {
         command.arguments.insert(command.arguments.end(), keys.begin(), keys.end());
     }
     UIDSet result;
-    std::vector<IMAPUID> numbers;
+    std::vector<UIDValue> numbers;
     run(command, [&](const IMAPResponse& r) {
         if (const auto* e = r.as<IMAPESearchData>()) {
             mergeInto(result, e->all);
@@ -701,7 +701,7 @@ UIDSet IMAPClient::search(const IMAPSearchCriteria& criteria) {
 
 IMAPStoreResult IMAPClient::store(const UIDSet& uids, IMAPFlagOperation operation,
                                   const std::vector<std::string>& flags,
-                                  std::optional<ModSeq> unchangedSince) {
+                                  std::optional<ModSeqValue> unchangedSince) {
     requireAlive();
     if (unchangedSince && !capabilities_.has("CONDSTORE")) {
         throw MailError::unsupportedCapability("CONDSTORE not offered");
@@ -747,7 +747,7 @@ IMAPCopyResult IMAPClient::move(const UIDSet& uids, const std::string& destinati
     IMAPCopyResult result;
     auto noteCopy = [&](const IMAPResponseCode& code) {
         if (code.name != "COPYUID") return false;
-        if (code.number) result.uidValidity = static_cast<UIDValidity>(*code.number);
+        if (code.number) result.uidValidity = static_cast<UIDValidityValue>(*code.number);
         mergeInto(result.sourceUIDs, code.sourceUIDs);
         mergeInto(result.destinationUIDs, code.destinationUIDs);
         return true;
@@ -794,7 +794,7 @@ IMAPAppendResult IMAPClient::append(const std::string& mailbox, const std::strin
     const IMAPStatusResponse answer = run(command);
     IMAPAppendResult result;
     if (answer.code && answer.code->name == "APPENDUID" && answer.code->number) {
-        result.uidValidity = static_cast<UIDValidity>(*answer.code->number);
+        result.uidValidity = static_cast<UIDValidityValue>(*answer.code->number);
         const auto& ranges = answer.code->destinationUIDs.ranges;
         if (ranges.size() == 1 && ranges[0].upper == ranges[0].lower) result.uid = ranges[0].lower;
     }

@@ -48,7 +48,7 @@ public:
     UIDSet search(const IMAPSearchCriteria& criteria) override;
     IMAPStoreResult store(const UIDSet& uids, IMAPFlagOperation operation,
                           const std::vector<std::string>& flags,
-                          std::optional<ModSeq> unchangedSince) override;
+                          std::optional<ModSeqValue> unchangedSince) override;
     IMAPCopyResult move(const UIDSet& uids, const std::string& destination) override;
     void expunge(const UIDSet& uids) override;
     IMAPAppendResult append(const std::string& mailbox, const std::string& message,

@@ -21,7 +21,7 @@
 
 namespace mailcore {
 
-using ModSeq = std::uint64_t;
+using ModSeqValue = std::uint64_t;
 
 enum class IMAPStatus { ok, no, bad, preauth, bye };
 
@@ -115,7 +115,7 @@ struct IMAPVanishedData {
 // SEARCH: numbers (UIDs for UID SEARCH), with the CONDSTORE MODSEQ.
 struct IMAPSearchData {
     std::vector<std::uint32_t> numbers;
-    std::optional<ModSeq> modSeq;
+    std::optional<ModSeqValue> modSeq;
 
     bool operator==(const IMAPSearchData&) const = default;
 };
@@ -128,7 +128,7 @@ struct IMAPESearchData {
     std::optional<std::uint32_t> max;
     std::optional<std::uint64_t> count;
     UIDSet all;
-    std::optional<ModSeq> modSeq;
+    std::optional<ModSeqValue> modSeq;
 
     bool operator==(const IMAPESearchData&) const = default;
 };
@@ -206,11 +206,11 @@ struct IMAPBodySection {
 
 struct IMAPFetchData {
     std::uint32_t sequenceNumber = 0;
-    std::optional<IMAPUID> uid;
+    std::optional<UIDValue> uid;
     std::optional<std::vector<std::string>> flags;
     std::optional<Date> internalDate;
     std::optional<std::uint64_t> size;  // RFC822.SIZE
-    std::optional<ModSeq> modSeq;
+    std::optional<ModSeqValue> modSeq;
     std::optional<IMAPEnvelope> envelope;
     std::optional<IMAPBodyStructure> bodyStructure;
     std::vector<IMAPBodySection> sections;

@@ -54,7 +54,7 @@
 
 namespace mailcore {
 
-using UIDValidity = std::uint32_t;
+using UIDValidityValue = std::uint32_t;
 
 struct IMAPCredentials {
     std::string user;
@@ -90,16 +90,16 @@ struct IMAPMailbox {
 // STATUS values of a folder; absent when the server did not say.
 struct IMAPFolderStatus {
     std::optional<std::uint32_t> messages;
-    std::optional<IMAPUID> uidNext;
-    std::optional<UIDValidity> uidValidity;
+    std::optional<UIDValue> uidNext;
+    std::optional<UIDValidityValue> uidValidity;
     std::optional<std::uint32_t> unseen;
-    std::optional<ModSeq> highestModSeq;
+    std::optional<ModSeqValue> highestModSeq;
 };
 
 // What the client knows of a folder from an earlier session, for QRESYNC.
 struct IMAPQResyncState {
-    UIDValidity uidValidity = 0;
-    ModSeq modSeq = 0;
+    UIDValidityValue uidValidity = 0;
+    ModSeqValue modSeq = 0;
     UIDSet knownUIDs;  // may be empty
 };
 
@@ -115,9 +115,9 @@ struct IMAPSelectedFolder {
     bool readOnly = false;
     std::uint32_t exists = 0;
     std::uint32_t recent = 0;
-    UIDValidity uidValidity = 0;
-    std::optional<IMAPUID> uidNext;
-    std::optional<ModSeq> highestModSeq;  // none with NOMODSEQ
+    UIDValidityValue uidValidity = 0;
+    std::optional<UIDValue> uidNext;
+    std::optional<ModSeqValue> highestModSeq;  // none with NOMODSEQ
     std::optional<std::uint32_t> firstUnseen;
     std::vector<std::string> flags;
     std::vector<std::string> permanentFlags;
@@ -141,7 +141,7 @@ struct IMAPFetchRequest {
     // CONDSTORE: only messages changed after this modification sequence;
     // with QRESYNC enabled, the expunged ones come as VANISHED (EARLIER) to
     // the untagged handler.
-    std::optional<ModSeq> changedSince;
+    std::optional<ModSeqValue> changedSince;
     bool vanished = false;
 };
 
@@ -156,15 +156,15 @@ struct IMAPStoreResult {
 
 // COPYUID of a move or copy, when the server sent it.
 struct IMAPCopyResult {
-    std::optional<UIDValidity> uidValidity;
+    std::optional<UIDValidityValue> uidValidity;
     UIDSet sourceUIDs;
     UIDSet destinationUIDs;
 };
 
 // APPENDUID, when the server sent it.
 struct IMAPAppendResult {
-    std::optional<UIDValidity> uidValidity;
-    std::optional<IMAPUID> uid;
+    std::optional<UIDValidityValue> uidValidity;
+    std::optional<UIDValue> uid;
 };
 
 class IMAPSession {
@@ -214,7 +214,7 @@ public:
     // left alone and reported as conflicts.
     virtual IMAPStoreResult store(const UIDSet& uids, IMAPFlagOperation operation,
                                   const std::vector<std::string>& flags,
-                                  std::optional<ModSeq> unchangedSince = std::nullopt) = 0;
+                                  std::optional<ModSeqValue> unchangedSince = std::nullopt) = 0;
     // UID MOVE, or without MOVE: UID COPY, UID STORE +FLAGS (\Deleted) and
     // UID EXPUNGE (needs UIDPLUS; unsupportedCapability without it).
     virtual IMAPCopyResult move(const UIDSet& uids, const std::string& destination) = 0;

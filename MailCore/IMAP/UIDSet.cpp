@@ -8,7 +8,7 @@
 
 namespace mailcore {
 
-UIDSet::UIDSet(IMAPUID uid) : ranges{UIDRange{uid, uid}} {}
+UIDSet::UIDSet(UIDValue uid) : ranges{UIDRange{uid, uid}} {}
 
 UIDSet UIDSet::fromRanges(std::vector<UIDRange> ranges) {
     UIDSet set;
@@ -16,14 +16,14 @@ UIDSet UIDSet::fromRanges(std::vector<UIDRange> ranges) {
     return set;
 }
 
-UIDSet UIDSet::fromSortedCopy(std::vector<IMAPUID> uids) {
+UIDSet UIDSet::fromSortedCopy(std::vector<UIDValue> uids) {
     std::sort(uids.begin(), uids.end());
     uids.erase(std::unique(uids.begin(), uids.end()), uids.end());
     UIDSet set;
-    for (IMAPUID uid : uids) {
+    for (UIDValue uid : uids) {
         if (!set.ranges.empty()) {
             UIDRange& last = set.ranges.back();
-            if (last.upper && *last.upper != std::numeric_limits<IMAPUID>::max() &&
+            if (last.upper && *last.upper != std::numeric_limits<UIDValue>::max() &&
                 uid == *last.upper + 1) {
                 last.upper = uid;
                 continue;
@@ -72,7 +72,7 @@ std::vector<UIDSet> UIDSet::chunked(std::int64_t limit) const {
         while (lower <= upper) {
             std::uint64_t take = std::min(cap - count, upper - lower + 1);
             current.ranges.push_back(
-                UIDRange{static_cast<IMAPUID>(lower), static_cast<IMAPUID>(lower + take - 1)});
+                UIDRange{static_cast<UIDValue>(lower), static_cast<UIDValue>(lower + take - 1)});
             count += take;
             lower += take;
             if (count == cap) close();
@@ -102,10 +102,10 @@ UIDSet UIDSet::fromJson(const Json& json) {
     };
     auto uidValue = [&](const Json& value) {
         if (!value.is_number_unsigned() ||
-            value.get<std::uint64_t>() > std::numeric_limits<IMAPUID>::max()) {
+            value.get<std::uint64_t>() > std::numeric_limits<UIDValue>::max()) {
             throw fail();
         }
-        return static_cast<IMAPUID>(value.get<std::uint64_t>());
+        return static_cast<UIDValue>(value.get<std::uint64_t>());
     };
     if (!json.is_object() || !json.contains("ranges") || !json["ranges"].is_array()) throw fail();
     UIDSet set;

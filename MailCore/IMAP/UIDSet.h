@@ -14,13 +14,14 @@
 
 namespace mailcore {
 
-// A message UID: an unsigned 32-bit value.
-using IMAPUID = std::uint32_t;
+// A message UID on the wire: an unsigned 32-bit value (the raw value of the
+// store's IMAPUID identifier; the protocol layer works with raw numbers).
+using UIDValue = std::uint32_t;
 
 struct UIDRange {
-    IMAPUID lower = 0;
+    UIDValue lower = 0;
     // Absent means open-ended, written "*".
-    std::optional<IMAPUID> upper;
+    std::optional<UIDValue> upper;
 
     bool operator==(const UIDRange&) const = default;
 };
@@ -30,16 +31,16 @@ struct UIDSet {
 
     UIDSet() = default;
     // The set holding one UID.
-    explicit UIDSet(IMAPUID uid);
+    explicit UIDSet(UIDValue uid);
 
     // Duplicates removed, sorted ascending, consecutive UIDs merged into
-    // ranges. Takes any range of IMAPUID (vector, set, span, ...).
+    // ranges. Takes any range of UIDValue (vector, set, span, ...).
     template <typename UIDs>
     static UIDSet fromUIDs(const UIDs& uids) {
-        return fromSortedCopy(std::vector<IMAPUID>(std::begin(uids), std::end(uids)));
+        return fromSortedCopy(std::vector<UIDValue>(std::begin(uids), std::end(uids)));
     }
-    static UIDSet fromUIDs(std::initializer_list<IMAPUID> uids) {
-        return fromSortedCopy(std::vector<IMAPUID>(uids));
+    static UIDSet fromUIDs(std::initializer_list<UIDValue> uids) {
+        return fromSortedCopy(std::vector<UIDValue>(uids));
     }
     // The ranges as given, in their order.
     static UIDSet fromRanges(std::vector<UIDRange> ranges);
@@ -64,7 +65,7 @@ struct UIDSet {
     static UIDSet fromJson(const Json& json);
 
 private:
-    static UIDSet fromSortedCopy(std::vector<IMAPUID> uids);
+    static UIDSet fromSortedCopy(std::vector<UIDValue> uids);
 };
 
 }  // namespace mailcore

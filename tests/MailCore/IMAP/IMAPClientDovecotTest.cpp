@@ -157,7 +157,7 @@ TEST_F(DovecotIMAPTest, ReportsAnUnchangedSinceConflictCausedByAnotherClient) {
     server.writeMessage("alice", "INBOX", message(1));
     server.writeMessage("alice", "INBOX", message(2));
     auto session = inbox();
-    std::map<IMAPUID, ModSeq> modSeqs;
+    std::map<UIDValue, ModSeqValue> modSeqs;
     IMAPFetchRequest request;
     request.modSeq = true;
     session->fetch(UIDSet::fromUIDs({1, 2}), request,
@@ -166,11 +166,11 @@ TEST_F(DovecotIMAPTest, ReportsAnUnchangedSinceConflictCausedByAnotherClient) {
     auto other = inbox();
     other->store(UIDSet(1), IMAPFlagOperation::add, {"\\Flagged"});
 
-    const ModSeq known = std::max(modSeqs[1], modSeqs[2]);
+    const ModSeqValue known = std::max(modSeqs[1], modSeqs[2]);
     const IMAPStoreResult result =
         session->store(UIDSet::fromUIDs({1, 2}), IMAPFlagOperation::add, {"\\Seen"}, known);
     EXPECT_EQ(result.conflicts, UIDSet(1));
-    std::map<IMAPUID, std::vector<std::string>> flags;
+    std::map<UIDValue, std::vector<std::string>> flags;
     for (const auto& f : result.updated)
         flags[*f.uid] = f.flags.value_or(std::vector<std::string>{});
     auto has = [](const std::vector<std::string>& list, const char* flag) {

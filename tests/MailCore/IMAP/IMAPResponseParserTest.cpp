@@ -56,7 +56,7 @@ std::vector<T> all(const std::vector<IMAPResponse>& responses) {
     return found;
 }
 
-const IMAPFetchData& fetchOf(const std::vector<IMAPResponse>& responses, IMAPUID uid) {
+const IMAPFetchData& fetchOf(const std::vector<IMAPResponse>& responses, UIDValue uid) {
     for (const auto& r : responses) {
         const auto* f = r.as<IMAPFetchData>();
         if (f && f->uid == uid && (f->envelope || !f->sections.empty() || f->internalDate)) {

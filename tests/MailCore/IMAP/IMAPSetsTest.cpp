@@ -15,7 +15,7 @@ namespace mailcore {
 namespace {
 
 using Numbers = std::vector<std::uint32_t>;
-constexpr IMAPUID maxUID = std::numeric_limits<IMAPUID>::max();
+constexpr UIDValue maxUID = std::numeric_limits<UIDValue>::max();
 
 std::optional<MailError> expandError(const std::string& text, std::uint64_t maxCount) {
     return testfiles::caught<MailError>([&] { IMAPSequenceSet::expand(text, maxCount); });
@@ -64,7 +64,7 @@ std::vector<std::string> texts(const std::vector<UIDSet>& sets) {
 }
 
 TEST(UIDSetTest, BuildsSortedCoalescedRangesFromUIDs) {
-    const std::pair<std::vector<IMAPUID>, std::string> cases[] = {
+    const std::pair<std::vector<UIDValue>, std::string> cases[] = {
         {{5, 3, 4, 9, 3}, "3:5,9"},
         {{}, ""},
         {{1, 2, 3, 4, 5, 6}, "1:6"},
@@ -78,7 +78,7 @@ TEST(UIDSetTest, BuildsSortedCoalescedRangesFromUIDs) {
         EXPECT_EQ(set.isEmpty(), uids.empty());
     }
     EXPECT_EQ(UIDSet::fromUIDs({5, 3, 4, 9, 3}).ranges, (std::vector<UIDRange>{{3, 5}, {9, 9}}));
-    EXPECT_EQ(UIDSet::fromUIDs(std::set<IMAPUID>{2, 1}), UIDSet::fromRanges({{1, 2}}));
+    EXPECT_EQ(UIDSet::fromUIDs(std::set<UIDValue>{2, 1}), UIDSet::fromRanges({{1, 2}}));
     EXPECT_EQ(UIDSet(42).imapString(), "42");
     // Ranges given by the caller are written in their own order.
     EXPECT_EQ(
