@@ -359,6 +359,17 @@ void SQLiteMailStore::removeFolder(FolderID id) {
     });
 }
 
+void SQLiteMailStore::renameFolder(FolderID id, const FolderListing& listing) {
+    write([&](SQLiteDatabase& db) {
+        if (db.run("UPDATE folders SET path = ?, delimiter = ?, attributes = ?, server_role = ?, "
+                   "role = CASE WHEN role_override = 1 THEN role ELSE ? END WHERE id = ?",
+                   {listing.path, listing.delimiter, StorageCodec::encodeString(listing.attributes),
+                    rawValue(listing.serverRole), rawValue(listing.serverRole), id}) == 0) {
+            throw storageError("folder not found", StorageFailureKind::notFound);
+        }
+    });
+}
+
 void SQLiteMailStore::saveSyncCursor(FolderID id, const FolderSyncCursor& c) {
     write([&](SQLiteDatabase& db) {
         if (db.run("UPDATE folders SET uid_validity = ?, uid_next = ?, highest_mod_seq = ?, "

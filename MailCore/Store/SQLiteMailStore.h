@@ -104,6 +104,9 @@ public:
     void setFolderRole(FolderID id, FolderRole role);
     void resetFolderRole(FolderID id);
     void removeFolder(FolderID id);
+    // The server renamed the folder to `listing.path`: its messages, counts and sync cursor
+    // stay. Fails with "folder not found".
+    void renameFolder(FolderID id, const FolderListing& listing);
     void saveSyncCursor(FolderID id, const FolderSyncCursor& cursor);
     // A new UIDVALIDITY: drops every message with a server copy in the
     // folder (pending local moves stay), cleans up emptied threads, stores

@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <fstream>
 #include <iostream>
 #include <iterator>
@@ -24,6 +25,7 @@
 #include "kestrune_app/Host/ConfirmChannel.h"
 #include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostError.h"
+#include "kestrune_app/Host/HostSync.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
@@ -597,6 +599,17 @@ int outbox(Context& c) {
     return ok;
 }
 
+// The accounts' server mail brought into the store in the foreground.
+int sync(Context& c) {
+    SyncCommandIO io{c.env.out, {}, c.env.stop};
+    if (::isatty(STDOUT_FILENO))
+        io.progressLine = [](const std::string& text) {
+            std::fprintf(stdout, "\r\033[K%s", text.c_str());
+            std::fflush(stdout);
+        };
+    return runSyncCommand(c.args, c.paths, io);
+}
+
 }  // namespace
 
 const std::string& usage() {
@@ -639,6 +652,9 @@ const std::string& usage() {
         "  ai set --url URL --model NAME [--key-stdin]\n"
         "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
         "  outbox [list] | retry ID | cancel ID   work queued for the accounts' servers\n"
+        "  sync [EMAIL] [--once]               bring the accounts' server mail here (again every "
+        "minute\n"
+        "                                      until Ctrl-C, or once)\n"
         "\n"
         "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in "
         "DIR/mcp,\n"
@@ -667,18 +683,25 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
         const std::string command = args[0];
         Context c{env, dataDir, std::vector<std::string>(args.begin() + 1, args.end()),
                   HostPaths::make(dataDir, env.home)};
-        static const std::map<std::string, int (*)(Context&)> commands{
-            {"serve", serve},         {"confirm", confirm},
-            {"access", access},       {"permissions", permissions},
-            {"accounts", accounts},   {"limits", limits},
-            {"harnesses", harnesses}, {"audit", audit},
-            {"workflows", workflows}, {"import", import},
-            {"outbox", outbox},       {"ai", ai}};
+        static const std::map<std::string, int (*)(Context&)> commands{{"serve", serve},
+                                                                       {"confirm", confirm},
+                                                                       {"access", access},
+                                                                       {"permissions", permissions},
+                                                                       {"accounts", accounts},
+                                                                       {"limits", limits},
+                                                                       {"harnesses", harnesses},
+                                                                       {"audit", audit},
+                                                                       {"workflows", workflows},
+                                                                       {"import", import},
+                                                                       {"outbox", outbox},
+                                                                       {"ai", ai},
+                                                                       {"sync", sync}};
         auto it = commands.find(command);
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)
             if (a.starts_with("--") && command != "serve" && command != "audit" &&
-                command != "import" && command != "accounts" && command != "ai")
+                command != "import" && command != "accounts" && command != "ai" &&
+                command != "sync")
                 throw UsageError("unknown option " + a);
         return it->second(c);
     } catch (const HostError& e) {

@@ -1,0 +1,182 @@
+#include "kestrune_app/Host/HostSync.h"
+
+#include <chrono>
+#include <cmath>
+#include <cstdio>
+#include <thread>
+
+#include "KestruneMCPKit/Link/MCPPaths.h"
+#include "MailCore/Accounts/AccountDirectory.h"
+#include "MailCore/Credentials/KeyringCredentialStores.h"
+#include "MailCore/Engine/AccountSync.h"
+#include "MailCore/Engine/NetConnectionFactory.h"
+#include "MailCore/Setup/AccountCheck.h"
+#include "MailCore/Setup/AccountCredentials.h"
+#include "MailCore/Transport/SocketTLSTransport.h"
+
+namespace kestrune {
+
+using namespace mailcore;
+namespace fs = std::filesystem;
+
+namespace {
+
+struct Failure : HostError {
+    explicit Failure(std::string detail) : HostError(Kind::failed, std::move(detail)) {}
+};
+struct SyncUsageError : HostError {
+    explicit SyncUsageError(std::string detail) : HostError(Kind::usage, std::move(detail)) {}
+};
+
+using Seconds = std::chrono::duration<double>;
+using SteadyClock = std::chrono::steady_clock;
+
+// Seconds between repeated syncs without --once.
+constexpr double repeatInterval = 60;
+// Least time between two plain progress lines of one folder.
+constexpr double plainLineInterval = 5;
+
+std::string grouped(std::int64_t n) {
+    std::string digits = std::to_string(n);
+    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(static_cast<std::size_t>(at), ",");
+    return digits;
+}
+
+// A signed-in session for the account, an OAuth token refreshed once after
+// a refusal.
+std::unique_ptr<IMAPSession> signIn(const AccountRecord& account, AccountCredentials& credentials) {
+    NetConnectionFactory factory(std::make_shared<SocketByteStreamFactory>(extraAnchors(account)));
+    const auto attempt = [&](const LoginSecret& login) {
+        auto session = factory.makeIMAPSession(*account.imap, standardProtocolLimits(),
+                                               ConnectionTimeouts{20, 60, 25 * 60, 60, 300});
+        session->connect();
+        session->authenticate({login.loginName, login.secret, login.method == AuthMethod::oauth});
+        return session;
+    };
+    const LoginSecret login = credentials.loginSecret(account);
+    try {
+        return attempt(login);
+    } catch (const MailError& e) {
+        if (login.method != AuthMethod::oauth || e.errorCase() != MailError::Case::auth) throw;
+        credentials.loginRefused(account, login.secret);
+        return attempt(credentials.loginSecret(account));
+    }
+}
+
+class ProgressDisplay {
+public:
+    ProgressDisplay(const SyncCommandIO& io, std::string account)
+        : io_(io), account_(std::move(account)) {}
+
+    void operator()(const FolderProgress& p) {
+        const auto now = SteadyClock::now();
+        if (p.folder != folder_ || p.done < lastDone_) {
+            folder_ = p.folder;
+            started_ = now;
+            lastLine_ = now - std::chrono::hours(1);
+        }
+        lastDone_ = p.done;
+        const double seconds = Seconds(now - started_).count();
+        const std::string text = account_ + "  " + progressText(p.folder, p.done, p.total, seconds);
+        if (io_.progressLine) {
+            io_.progressLine(text);
+        } else if (Seconds(now - lastLine_).count() >= plainLineInterval || p.done == p.total) {
+            lastLine_ = now;
+            io_.out(text);
+        }
+    }
+
+private:
+    const SyncCommandIO& io_;
+    std::string account_;
+    std::string folder_;
+    std::int64_t lastDone_ = 0;
+    SteadyClock::time_point started_{};
+    SteadyClock::time_point lastLine_{};
+};
+
+// One sync of every chosen account; false when one of them failed.
+bool syncOnce(SQLiteMailStore& store, const std::vector<AccountRecord>& accounts,
+              AccountCredentials& credentials, const SyncCommandIO& io) {
+    bool allOK = true;
+    for (const auto& account : accounts) {
+        const auto started = SteadyClock::now();
+        try {
+            auto session = signIn(account, credentials);
+            ProgressDisplay display(io, account.address);
+            const auto report = AccountSync(store, account.id, {}, std::ref(display)).run(*session);
+            session->logout();
+            if (io.progressLine) io.progressLine("");
+            char elapsed[32];
+            std::snprintf(elapsed, sizeof elapsed, "%.1f s",
+                          Seconds(SteadyClock::now() - started).count());
+            io.out(account.address + ": " + grouped(report.added) + " messages added, " +
+                   grouped(report.flagUpdates) + " flag changes, " + grouped(report.removed) +
+                   " removed, " + std::to_string(report.folders) + " folders (" + elapsed + ").");
+        } catch (const MailError& e) {
+            if (io.progressLine) io.progressLine("");
+            allOK = false;
+            io.out(account.address + ": " + explainFailure(e, ServerRole::imap, *account.imap));
+        }
+    }
+    return allOK;
+}
+
+}  // namespace
+
+std::string progressText(const std::string& folder, std::int64_t done, std::int64_t total,
+                         double seconds) {
+    std::string text = folder + "  " + grouped(done) + " of " + grouped(total);
+    if (seconds <= 0 || done <= 0) return text;
+    const double rate = static_cast<double>(done) / seconds;
+    text += "  " + grouped(std::llround(rate)) + "/s";
+    if (total > done) {
+        const auto left = std::llround(static_cast<double>(total - done) / rate);
+        char clock[32];
+        std::snprintf(clock, sizeof clock, "%lld:%02lld", left / 60, left % 60);
+        text += "  " + std::string(clock) + " left";
+    }
+    return text;
+}
+
+int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const SyncCommandIO& io) {
+    bool once = false;
+    std::optional<std::string> address;
+    for (const auto& a : args) {
+        if (a == "--once")
+            once = true;
+        else if (a.starts_with("--"))
+            throw SyncUsageError("unknown option " + a);
+        else if (address)
+            throw SyncUsageError("unexpected argument " + a);
+        else
+            address = a;
+    }
+    if (!fs::exists(paths.store))
+        throw Failure("There is no mail account yet; add one with: kestrune accounts add EMAIL");
+    mcpkit::MCPPaths::preparePrivateDirectory(paths.root);
+    SQLiteMailStore store(StoreLocation::file(paths.store.string()));
+    AccountDirectory directory(store);
+    std::vector<AccountRecord> accounts;
+    for (auto& a : directory.all())
+        if (a.imap && (!address || a.address == *address || a.id.value == *address))
+            accounts.push_back(std::move(a));
+    if (accounts.empty())
+        throw Failure(address ? "There is no server account " + *address +
+                                    "; add it with: kestrune accounts add " + *address
+                              : "There is no server account to sync; add one with: kestrune "
+                                "accounts add EMAIL");
+    auto choice = chooseCredentialStore(paths.root / "credentials.json");
+    AccountCredentials credentials(directory, *choice.store, systemClock());
+    const auto stopped = [&] { return io.stop && io.stop->load(); };
+    while (true) {
+        const bool ok = syncOnce(store, accounts, credentials, io);
+        if (once) return ok ? 0 : 1;
+        for (int i = 0; i < static_cast<int>(repeatInterval * 10) && !stopped(); ++i)
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        if (stopped()) return ok ? 0 : 1;
+    }
+}
+
+}  // namespace kestrune
