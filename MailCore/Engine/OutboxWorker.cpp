@@ -33,6 +33,18 @@ void OutboxWorker::notify(OutboxEvent event, const OutboxItem& item) {
     if (observer_) observer_(event, item);
 }
 
+DraftRecord OutboxWorker::keepSendAsDraft(const OutboxItem& item) {
+    const OutboxSend& send = item.operation.sendPayload();
+    DraftRecord draft;
+    draft.id = send.draftID.value_or(DraftID(makeUUID()));
+    draft.accountID = item.accountID;
+    draft.message = send.message;
+    if (auto existing = store_.draft(draft.id)) draft.sourceMessageID = existing->sourceMessageID;
+    draft.updatedAt = clock_();
+    store_.convertSendToDraft(item.id, draft);
+    return draft;
+}
+
 LaunchRecovery OutboxWorker::recoverAtLaunch() {
     LaunchRecovery report;
     auto rows = store_.recoverInFlight();
@@ -42,15 +54,7 @@ LaunchRecovery OutboxWorker::recoverAtLaunch() {
         if (!isSend(item)) continue;
         ++report.heldSends;
         if (tuning().heldSendsOnLaunch != HeldSendLaunchPolicy::keepAsDraft) continue;
-        const OutboxSend& send = item.operation.sendPayload();
-        DraftRecord draft;
-        draft.id = send.draftID.value_or(DraftID(makeUUID()));
-        draft.accountID = item.accountID;
-        draft.message = send.message;
-        if (auto existing = store_.draft(draft.id))
-            draft.sourceMessageID = existing->sourceMessageID;
-        draft.updatedAt = clock_();
-        store_.convertSendToDraft(item.id, draft);
+        keepSendAsDraft(item);
         ++report.keptAsDrafts;
     }
     for (const auto& row : store_.outboxItems(std::nullopt)) {
@@ -58,18 +62,10 @@ LaunchRecovery OutboxWorker::recoverAtLaunch() {
         if (!isSend(item) || item.state != OutboxItemState::queued ||
             item.notBefore < heldUntilReleased())
             continue;
-        const OutboxSend& send = item.operation.sendPayload();
-        DraftRecord draft;
-        draft.id = send.draftID.value_or(DraftID(makeUUID()));
-        draft.accountID = item.accountID;
-        draft.message = send.message;
-        if (auto existing = store_.draft(draft.id))
-            draft.sourceMessageID = existing->sourceMessageID;
-        draft.updatedAt = clock_();
-        store_.convertSendToDraft(item.id, draft);
+        const DraftRecord draft = keepSendAsDraft(item);
         store_.enqueue(item.accountID, OutboxOperation::saveDraft(draft.id, draft.message),
                        clock_());
-        report.unreleased.push_back(send);
+        report.unreleased.push_back(item.operation.sendPayload());
     }
     heldSendsSettled_ = true;
     return report;

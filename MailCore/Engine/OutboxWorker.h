@@ -124,6 +124,8 @@ private:
     void apply(const OutboxItem& item, const OutboxDecision& decision);
     void notify(OutboxEvent event, const OutboxItem& item);
     void loop(double pollSeconds);
+    // Turns the send `item` back into its draft (the draft's source kept).
+    DraftRecord keepSendAsDraft(const OutboxItem& item);
 
     SQLiteMailStore& store_;
     OutboxExecutor& executor_;
