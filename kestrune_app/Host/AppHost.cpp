@@ -231,6 +231,8 @@ void AppHost::start() {
                                                       mailcore::systemClock(), out_);
     workflowRunner_->engine().prime();
     workflowRunner_->start();
+    sync_ = std::make_unique<ServeSync>(store_, paths_, out_, [this] { messagesReceived(); });
+    sync_->start();
     workflowMail_ = std::make_unique<mailcore::WorkflowStoreMail>(*store_);
     const bool ai = workflowRunner_->engine().hasAIProvider();
     bridge_ = std::make_shared<mcpkit::MCPWorkflowBridge>(
@@ -318,6 +320,7 @@ void AppHost::stop(std::chrono::milliseconds grace) {
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
         server_.reset();
     }
+    if (sync_) sync_->stop();
     if (workflowRunner_) workflowRunner_->stop();
     answers_.reset();
     if (outbox_) outbox_->stop();

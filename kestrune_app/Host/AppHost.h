@@ -32,6 +32,7 @@
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "MailCore/Workflow/WorkflowStoreMail.h"
 #include "kestrune_app/Host/HostPaths.h"
+#include "kestrune_app/Host/HostSync.h"
 #include "kestrune_app/Host/HostWorkflows.h"
 #include "kestrune_app/Host/LocalDelivery.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
@@ -109,6 +110,7 @@ private:
     std::unique_ptr<mailcore::WorkflowStore> workflows_;
     std::unique_ptr<mailcore::WorkflowStoreMail> workflowMail_;
     std::unique_ptr<HostWorkflows> workflowRunner_;
+    std::unique_ptr<ServeSync> sync_;  // the server accounts' sync, on store_
     std::shared_ptr<mcpkit::MCPWorkflowBridge> bridge_;
     std::unique_ptr<mcpkit::MCPService> service_;
     std::unique_ptr<mcpkit::MCPSocketServer> server_;

@@ -13,6 +13,7 @@
 #include "MailCore/Setup/AccountCheck.h"
 #include "MailCore/Setup/AccountCredentials.h"
 #include "MailCore/Transport/SocketTLSTransport.h"
+#include "kestrune_app/Host/HostAccounts.h"
 
 namespace kestrune {
 
@@ -177,6 +178,68 @@ int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const 
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
         if (stopped()) return ok ? 0 : 1;
     }
+}
+
+ServeSync::ServeSync(std::shared_ptr<SQLiteMailStore> store, HostPaths paths, Print out,
+                     std::function<void()> newMail)
+    : store_(std::move(store)),
+      paths_(std::move(paths)),
+      out_(std::move(out)),
+      newMail_(std::move(newMail)) {}
+
+ServeSync::~ServeSync() { stop(); }
+
+void ServeSync::start() {
+    directory_ = std::make_unique<AccountDirectory>(*store_);
+    std::vector<AccountRecord> accounts;
+    for (auto& a : directory_->all())
+        if (a.imap) accounts.push_back(std::move(a));
+    if (accounts.empty()) return;
+    try {
+        secrets_ = openCredentialStore(paths_);
+    } catch (const std::exception& e) {
+        out_(std::string("The mail accounts cannot be synced: their credentials cannot be read (") +
+             e.what() + ").");
+        return;
+    }
+    credentials_ = std::make_unique<AccountCredentials>(*directory_, *secrets_, systemClock());
+    for (const auto& account : accounts) {
+        AccountRuntime::Callbacks callbacks;
+        callbacks.newMail = [this](const std::vector<MessageID>&) {
+            if (newMail_) newMail_();
+        };
+        callbacks.status = [this, address = account.address](const AccountStatus& status) {
+            show(address, status);
+        };
+        auto runtime = std::make_unique<AccountRuntime>(
+            *store_, account.id,
+            [this, account] {
+                // The record as it is now (its sign-in state may have changed).
+                const auto current = directory_->find(account.id);
+                return signIn(current ? *current : account, *credentials_);
+            },
+            std::move(callbacks));
+        runtime->start();
+        runtimes_.push_back(std::move(runtime));
+    }
+}
+
+void ServeSync::stop() {
+    for (auto& runtime : runtimes_) runtime->stop();
+    runtimes_.clear();
+}
+
+void ServeSync::show(const std::string& account, const AccountStatus& status) {
+    std::string line = account + ": " + std::string(describe(status.state));
+    if (status.state == AccountSyncState::syncing && !status.progress.folder.empty())
+        line = account + ": syncing " + status.progress.folder;
+    if (!status.detail.empty()) line += " (" + status.detail + ")";
+    {
+        std::lock_guard guard(lock_);
+        if (shown_[account] == line) return;
+        shown_[account] = line;
+    }
+    out_(line);
 }
 
 }  // namespace kestrune

@@ -9,9 +9,15 @@
 
 #include <atomic>
 #include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
+#include "MailCore/Accounts/CredentialStore.h"
+#include "MailCore/Engine/AccountRuntime.h"
+#include "MailCore/Setup/AccountCredentials.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostPaths.h"
 
@@ -32,5 +38,40 @@ int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const 
 // "INBOX  1,250 of 20,000  850/s  0:22 left": one progress report as shown.
 std::string progressText(const std::string& folder, std::int64_t done, std::int64_t total,
                          double seconds);
+
+// The sync of every server account while `serve` runs: one AccountRuntime
+// each (sign-in, sync, IDLE on the inbox, reconnection), one status line per
+// account whenever its state changes ("ada@example.org: idle",
+// "ada@example.org: syncing INBOX 250 of 20,000", "...: offline (...)",
+// "...: needs sign-in"), and `newMail` called after mail arrived. Accounts
+// excluded from agents are synced too. The credential store is opened only
+// when there is a server account.
+class ServeSync {
+public:
+    using Print = std::function<void(const std::string&)>;
+
+    ServeSync(std::shared_ptr<mailcore::SQLiteMailStore> store, HostPaths paths, Print out,
+              std::function<void()> newMail);
+    ~ServeSync();
+    ServeSync(const ServeSync&) = delete;
+    ServeSync& operator=(const ServeSync&) = delete;
+
+    void start();
+    void stop();
+
+private:
+    void show(const std::string& account, const mailcore::AccountStatus& status);
+
+    std::shared_ptr<mailcore::SQLiteMailStore> store_;
+    HostPaths paths_;
+    Print out_;
+    std::function<void()> newMail_;
+    std::unique_ptr<mailcore::AccountDirectory> directory_;
+    std::unique_ptr<mailcore::CredentialStore> secrets_;
+    std::unique_ptr<mailcore::AccountCredentials> credentials_;
+    std::vector<std::unique_ptr<mailcore::AccountRuntime>> runtimes_;
+    std::mutex lock_;
+    std::map<std::string, std::string> shown_;  // guarded by lock_: the last line per account
+};
 
 }  // namespace kestrune

@@ -4,11 +4,13 @@
 // changes, with and without QRESYNC, and after a sync stopped part way.
 #include <gtest/gtest.h>
 
+#include <condition_variable>
 #include <map>
 #include <nlohmann/json.hpp>
 #include <set>
 #include <tuple>
 
+#include "MailCore/Engine/AccountRuntime.h"
 #include "MailCore/Engine/AccountSync.h"
 #include "MailCore/Engine/NetConnectionFactory.h"
 #include "MailCore/Transport/SocketTLSTransport.h"
@@ -38,13 +40,13 @@ protected:
         for (int n = 13; n <= 17; ++n) server.writeMessage("alice", "Projects", message(n), "F");
     }
 
-    std::unique_ptr<IMAPSession> signIn() {
+    std::unique_ptr<IMAPSession> signIn(const std::string& password = "secret") {
         NetConnectionFactory factory(
             std::make_shared<SocketByteStreamFactory>(server.trustAnchors()));
         auto session = factory.makeIMAPSession(server.imapTLSEndpoint(), ProtocolLimits{},
                                                ConnectionTimeouts{10, 10, 60, 30, 60});
         session->connect();
-        session->authenticate({"alice", "secret"});
+        session->authenticate({"alice", password});
         return session;
     }
 
@@ -200,6 +202,49 @@ TEST_P(AccountSyncTest, StoppedSyncResumesWithoutFetchingAnythingTwice) {
     auto session = signIn();
     const auto once = AccountSync(fresh, account, tuning).run(*session);
     EXPECT_EQ(window.bytesFetched + stopped.bytesFetched + rest.bytesFetched, once.bytesFetched);
+}
+
+TEST_P(AccountSyncTest, RuntimeTakesInMailTheServerAnnouncesDuringIdle) {
+    std::mutex lock;
+    std::condition_variable changed;
+    std::vector<MessageID> arrived;
+    std::vector<AccountSyncState> states;
+    const auto waitFor = [&](const std::function<bool()>& condition) {
+        std::unique_lock guard(lock);
+        return changed.wait_for(guard, std::chrono::seconds(60), condition);
+    };
+    AccountRuntime::Callbacks callbacks{[&](const std::vector<MessageID>& ids) {
+                                            std::lock_guard guard(lock);
+                                            arrived.insert(arrived.end(), ids.begin(), ids.end());
+                                            changed.notify_all();
+                                        },
+                                        [&](const AccountStatus& status) {
+                                            std::lock_guard guard(lock);
+                                            states.push_back(status.state);
+                                            changed.notify_all();
+                                        }};
+    SyncTuning tuning;
+    tuning.qresync = GetParam();
+    AccountRuntime runtime(
+        store, account, [this] { return signIn(); }, callbacks, tuning);
+    runtime.start();
+    ASSERT_TRUE(
+        waitFor([&] { return !states.empty() && states.back() == AccountSyncState::idle; }));
+    EXPECT_TRUE(arrived.empty());  // the first filling is not new mail
+    signIn()->append("INBOX", message(60));
+    ASSERT_TRUE(waitFor([&] { return !arrived.empty(); }));
+    EXPECT_EQ(store.messageFields(arrived.at(0))->threading.messageID->value(), "m60@example.com");
+    runtime.stop();
+    EXPECT_EQ(storeState(), serverState());
+
+    // A refused password: the account needs a sign-in, nothing is retried at once.
+    states.clear();
+    AccountRuntime refused(
+        store, account, [this] { return signIn("wrong"); }, callbacks);
+    refused.start();
+    ASSERT_TRUE(waitFor([&] { return states.size() >= 2; }));
+    refused.stop();
+    EXPECT_EQ(states.at(1), AccountSyncState::needsSignIn);
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutQResync, AccountSyncTest, ::testing::Bool());
