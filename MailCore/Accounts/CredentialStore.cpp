@@ -14,7 +14,15 @@
 namespace mailcore {
 
 std::string_view rawValue(CredentialKind kind) {
-    return kind == CredentialKind::password ? "password" : "oauth-refresh-token";
+    switch (kind) {
+        case CredentialKind::password:
+            return "password";
+        case CredentialKind::oauthRefreshToken:
+            return "oauth-refresh-token";
+        case CredentialKind::apiKey:
+            return "api-key";
+    }
+    return "password";
 }
 
 namespace {

@@ -19,8 +19,8 @@
 
 namespace mailcore {
 
-enum class CredentialKind { password, oauthRefreshToken };
-// "password", "oauth-refresh-token".
+enum class CredentialKind { password, oauthRefreshToken, apiKey };
+// "password", "oauth-refresh-token", "api-key".
 std::string_view rawValue(CredentialKind kind);
 
 class CredentialStore {

@@ -72,7 +72,8 @@ void KeychainCredentialStore::setSecret(const std::string& account, CredentialKi
 
 void KeychainCredentialStore::removeAll(const std::string& account) {
     std::lock_guard<std::mutex> guard(lock_);
-    for (auto kind : {CredentialKind::password, CredentialKind::oauthRefreshToken}) {
+    for (auto kind :
+         {CredentialKind::password, CredentialKind::oauthRefreshToken, CredentialKind::apiKey}) {
         CFPtr q(query(account, kind));
         SecItemDelete((CFMutableDictionaryRef)q.get());
     }

@@ -218,8 +218,9 @@ void WorkflowEngine::prime() {
     for (const auto& w : workflowsInOrder()) cursorFor(w, newest);
 }
 
-bool WorkflowEngine::matchesMessage(const StoredWorkflow& w, const WorkflowMailMessage& m,
+bool WorkflowEngine::matchesMessage(const StoredWorkflow& w, WorkflowMatcher::FoldedMessage& folded,
                                     MessageID id, RunTally& tally) {
+    const WorkflowMailMessage& m = folded.message();
     WorkflowMatcher::MatchContext context;
     context.ownAddresses = ownAddresses_;
     context.classified = [&](const WorkflowCondition& c) {
@@ -244,7 +245,7 @@ bool WorkflowEngine::matchesMessage(const StoredWorkflow& w, const WorkflowMailM
         });
         return judgement.matches;
     };
-    return WorkflowMatcher::matches(w.spec, m, context);
+    return WorkflowMatcher::matches(w.spec, folded, context);
 }
 
 bool WorkflowEngine::act(const StoredWorkflow& w, const WorkflowMailMessage& message, MessageID id,
@@ -537,11 +538,13 @@ WorkflowPassSummary WorkflowEngine::messagesArrived() {
         for (const std::int64_t raw : ids) {
             const MessageID id(raw);
             std::optional<WorkflowMailMessage> message;
+            std::optional<WorkflowMatcher::FoldedMessage> folded;
             bool loaded = false;
             for (Active& a : active) {
                 if (a.stopped || a.cursor.lastMessageID >= raw) continue;
                 if (!loaded) {
                     message = mail_.load(id, parts);
+                    if (message) folded.emplace(*message);
                     loaded = true;
                 }
                 if (!message || !watchesAccount(a.w.spec, message->account)) {
@@ -550,7 +553,7 @@ WorkflowPassSummary WorkflowEngine::messagesArrived() {
                 }
                 ++a.tally.examined;
                 try {
-                    if (matchesMessage(a.w, *message, id, a.tally)) {
+                    if (matchesMessage(a.w, *folded, id, a.tally)) {
                         ++a.tally.matched;
                         act(a.w, *message, id, "m" + std::to_string(raw), a.budget, a.tally,
                             std::nullopt);
@@ -603,7 +606,8 @@ void WorkflowEngine::digest(const StoredWorkflow& w, Cursor& cursor, Date schedu
                                         hasCondition(w.spec, {"in_thread"})});
         if (!m || !watchesAccount(w.spec, m->account)) continue;
         ++tally.examined;
-        if (!matchesMessage(w, *m, MessageID(raw), tally)) continue;
+        WorkflowMatcher::FoldedMessage folded(*m);
+        if (!matchesMessage(w, folded, MessageID(raw), tally)) continue;
         ++tally.matched;
         if (static_cast<int>(included.size()) < options_.limits.maxDigestMessages)
             included.push_back(*m);
@@ -715,7 +719,8 @@ WorkflowPassSummary WorkflowEngine::runDue() {
                     });
                     if (handled) continue;
                     ++tally.examined;
-                    if (!matchesMessage(w, m, *id, tally)) continue;
+                    WorkflowMatcher::FoldedMessage folded(m);
+                    if (!matchesMessage(w, folded, *id, tally)) continue;
                     ++tally.matched;
                     act(w, m, *id, key, budget, tally, std::nullopt);
                 }

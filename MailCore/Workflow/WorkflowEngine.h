@@ -149,8 +149,8 @@ private:
     Budget budgetFor(const std::string& workflowID, Date now);
     // Judges classified conditions (cached) and prepares AI drafts; outside
     // any store transaction.
-    bool matchesMessage(const StoredWorkflow& w, const WorkflowMailMessage& m, MessageID id,
-                        RunTally& tally);
+    bool matchesMessage(const StoredWorkflow& w, WorkflowMatcher::FoldedMessage& message,
+                        MessageID id, RunTally& tally);
     // Applies the actions of `w` to `message` inside one transaction,
     // claiming `ledgerKey`; false when the key was already claimed.
     bool act(const StoredWorkflow& w, const WorkflowMailMessage& message, MessageID id,

@@ -2,6 +2,7 @@
 
 #include <fmt/format.h>
 
+#include <cstring>
 #include <ctime>
 #include <set>
 
@@ -15,8 +16,12 @@ namespace {
 constexpr std::int64_t secondsPerDay = 86400;
 
 // Mail text compares by its Unicode case fold: "RÉSUMÉ" contains "résumé".
-bool containsText(const std::string& haystack, const std::string& needle) {
-    return foldCase(haystack).find(foldCase(needle)) != std::string::npos;
+// The haystack is folded already.
+bool containsText(const std::string& folded, const std::string& needle) {
+    const std::string n = foldCase(needle);
+    // The C library's search skips ahead where std::string::find stops at
+    // every occurrence of the needle's first letter; it matters on bodies.
+    return ::memmem(folded.data(), folded.size(), n.data(), n.size()) != nullptr;
 }
 
 std::string trimmed(std::string_view text) {
@@ -106,10 +111,49 @@ std::string senderAddress(const std::string& from) {
     return asciiLower(trimmed(from));
 }
 
+const std::string& FoldedMessage::from() {
+    if (!from_) from_ = foldCase(message_.from);
+    return *from_;
+}
+
+const std::string& FoldedMessage::subject() {
+    if (!subject_) subject_ = foldCase(message_.subject);
+    return *subject_;
+}
+
+const std::string& FoldedMessage::body() {
+    if (!body_) body_ = foldCase(message_.bodyText.empty() ? message_.snippet : message_.bodyText);
+    return *body_;
+}
+
+const std::vector<std::string>& FoldedMessage::to() {
+    if (!to_) {
+        to_.emplace();
+        for (const std::string& r : message_.to) to_->push_back(foldCase(r));
+    }
+    return *to_;
+}
+
+const std::vector<std::string>& FoldedMessage::threadSubjects() {
+    if (!threadSubjects_) {
+        threadSubjects_.emplace();
+        threadSubjects_->push_back(foldCase(threadSubject(message_.subject)));
+        for (const std::string& s : message_.threadSubjects)
+            threadSubjects_->push_back(foldCase(threadSubject(s)));
+    }
+    return *threadSubjects_;
+}
+
 std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowMailMessage& m) {
-    const std::string& body = m.bodyText.empty() ? m.snippet : m.bodyText;
+    FoldedMessage folded(m);
+    return conditionMatches(c, folded);
+}
+
+std::optional<bool> conditionMatches(const WorkflowCondition& c, FoldedMessage& f) {
+    const WorkflowMailMessage& m = f.message();
     if (c.type == "from") {
-        return anyValue(c, [&](const std::string& v) { return containsText(m.from, trimmed(v)); });
+        return anyValue(c,
+                        [&](const std::string& v) { return containsText(f.from(), trimmed(v)); });
     }
     if (c.type == "from_domain") {
         const std::string domain = domainOf(senderAddress(m.from));
@@ -123,22 +167,23 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
     }
     if (c.type == "to") {
         return anyValue(c, [&](const std::string& v) {
-            for (const std::string& r : m.to) {
+            for (const std::string& r : f.to()) {
                 if (containsText(r, trimmed(v))) return true;
             }
             return false;
         });
     }
     if (c.type == "subject") {
-        return anyValue(c,
-                        [&](const std::string& v) { return containsText(m.subject, trimmed(v)); });
+        return anyValue(
+            c, [&](const std::string& v) { return containsText(f.subject(), trimmed(v)); });
     }
     if (c.type == "body") {
-        return anyValue(c, [&](const std::string& v) { return containsText(body, trimmed(v)); });
+        return anyValue(c,
+                        [&](const std::string& v) { return containsText(f.body(), trimmed(v)); });
     }
     if (c.type == "text") {
         return anyValue(c, [&](const std::string& v) {
-            return containsText(m.subject, trimmed(v)) || containsText(body, trimmed(v));
+            return containsText(f.subject(), trimmed(v)) || containsText(f.body(), trimmed(v));
         });
     }
     if (c.type == "attachment_kind") {
@@ -150,10 +195,8 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
         });
     }
     if (c.type == "in_thread") {
-        std::vector<std::string> subjects{threadSubject(m.subject)};
-        for (const std::string& s : m.threadSubjects) subjects.push_back(threadSubject(s));
         return anyValue(c, [&](const std::string& v) {
-            for (const std::string& subject : subjects)
+            for (const std::string& subject : f.threadSubjects())
                 if (containsText(subject, trimmed(v))) return true;
             return false;
         });
@@ -164,11 +207,12 @@ std::optional<bool> conditionMatches(const WorkflowCondition& c, const WorkflowM
 }
 
 bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message) {
+    FoldedMessage folded(message);
     bool judged = false;
     bool any = false;
     bool all = true;
     for (const WorkflowCondition& c : spec.conditions) {
-        const auto result = conditionMatches(c, message);
+        const auto result = conditionMatches(c, folded);
         if (!result) continue;
         judged = true;
         any = any || *result;
@@ -178,8 +222,8 @@ bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message) {
     return spec.match == "any" ? any : all;
 }
 
-bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message,
-             const MatchContext& context) {
+bool matches(const WorkflowSpec& spec, FoldedMessage& folded, const MatchContext& context) {
+    const WorkflowMailMessage& message = folded.message();
     const bool any = spec.match == "any";
     bool sawClassified = false;
     for (const WorkflowCondition& c : spec.conditions) {
@@ -187,7 +231,7 @@ bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message,
             sawClassified = true;
             continue;
         }
-        bool result = conditionMatches(c, message).value_or(false);
+        bool result = conditionMatches(c, folded).value_or(false);
         if (result && c.type == "sender_outside") {
             const std::string sender = senderAddress(message.from);
             for (const std::string& own : context.ownAddresses)

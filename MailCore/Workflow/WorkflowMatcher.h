@@ -23,10 +23,31 @@
 
 namespace mailcore::WorkflowMatcher {
 
+// A message's texts under the case fold, each made at its first use and
+// kept for every condition and workflow judged against the same message.
+// Refers to the message, which must outlive it. Not thread-safe.
+class FoldedMessage {
+public:
+    explicit FoldedMessage(const WorkflowMailMessage& message) : message_(message) {}
+    const WorkflowMailMessage& message() const { return message_; }
+    const std::string& from();
+    const std::string& subject();
+    const std::string& body();  // the body text, or the snippet without one
+    const std::vector<std::string>& to();
+    // The message's subject and those of its thread, without Re:/Fwd:.
+    const std::vector<std::string>& threadSubjects();
+
+private:
+    const WorkflowMailMessage& message_;
+    std::optional<std::string> from_, subject_, body_;
+    std::optional<std::vector<std::string>> to_, threadSubjects_;
+};
+
 // None for conditions that cannot be judged without the AI provider
 // (classified) and for unknown kinds.
 std::optional<bool> conditionMatches(const WorkflowCondition& condition,
                                      const WorkflowMailMessage& message);
+std::optional<bool> conditionMatches(const WorkflowCondition& condition, FoldedMessage& message);
 
 // The conditions combined by `match`; conditions that cannot be judged are
 // left out (so the answer is an upper bound when there are some). No
@@ -44,8 +65,7 @@ struct MatchContext {
 // The conditions combined by `match` as the engine applies them: every
 // condition is judged, classified ones last and only when the others leave
 // the outcome open.
-bool matches(const WorkflowSpec& spec, const WorkflowMailMessage& message,
-             const MatchContext& context);
+bool matches(const WorkflowSpec& spec, FoldedMessage& message, const MatchContext& context);
 
 // The bare, lower-case sender address of a "Name <address>" text.
 std::string senderAddress(const std::string& from);

@@ -71,8 +71,12 @@ std::optional<WorkflowMailMessage> WorkflowStoreMail::load(MessageID id, Parts p
             if (!a.isInline) m.attachments.push_back({a.filename, a.mimeType});
     }
     if (parts.thread) {
-        for (const auto& other : store_.threadMessages(row->threadID))
-            if (other.id != id) m.threadSubjects.push_back(other.subject);
+        // The distinct subjects only: a long conversation has few of them.
+        m.threadSubjects = store_.read([&](SQLiteDatabase& db) {
+            return db.query<std::string>(
+                "SELECT DISTINCT subject FROM messages WHERE thread_id = ? AND id != ?",
+                {row->threadID, id}, [](const SQLRow& r) { return r.text(0); });
+        });
     }
     return m;
 }

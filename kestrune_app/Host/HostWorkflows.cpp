@@ -8,6 +8,7 @@
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "MailCore/AI/OpenAIChatProvider.h"
 #include "MailCore/Common/PrivateFiles.h"
+#include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostError.h"
 
 namespace kestrune {
@@ -36,34 +37,49 @@ std::optional<AISettings> AISettings::load(const HostPaths& paths) {
     AISettings s;
     s.url = json["url"].get<std::string>();
     s.model = json["model"].get<std::string>();
-    s.hasKey = fs::exists(directory(paths) / "key");
+    s.hasKey = json.value("key", false) == true;
     return s;
 }
 
-void AISettings::save(const HostPaths& paths, const AISettings& settings,
-                      const std::optional<std::string>& key) {
+std::string AISettings::save(const HostPaths& paths, AISettings settings,
+                             const std::optional<std::string>& key) {
     mcpkit::MCPPaths::preparePrivateDirectory(paths.root);
     mcpkit::MCPPaths::preparePrivateDirectory(directory(paths));
-    std::string error;
+    std::string where;
     if (key) {
-        if (key->empty()) {
-            std::error_code ignored;
-            fs::remove(directory(paths) / "key", ignored);
-        } else if (!mailcore::systemFiles()->writeAtomically(directory(paths) / "key", *key,
-                                                             &error)) {
-            throw HostError(HostError::Kind::failed, "cannot save the key: " + error);
+        const auto credentials = openCredentialStore(paths);
+        try {
+            if (key->empty()) {
+                credentials->removeAll(credentialAccount);
+            } else {
+                credentials->setSecret(credentialAccount, mailcore::CredentialKind::apiKey, *key);
+                where = credentials->description();
+            }
+        } catch (const mailcore::MailError& e) {
+            throw HostError(HostError::Kind::failed, "cannot save the key: " + e.detail());
         }
+        settings.hasKey = !key->empty();
+    } else if (const auto before = load(paths)) {
+        settings.hasKey = before->hasKey;  // the key stays
     }
-    const Json json{{"url", settings.url}, {"model", settings.model}};
+    const Json json{{"url", settings.url}, {"model", settings.model}, {"key", settings.hasKey}};
+    std::string error;
     if (!mailcore::systemFiles()->writeAtomically(directory(paths) / "provider.json",
                                                   mailcore::encodeJson(json), &error))
         throw HostError(HostError::Kind::failed, "cannot save the AI provider settings: " + error);
+    return where;
 }
 
 void AISettings::clear(const HostPaths& paths) {
+    if (const auto settings = load(paths); settings && settings->hasKey) {
+        try {
+            openCredentialStore(paths)->removeAll(credentialAccount);
+        } catch (const mailcore::MailError& e) {
+            throw HostError(HostError::Kind::failed, "cannot remove the key: " + e.detail());
+        }
+    }
     std::error_code ignored;
     fs::remove(directory(paths) / "provider.json", ignored);
-    fs::remove(directory(paths) / "key", ignored);
 }
 
 std::shared_ptr<mailcore::AIProvider> AISettings::provider(const HostPaths& paths) {
@@ -72,11 +88,14 @@ std::shared_ptr<mailcore::AIProvider> AISettings::provider(const HostPaths& path
     mailcore::AIProviderConfig config;
     config.url = settings->url;
     config.model = settings->model;
-    if (auto file = mailcore::systemFiles()->read(directory(paths) / "key", kSettingsBound);
-        file.ok()) {
-        std::string key = std::move(file.bytes);
-        while (!key.empty() && (key.back() == '\n' || key.back() == '\r')) key.pop_back();
-        if (!key.empty()) config.apiKey = std::move(key);
+    if (settings->hasKey) {
+        config.apiKey =
+            openCredentialStore(paths)->secret(credentialAccount, mailcore::CredentialKind::apiKey);
+        if (!config.apiKey)
+            throw HostError(HostError::Kind::failed,
+                            "the AI provider's key is missing from " +
+                                openCredentialStore(paths)->description() +
+                                "; set it again with `kestrune ai set --key-stdin`");
     }
     try {
         return std::make_shared<mailcore::OpenAIChatProvider>(std::move(config));
@@ -145,7 +164,8 @@ void HostWorkflows::loop(std::chrono::milliseconds interval) {
         {
             std::unique_lock guard(lock_);
             wake_.wait_for(guard, interval, [this] { return woken_ || stopping_; });
-            if (stopping_) return;
+            // Mail announced before the stop is acted on before stopping.
+            if (stopping_ && !woken_) return;
             woken_ = false;
         }
         try {

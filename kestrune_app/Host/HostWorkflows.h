@@ -4,7 +4,9 @@
 // configured, and the extract files in the workflows directory.
 //
 // AI provider settings (`kestrune ai set`) live in DATA/ai (mode 0700):
-// "provider.json" holds the URL and model, "key" the API key; both 0600.
+// "provider.json" (0600) holds the URL, the model and whether there is a key;
+// the key itself is kept in the credential store of the mail accounts (the
+// keyring, or its private file), under the name "ai-provider".
 //
 // The runner: a background thread that passes over the workflows every few
 // seconds and at once when woken (`messagesReceived`, the hook for sync,
@@ -30,6 +32,8 @@ namespace kestrune {
 
 // The AI provider settings of a data directory.
 struct AISettings {
+    static constexpr const char* credentialAccount = "ai-provider";
+
     std::string url;
     std::string model;
     bool hasKey = false;
@@ -38,11 +42,15 @@ struct AISettings {
     // None when nothing is configured; throws HostError when the
     // settings cannot be read.
     static std::optional<AISettings> load(const HostPaths& paths);
-    // Writes the settings, and the key when given (an empty key removes it).
-    static void save(const HostPaths& paths, const AISettings& settings,
-                     const std::optional<std::string>& key);
+    // Writes the settings, and the key when given (an empty key removes it;
+    // none keeps the one saved before). Returns where a given key went
+    // ("the Secret Service", ...). Throws HostError when either is refused.
+    static std::string save(const HostPaths& paths, AISettings settings,
+                            const std::optional<std::string>& key);
+    // Removes the settings and the key.
     static void clear(const HostPaths& paths);
     // The provider built from the settings and key; none when unconfigured.
+    // Throws HostError when the key it needs is missing.
     static std::shared_ptr<mailcore::AIProvider> provider(const HostPaths& paths);
 };
 
@@ -74,6 +82,8 @@ public:
     void start(std::chrono::milliseconds interval = std::chrono::seconds(5));
     // The "message received" hook: wakes the runner at once.
     void messagesReceived();
+    // Finishes the pass that a message received before it asked for, then
+    // stops the runner.
     void stop();
 
 private:

@@ -130,9 +130,9 @@ void ai(std::vector<std::string> args, const HostPaths& paths,
             key = readKey();
             while (!key->empty() && (key->back() == '\n' || key->back() == '\r')) key->pop_back();
         }
-        AISettings::save(paths, {*url, *model, false}, key);
+        const std::string where = AISettings::save(paths, {*url, *model, false}, key);
         out("AI provider set: " + *model + " at " + *url +
-            (key && !key->empty() ? " (key saved)." : "."));
+            (where.empty() ? "." : " (key kept in " + where + ")."));
         out("A running Kestrune uses it after its next start.");
         return;
     }

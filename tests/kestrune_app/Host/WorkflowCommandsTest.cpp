@@ -6,15 +6,16 @@
 #include <cstdlib>
 #include <fstream>
 #include <nlohmann/json.hpp>
-#include <thread>
 
 #include "AppTestSupport.h"
 #include "MailCore/Workflow/WorkflowEngine.h"
 #include "MailCore/Workflow/WorkflowSpec.h"
 #include "MailCore/Workflow/WorkflowStore.h"
 #include "kestrune_app/Host/AppHost.h"
+#include "kestrune_app/Host/HostAccounts.h"
 #include "kestrune_app/Host/HostCommands.h"
 #include "kestrune_app/Host/HostPaths.h"
+#include "kestrune_app/Host/WorkflowCommands.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace kestrune {
@@ -137,8 +138,7 @@ TEST_F(WorkflowCommandsTest, OnTheDemoMailboxOnlyMailArrivingAfterApprovalIsLabe
                       0);
         }
         host.messagesReceived();
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        host.stop();
+        host.stop();  // after the pass the hook asked for
     }
     // The demo's own overdue invoice came before the approval.
     EXPECT_EQ(labelled(), std::vector<std::string>{"Invoice 200"});
@@ -161,6 +161,26 @@ TEST_F(WorkflowCommandsTest, AIProviderSettingsAndTheirAbsence) {
     ASSERT_EQ(run({"ai", "clear"}), 0);
     ASSERT_EQ(run({"ai"}), 0);
     EXPECT_NE(output.find("No AI provider is configured"), std::string::npos);
+
+    // The key goes with the account secrets (here the private file: no
+    // keyring answers), stays across a change of model, and leaves with clear.
+    ::setenv("DBUS_SESSION_BUS_ADDRESS", "unix:path=/nonexistent/bus", 1);
+    const auto paths = HostPaths::make(dir.path, dir.path / "home");
+    const auto print = [this](const std::string& t) { output += t + "\n"; };
+    WorkflowCommands::ai(
+        {"set", "--url", "http://127.0.0.1:9/v1", "--model", "a", "--key-stdin"}, paths,
+        [] { return std::string("sk-test-key-1\n"); }, print);
+    WorkflowCommands::ai({"set", "--url", "http://127.0.0.1:9/v1", "--model", "b"}, paths, {},
+                         print);
+    ASSERT_EQ(run({"ai"}), 0);
+    EXPECT_NE(output.find("b at http://127.0.0.1:9/v1 (with a key)"), std::string::npos);
+    EXPECT_EQ(openCredentialStore(paths)->secret("ai-provider", mailcore::CredentialKind::apiKey),
+              "sk-test-key-1");
+    EXPECT_EQ(testfiles::readFile(dir.path / "ai" / "provider.json").find("sk-test"),
+              std::string::npos);
+    ASSERT_EQ(run({"ai", "clear"}), 0);
+    EXPECT_FALSE(
+        openCredentialStore(paths)->secret("ai-provider", mailcore::CredentialKind::apiKey));
 }
 
 }  // namespace
