@@ -35,7 +35,7 @@ std::filesystem::path sourceDir() {
     return std::filesystem::current_path();
 }
 
-SMTPSink::SMTPSink(SMTPSinkOptions options) {
+SMTPSink::SMTPSink() {
     char templ[] = "/tmp/kestrune-sink-XXXXXX";
     if (!::mkdtemp(templ)) throw std::runtime_error("cannot make the sink's directory");
     dir_ = templ;
@@ -45,12 +45,6 @@ SMTPSink::SMTPSink(SMTPSinkOptions options) {
         port_ = freeLoopbackPort();
         auto argv = args;
         argv.push_back(std::to_string(port_));
-        if (options.tls) {
-            argv.insert(argv.end(), {"--tls", options.tls->first, options.tls->second});
-            if (options.implicitTLS) argv.push_back("--implicit-tls");
-        }
-        if (options.user)
-            argv.insert(argv.end(), {"--auth", *options.user + ":" + options.password});
         std::vector<char*> raw;
         for (auto& a : argv) raw.push_back(a.data());
         raw.push_back(nullptr);

@@ -13,18 +13,9 @@
 
 namespace testfiles {
 
-struct SMTPSinkOptions {
-    // PEM certificate and key: STARTTLS is offered (or, with implicitTLS,
-    // TLS from the first byte).
-    std::optional<std::pair<std::string, std::string>> tls;
-    bool implicitTLS = false;
-    std::optional<std::string> user;  // AUTH PLAIN/LOGIN with this user...
-    std::string password;             // ...and password
-};
-
 class SMTPSink {
 public:
-    explicit SMTPSink(SMTPSinkOptions options = {});
+    SMTPSink();
     ~SMTPSink();
     SMTPSink(const SMTPSink&) = delete;
     SMTPSink& operator=(const SMTPSink&) = delete;

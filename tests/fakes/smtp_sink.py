@@ -2,13 +2,12 @@
 """A local SMTP sink for tests: stores each delivered message and injects
 faults on request.
 
-    smtp_sink.py DIR PORT [--tls CERT KEY] [--implicit-tls] [--auth USER:PASSWORD]
+    smtp_sink.py DIR PORT
 
 Listens on 127.0.0.1:PORT until SIGTERM. Each accepted message is written
 to DIR/messages/<n>.eml (the bytes as received, CR LF line ends), its
-envelope to DIR/messages/<n>.json. With --tls the server offers STARTTLS
-(and requires it before AUTH); with --implicit-tls as well it speaks TLS from
-the first byte. When ready it writes DIR/ready.
+envelope to DIR/messages/<n>.json. Plain SMTP, no sign-in: the relay
+behind a submission server. When ready it writes DIR/ready.
 
 Faults: DIR/faults.json, read at every step, holds a list of
 {"stage": "rcpt"|"data", "reply": "451 4.3.0 Try later", "drop": true,
@@ -22,12 +21,10 @@ import asyncio
 import json
 import os
 import signal
-import ssl
 import sys
 import threading
 
 from aiosmtpd.controller import Controller
-from aiosmtpd.smtp import AuthResult
 
 LOCK = threading.Lock()
 
@@ -95,33 +92,9 @@ class Sink:
 
 
 def main():
-    args = sys.argv[1:]
-    directory, port = args[0], int(args[1])
-    tls = None
-    implicit = "--implicit-tls" in args
-    user = password = None
-    if "--tls" in args:
-        i = args.index("--tls")
-        tls = ssl.create_default_context(ssl.Purpose.CLIENT_AUTH)
-        tls.load_cert_chain(args[i + 1], args[i + 2])
-    if "--auth" in args:
-        user, password = args[args.index("--auth") + 1].split(":", 1)
-
-    def authenticate(server, session, envelope, mechanism, data):
-        ok = data is not None and data.login == user.encode() and data.password == password.encode()
-        return AuthResult(success=ok)
-
+    directory, port = sys.argv[1], int(sys.argv[2])
     kwargs = dict(hostname="127.0.0.1", port=port, enable_SMTPUTF8=True,
                   decode_data=False, server_hostname="localhost")
-    if implicit:
-        kwargs["ssl_context"] = tls
-    elif tls:
-        kwargs["tls_context"] = tls
-    if user:
-        kwargs["authenticator"] = authenticate
-        # aiosmtpd sees only STARTTLS as TLS; an implicit-TLS connection is
-        # encrypted from the first byte.
-        kwargs["auth_require_tls"] = not implicit
     controller = Controller(Sink(directory), **kwargs)
     controller.start()
     with open(os.path.join(directory, "ready"), "w") as f:
