@@ -177,10 +177,12 @@ void AppHost::start() {
     auto questions = questions_;
     const auto window = options_.undoWindow;
     delivery_ = std::make_shared<LocalDelivery>(store_);
+    imapOutbox_ = std::make_shared<mailcore::IMAPOutboxExecutor>(
+        *store_, serverIMAPSessions(store_, paths_), *delivery_);
     sender_ = std::make_shared<mailcore::SendExecutor>(
         *store_,
         serverSendServices(store_, [paths = paths_] { return openCredentialStore(paths); }),
-        *delivery_);
+        *imapOutbox_);
     outbox_ = std::make_shared<mailcore::OutboxWorker>(*store_, *sender_);
     const auto recovered = outbox_->recoverAtLaunch();
     if (recovered.requeued > 0)

@@ -102,7 +102,10 @@ private:
     std::shared_ptr<mailcore::SQLiteMailStore> store_;
     std::shared_ptr<PendingQuestions> questions_;
     std::shared_ptr<LocalDelivery> delivery_;
-    // Sends of server accounts; everything else goes on to delivery_.
+    // Flag changes, moves and deletes of server accounts; everything else
+    // goes on to delivery_.
+    std::shared_ptr<mailcore::IMAPOutboxExecutor> imapOutbox_;
+    // Sends of server accounts; everything else goes on to imapOutbox_.
     std::shared_ptr<mailcore::SendExecutor> sender_;
     std::shared_ptr<mailcore::OutboxWorker> outbox_;  // works on store_ through sender_
     std::shared_ptr<StoreMailBackend> backend_;

@@ -180,6 +180,35 @@ int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const 
     }
 }
 
+IMAPOutboxExecutor::SessionMaker serverIMAPSessions(std::shared_ptr<SQLiteMailStore> store,
+                                                    HostPaths paths) {
+    struct Logins {
+        std::shared_ptr<SQLiteMailStore> store;
+        HostPaths paths;
+        std::unique_ptr<AccountDirectory> directory;
+        std::mutex lock;
+        std::unique_ptr<CredentialStore> secrets;         // guarded by lock until set
+        std::unique_ptr<AccountCredentials> credentials;  // guarded by lock until set
+    };
+    auto logins = std::make_shared<Logins>();
+    logins->store = store;
+    logins->paths = std::move(paths);
+    logins->directory = std::make_unique<AccountDirectory>(*store);
+    return [logins](const AccountID& id) -> std::unique_ptr<IMAPSession> {
+        const auto account = logins->directory->find(id);
+        if (!account || !account->imap) return nullptr;
+        {
+            std::lock_guard guard(logins->lock);
+            if (!logins->credentials) {
+                logins->secrets = openCredentialStore(logins->paths);
+                logins->credentials = std::make_unique<AccountCredentials>(
+                    *logins->directory, *logins->secrets, systemClock());
+            }
+        }
+        return signIn(*account, *logins->credentials);
+    };
+}
+
 ServeSync::ServeSync(std::shared_ptr<SQLiteMailStore> store, HostPaths paths, Print out,
                      std::function<void()> newMail)
     : store_(std::move(store)),

@@ -17,6 +17,7 @@
 
 #include "MailCore/Accounts/CredentialStore.h"
 #include "MailCore/Engine/AccountRuntime.h"
+#include "MailCore/Engine/IMAPOutboxExecutor.h"
 #include "MailCore/Setup/AccountCredentials.h"
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostPaths.h"
@@ -38,6 +39,12 @@ int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const 
 // "INBOX  1,250 of 20,000  850/s  0:22 left": one progress report as shown.
 std::string progressText(const std::string& folder, std::int64_t done, std::int64_t total,
                          double seconds);
+
+// Signed-in IMAP sessions for the store's server accounts, nothing for the
+// others (the outbox's IMAP executor uses them). The credential store is
+// opened at the first sign-in. Thread-safe.
+mailcore::IMAPOutboxExecutor::SessionMaker serverIMAPSessions(
+    std::shared_ptr<mailcore::SQLiteMailStore> store, HostPaths paths);
 
 // The sync of every server account while `serve` runs: one AccountRuntime
 // each (sign-in, sync, IDLE on the inbox, reconnection), one status line per

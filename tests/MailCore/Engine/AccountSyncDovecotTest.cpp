@@ -12,6 +12,7 @@
 
 #include "MailCore/Engine/AccountRuntime.h"
 #include "MailCore/Engine/AccountSync.h"
+#include "MailCore/Engine/IMAPOutboxExecutor.h"
 #include "MailCore/Engine/NetConnectionFactory.h"
 #include "MailCore/Transport/SocketTLSTransport.h"
 #include "tests/fakes/DovecotServer.h"
@@ -245,6 +246,58 @@ TEST_P(AccountSyncTest, RuntimeTakesInMailTheServerAnnouncesDuringIdle) {
     ASSERT_TRUE(waitFor([&] { return states.size() >= 2; }));
     refused.stop();
     EXPECT_EQ(states.at(1), AccountSyncState::needsSignIn);
+}
+
+struct Refusing : OutboxExecutor {
+    OutboxResult execute(const OutboxItem&) override {
+        return OutboxResult::failed(MailError::cancelled());
+    }
+    SentState verifySent(const OutboxItem&) override { return SentState::unknown; }
+};
+
+TEST_P(AccountSyncTest, OutboxChangesReachTheServer) {
+    sync();
+    const FolderID inbox(folderID("INBOX")), projects(folderID("Projects"));
+    const auto ref = [&](UIDValue uid) {
+        const auto id = store.read([&](SQLiteDatabase& db) {
+            return db.scalarInt("SELECT id FROM messages WHERE folder_id = ? AND uid = ?",
+                                {inbox, IMAPUID(uid)});
+        });
+        return OutboxMessageRef{MessageID(id.value_or(0)), inbox, IMAPUID(uid), std::nullopt};
+    };
+    FlagChange read{MessageFlags::seen, 0, {"$Label2"}, {}};
+    FlagChange unread{0, MessageFlags::seen, {}, {}};
+    const OutboxMessageRef moved = ref(2);
+    store.moveLocally(moved.messageID, projects);
+    struct Case {
+        OutboxOperation operation;
+        OutboxResult::Kind expected;
+    };
+    const Case cases[] = {
+        {OutboxOperation::setFlags(ref(1), read), OutboxResult::Kind::done},
+        {OutboxOperation::setFlags(ref(3), unread), OutboxResult::Kind::done},
+        {OutboxOperation::move(moved, projects), OutboxResult::Kind::done},
+        {OutboxOperation::deleteMessage(ref(4)), OutboxResult::Kind::done},
+        {OutboxOperation::setFlags(ref(99), read), OutboxResult::Kind::failed},
+        {OutboxOperation::setFlags({MessageID(1), inbox, std::nullopt, std::nullopt}, read),
+         OutboxResult::Kind::uidUnknown},
+    };
+    Refusing others;
+    IMAPOutboxExecutor executor(
+        store, [this](const AccountID&) { return signIn(); }, others);
+    for (const auto& c : cases) {
+        SCOPED_TRACE(&c - cases);
+        OutboxItem item;
+        item.accountID = account;
+        item.operation = c.operation;
+        EXPECT_EQ(executor.execute(item).kind, c.expected);
+    }
+    sync();
+    auto server = serverState();
+    EXPECT_EQ(storeState(), server);
+    EXPECT_EQ(*server["INBOX"].begin(), Entry(1, "m1@example.com", 1, {"$Label2"}));
+    EXPECT_EQ(server["Trash"].size(), 1u);
+    EXPECT_EQ(server["Projects"].size(), 6u);
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutQResync, AccountSyncTest, ::testing::Bool());
