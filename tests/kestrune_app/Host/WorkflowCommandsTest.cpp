@@ -111,6 +111,37 @@ TEST_F(WorkflowCommandsTest, ApprovedWorkflowLabelsOnlyTheSecondImportsMatchesOn
         << output;
 }
 
+TEST_F(WorkflowCommandsTest, AWorkflowThatKeepsFailingShowsWhyItWasPaused) {
+    const auto paths = HostPaths::make(dir.path, dir.path / "home");
+    ASSERT_EQ(run({"import", "--account", "alex@example.com", "--maildir",
+                   maildir("first", {"Hello"}).string()}),
+              0);
+    {
+        mailcore::WorkflowStore workflows(paths.workflows);
+        mailcore::StoredWorkflow w;
+        w.id = "WF-3";
+        w.author = "harness-7";
+        w.spec = mailcore::WorkflowSpec::fromJson(mailcore::parseJson(
+            R"({"name":"Log","trigger":{"type":"new_message"},"conditions":[{"type":"subject","values":["order"]}],"actions":[{"type":"extract","fields":["subject"],"file":"orders"}]})"));
+        workflows.insert(w, 25);
+        workflows.approve(w.id, mailcore::systemClock()());
+    }
+    testfiles::writeFile(paths.workflows / "extracts", "");  // a file where the folder goes
+    for (int n = 0; n < 3; ++n) {
+        const std::string name = "batch" + std::to_string(n);
+        ASSERT_EQ(run({"import", "--account", "alex@example.com", "--maildir",
+                       maildir(name, {"Order " + name}).string()}),
+                  0);
+        EXPECT_NE(output.find("1 failed"), std::string::npos) << output;
+    }
+    ASSERT_EQ(run({"workflows"}), 0);
+    EXPECT_NE(output.find("WF-3  paused"), std::string::npos) << output;
+    EXPECT_NE(output.find("paused by Kestrune: Paused after 3 failed runs in a row. Last error: "
+                          "cannot open extract file"),
+              std::string::npos)
+        << output;
+}
+
 TEST_F(WorkflowCommandsTest, OnTheDemoMailboxOnlyMailArrivingAfterApprovalIsLabelled) {
     const auto paths = HostPaths::make(dir.path, dir.path / "home");
     {
