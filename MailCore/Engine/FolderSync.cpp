@@ -171,6 +171,7 @@ FolderSyncReport FolderSync::sync(const FolderRecord& folder, SyncDepth depth,
         fetchNew(pass, selected);
     }
     fetchOlder(pass, depth);
+    if (!pass.stop.stop_requested()) prefetchBodies(pass);
     cursor.serverExists = selected.exists;
     cursor.lastSyncedAt = clock_();
     store_.saveSyncCursor(folder.id, cursor);
@@ -291,6 +292,44 @@ void FolderSync::fetchOlder(Pass& pass, SyncDepth depth) {
     } else if (!pass.stop.stop_requested()) {
         cursor.initialWindowComplete = true;
     }
+}
+
+void FolderSync::prefetchBodies(Pass& pass) {
+    if (tuning_.prefetchBodies <= 0) return;
+    std::map<UIDValue, MessageID> wanted;
+    store_.read([&](SQLiteDatabase& db) {
+        db.forEachRow(
+            "SELECT id, uid FROM (SELECT id, uid, body_state, size FROM messages "
+            "WHERE folder_id = ? AND uid IS NOT NULL ORDER BY uid DESC LIMIT ?) "
+            "WHERE body_state = 'notFetched' AND size <= ?",
+            {pass.folder.id, tuning_.prefetchBodies, tuning_.prefetchMaxBytes},
+            [&](const SQLRow& row) {
+                wanted.emplace(static_cast<UIDValue>(row.int64(1)), row.id<MessageID>(0));
+                return true;
+            });
+    });
+    if (wanted.empty()) return;
+    std::vector<UIDValue> uids;
+    for (const auto& [uid, id] : wanted) uids.push_back(uid);
+    IMAPFetchRequest request;
+    request.sections = {""};
+    std::vector<std::pair<MessageID, PreparedMessage>> fetched;
+    session_.fetch(UIDSet::fromUIDs(uids), request, [&](const IMAPFetchData& d) {
+        const std::string* raw = d.section("");
+        if (!d.uid || !raw || raw->empty() || !wanted.count(*d.uid)) return;
+        pass.report.bytesFetched += static_cast<std::int64_t>(raw->size());
+        IncomingMessage incoming{pass.folder.id, IMAPUID(*d.uid), {}, std::nullopt, std::nullopt};
+        fetched.emplace_back(
+            wanted.at(*d.uid),
+            prepareMessage(parser_.parse(*raw), pass.folder.accountID, incoming, clock_()));
+    });
+    store_.write([&](SQLiteDatabase&) {
+        for (auto& [id, prepared] : fetched) {
+            if (!store_.message(id)) continue;  // removed meanwhile
+            store_.saveBody(id, prepared.body);
+            store_.replaceAttachments(id, prepared.attachments);
+        }
+    });
 }
 
 std::vector<MessageID> FolderSync::fetchAndFile(

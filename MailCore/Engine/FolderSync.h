@@ -43,6 +43,10 @@ struct SyncTuning {
     // false: QRESYNC is never enabled, and expunges are found by comparing
     // UIDs (for servers whose QRESYNC misbehaves).
     bool qresync = true;
+    // The newest messages per folder whose whole text is fetched (body,
+    // snippet, attachments), each at most `prefetchMaxBytes`.
+    std::int64_t prefetchBodies = 50;
+    std::int64_t prefetchMaxBytes = 1024 * 1024;
 };
 
 // How far a pass goes into the older mail.
@@ -83,6 +87,7 @@ private:
     void applyChanges(Pass& pass, const IMAPSelectedFolder& selected);
     void fetchNew(Pass& pass, const IMAPSelectedFolder& selected);
     void fetchOlder(Pass& pass, SyncDepth depth);
+    void prefetchBodies(Pass& pass);
     // Fetches `uids` in batches, in the order given, and files each batch
     // with the cursor `advance` makes for it; returns the filed messages.
     std::vector<MessageID> fetchAndFile(

@@ -113,6 +113,7 @@ TEST_P(AccountSyncTest, StoreFollowsTheServerThroughAnotherClientsChanges) {
     EXPECT_EQ(first.added, 17);
     EXPECT_EQ(storeState(), serverState());
     EXPECT_EQ(store.folder(FolderID(folderID("Sent")))->role, FolderRole::sent);
+    EXPECT_EQ(store.message(MessageID(1))->snippet, "body");  // the newest bodies come along
 
     struct Change {
         const char* name;
