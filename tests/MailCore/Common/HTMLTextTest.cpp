@@ -85,7 +85,7 @@ TEST(HTMLText, EntitiesAreDecoded) {
          {"&#150; &#146;", "– ’"},  // windows-1252 meanings
          {"&#0; &#xD800; &#x110000; &#99999999999;", fffd + " " + fffd + " " + fffd + " " + fffd},
          {"bell&#7;less &#9;tab", "bellless \ttab"},
-         {"&amp &lt; &nbsp;", "& < \u00A0"},
+         {"&amp &lt; &nbsp", "& < \u00A0"},             // amp and nbsp read without ';'
          {"&unknown; &copy &;", "&unknown; &copy &;"},  // unknown or unterminated: kept
          {"&amp;lt;", "&lt;"},                          // decoded once only
          {"AT&T", "AT&T"}},

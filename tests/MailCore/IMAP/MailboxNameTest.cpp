@@ -112,7 +112,7 @@ TEST(IMAPQuoteTest, MailboxIsEncodedThenQuotedAndControlsAreRefused) {
         MailError::protocolViolation(ProtocolIssueKind::invalidInput, "invalid mailbox name");
     for (const std::string& name :
          {std::string(), std::string("tab\tname"), std::string("new\nline"),
-          std::string("nul\0", 4), std::string("del\x7f")}) {
+          std::string("nul\0", 4), std::string("del\x7f"), std::string("us\x1f")}) {
         EXPECT_EQ(testfiles::caught<MailError>([&] { IMAPQuote::mailbox(name); }), invalid) << name;
     }
 }

@@ -16,6 +16,7 @@ TEST(MIMEText, SnippetEdgeCases) {
     EXPECT_EQ(makeSnippet("> only a quote\n> more\n"), "");
     EXPECT_EQ(makeSnippet("\xE2\x80\x8C\xC2\xA0 \t hi\xC2\xA0there"), "hi there");
     EXPECT_EQ(makeSnippet("Thanks!\r\n\r\n-- \r\nsig"), "Thanks!");
+    EXPECT_EQ(makeSnippet("Thanks!\n--\nsig"), "Thanks!");  // separator without its space
     EXPECT_EQ(makeSnippet("Ending with a colon:\nnot a quote"), "Ending with a colon: not a quote");
     EXPECT_EQ(makeSnippet("ééééé", 3), "ééé");
 }

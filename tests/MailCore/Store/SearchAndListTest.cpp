@@ -32,6 +32,10 @@ TEST(SearchExpressionTest, BuildsQuotedTerms) {
         {"  ( ) - ^ ", std::nullopt},
         {"", std::nullopt},
         {"caf\xc3\xa9", "\"caf\xc3\xa9\""},
+        {"a\x1f"
+         "b\x7f"
+         "c",
+         "\"a b c\""},  // the last control character and DEL
     };
     for (const auto& [in, out] : cases) EXPECT_EQ(SearchExpression::build(in), out) << in;
 }

@@ -121,6 +121,7 @@ TEST_F(BackendTest, SearchesAndListsAsAsked) {
          {"Weekly digest", "Re: Budget review"},
          2},
         {"no text from a sender", {alex, "", {}, "NEWS@weekly"}, {"Weekly digest"}, 1},
+        {"a sender's '_' is no wildcard", {alex, "", {}, "priya_northwind"}, {}, 0},
         {"punctuation only lists", {alex, "(*)", "archive"}, {"Old budget"}, 1},
         {"only the accounts named", {{"work@example.org"}, "budget"}, {"Budget at work"}, 1},
         {"both accounts",
