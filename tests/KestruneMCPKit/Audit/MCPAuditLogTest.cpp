@@ -275,9 +275,6 @@ TEST_F(MCPAuditLogTest, ExportsJsonLinesAndQuotedCsv) {
                                  MCPAuditLog::ExportFormat::csv),
               "time,harness,tool,account,result,summary,mail_influenced\r\n"
               "2026-01-31T08:15:00Z,'=HYPERLINK(1),'-tool,none,ok,plain,false\r\n");
-    EXPECT_EQ(MCPAuditLog::rawValue(MCPAuditLog::ExportFormat::jsonLines), "jsonLines");
-    EXPECT_EQ(MCPAuditLog::exportFormatFromRawValue("csv"), MCPAuditLog::ExportFormat::csv);
-    EXPECT_EQ(MCPAuditLog::exportFormatFromRawValue("CSV"), std::nullopt);
     // Times are cut to whole seconds, in UTC.
     EXPECT_EQ(MCPAuditLog::timeString(mailcore::dateFromSeconds(0.999)), "1970-01-01T00:00:00Z");
     EXPECT_EQ(MCPAuditLog::timeString(mailcore::dateFromSeconds(951782400)),

@@ -78,17 +78,7 @@ protected:
 };
 
 TEST_F(MCPCommandLineTest, UsageVersionAndUsageErrors) {
-    // The usage text names every command and ends with the harness ids in
-    // catalogue order.
     const std::string& usage = MCPCommandLine::usage();
-    EXPECT_TRUE(usage.starts_with("kestrune-mcp: stdio MCP server for Kestrune Mail\n\nUsage:\n"));
-    for (const char* command :
-         {"--version", "--list-harnesses", "--print-config <harness>", "--status <harness>",
-          "--install <harness>", "--uninstall <harness>", "--gen-token"})
-        EXPECT_NE(usage.find(std::string("  kestrune-mcp ") + command), std::string::npos)
-            << command;
-    EXPECT_TRUE(usage.ends_with(
-        "\nHarnesses: claude-code, zcode, cursor, codex, claude-desktop, windsurf, vscode"));
 
     struct Case {
         std::vector<std::string> args;
@@ -237,17 +227,6 @@ TEST_F(MCPCommandLineTest, InstallRegistersThenWritesAndReportsTheBackup) {
     EXPECT_EQ(run({"--status", "cursor"}).out, std::vector<std::string>{"installed"});
 }
 
-TEST_F(MCPCommandLineTest, SnippetOnlyHarnessExitsTwoTouchingNothing) {
-    fs::create_directories(home());
-    Outcome o = run({"--install", "vscode", "--token", "kmt_x"});
-    EXPECT_EQ(o.status, 2);
-    EXPECT_TRUE(o.out.empty());
-    EXPECT_EQ(o.err, std::vector<std::string>{
-                         "VS Code has no safe automatic install. Use --print-config vscode."});
-    EXPECT_FALSE(fs::exists(dataDir()));
-    EXPECT_EQ(tree(home()), std::vector<std::string>{});
-}
-
 TEST_F(MCPCommandLineTest, FailedInstallLeavesFileAndRegistrationAsTheyWere) {
     // Never registered: the failed install leaves no registration behind.
     const std::string commented = "{\n  // mine\n  \"mcpServers\": {}\n}\n";
@@ -276,33 +255,19 @@ TEST_F(MCPCommandLineTest, FailedInstallLeavesFileAndRegistrationAsTheyWere) {
     EXPECT_EQ(storedToken("zcode"), "kmt_old");
 }
 
-TEST_F(MCPCommandLineTest, StatusReportsEveryState) {
-    EXPECT_EQ(run({"--status", "cursor"}).out,
-              std::vector<std::string>{"cursor: not registered with the app"});
+// What the command line adds to the installer's status: registration first,
+// and the helper path it was given.
+TEST_F(MCPCommandLineTest, StatusNeedsARegistrationAndUsesTheGivenCommand) {
+    const std::vector<std::string> notRegistered{"cursor: not registered with the app"};
+    EXPECT_EQ(run({"--status", "cursor"}).out, notRegistered);
     writeFile(config("cursor"), "{}");
     ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_c"}).status, 0);
-    const std::string installed = readFile(config("cursor"));
-    struct Case {
-        std::vector<std::string> args;
-        std::optional<std::string> file;  // none: the harness's directory is gone
-        std::string out;
-    };
-    const std::vector<Case> cases = {
-        {{"--status", "cursor"}, installed, "installed"},
-        {{"--status", "cursor", "--command", "/moved/kestrune-mcp"},
-         installed,
-         "drift(The helper path changed.)"},
-        {{"--status", "cursor"}, R"({"mcpServers": {}})", "notInstalled"},
-        {{"--status", "cursor"}, std::nullopt, "notDetected"},
-        {{"--status", "vscode"}, installed, "vscode: not registered with the app"},
-    };
-    for (const Case& c : cases) {
-        fs::remove_all(home() / ".cursor");
-        if (c.file) writeFile(config("cursor"), *c.file);
-        Outcome o = run(c.args);
-        EXPECT_EQ(o.status, 0);
-        EXPECT_EQ(o.out, std::vector<std::string>{c.out}) << ::testing::PrintToString(c.args);
-    }
+    EXPECT_EQ(run({"--status", "cursor"}).out, std::vector<std::string>{"installed"});
+    Outcome moved = run({"--status", "cursor", "--command", "/moved/kestrune-mcp"});
+    EXPECT_EQ(moved.status, 0);
+    EXPECT_EQ(moved.out, std::vector<std::string>{"drift(The helper path changed.)"});
+    EXPECT_EQ(run({"--status", "vscode"}).out,
+              std::vector<std::string>{"vscode: not registered with the app"});
 }
 
 TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistrationOnlyWhenItCan) {
@@ -335,52 +300,24 @@ TEST_F(MCPCommandLineTest, UninstallRemovesTheEntryAndTheRegistrationOnlyWhenItC
               std::vector<std::string>{"Uninstall failed: snippetOnly"});
 }
 
-// Damaged or hostile agent-access files: --install and --uninstall fail with
-// exit 1, saying why, and leave the configuration and the app's files as
-// they were (no token the app does not know, no token left valid).
-TEST_F(MCPCommandLineTest, InstallAndUninstallNeverHalfDoOverBadFiles) {
-    const fs::path mcp = dataDir() / "mcp";
-    struct Row {
-        const char* name;
-        std::function<void()> damage;
-        const char* says;
-    };
-    const std::vector<Row> rows = {
-        {"state.json truncated",
-         [&] {
-             const std::string whole = readFile(mcp / "state.json");
-             writeFile(mcp / "state.json", whole.substr(0, whole.size() - 30));
-         },
-         "move it aside"},
-        {"state.json a FIFO",
-         [&] {
-             fs::remove(mcp / "state.json");
-             ASSERT_EQ(::mkfifo((mcp / "state.json").c_str(), 0600), 0);
-         },
-         "is not a regular file"},
-        {"tokens.json a directory",
-         [&] {
-             fs::remove(mcp / "tokens.json");
-             fs::create_directory(mcp / "tokens.json");
-         },
-         "is not a regular file"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        fs::remove_all(root.path());
-        fs::create_directories(root.path());
-        writeFile(config("cursor"), "{}");
-        ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_first_token"}).status, 0);
-        const std::string installed = readFile(config("cursor"));
-        row.damage();
-        for (const char* command : {"--install", "--uninstall"}) {
-            Outcome o = run({command, "cursor", "--token", "kmt_second_token"});
-            EXPECT_EQ(o.status, 1) << command;
-            ASSERT_FALSE(o.err.empty()) << command;
-            EXPECT_NE(o.err[0].find(row.says), std::string::npos) << o.err[0];
-            EXPECT_EQ(readFile(config("cursor")), installed) << command;
-        }
+// A damaged state file: --install and --uninstall fail with exit 1, saying
+// why, and leave the configuration and the app's files as they were (the
+// kinds of file the seam refuses are its own test).
+TEST_F(MCPCommandLineTest, InstallAndUninstallNeverHalfDoOverABadStateFile) {
+    const fs::path state = dataDir() / "mcp" / "state.json";
+    writeFile(config("cursor"), "{}");
+    ASSERT_EQ(run({"--install", "cursor", "--token", "kmt_first_token"}).status, 0);
+    const std::string installed = readFile(config("cursor"));
+    const std::string whole = readFile(state);
+    writeFile(state, whole.substr(0, whole.size() - 30));
+    for (const char* command : {"--install", "--uninstall"}) {
+        Outcome o = run({command, "cursor", "--token", "kmt_second_token"});
+        EXPECT_EQ(o.status, 1) << command;
+        ASSERT_FALSE(o.err.empty()) << command;
+        EXPECT_NE(o.err[0].find("move it aside"), std::string::npos) << o.err[0];
+        EXPECT_EQ(readFile(config("cursor")), installed) << command;
     }
+    EXPECT_EQ(storedToken("cursor"), "kmt_first_token");
 }
 
 TEST_F(MCPCommandLineTest, UnusableDataDirectoryFailsClearly) {

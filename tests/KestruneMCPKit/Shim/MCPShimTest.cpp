@@ -160,11 +160,7 @@ TEST_F(MCPShimTest, InitializeAnswersTheServerDescriptionAndStartsASession) {
     const std::string first = shim.session();
     EXPECT_NE(first, before);
     EXPECT_EQ(first.size(), 36u);
-    EXPECT_EQ(first, [&] {
-        std::string upper = first;
-        for (auto& ch : upper) ch = static_cast<char>(std::toupper(static_cast<unsigned char>(ch)));
-        return upper;
-    }());
+    EXPECT_EQ(first.find_first_of("abcdef"), std::string::npos) << "upper case";
     auto sent = requests();
     ASSERT_EQ(sent.size(), 1u);
     EXPECT_EQ(sent[0], (Json{{"v", 1},
@@ -201,8 +197,6 @@ TEST_F(MCPShimTest, ToolsListFallsBackToTheStaticCatalogOnlyWhenTheAppIsUnreacha
     failWith(MCPLinkError::appNotRunning());
     Json offline = answerJson(line);
     EXPECT_EQ(offline["result"], (Json{{"tools", mcpkit::MCPTools::staticListing()}}));
-    EXPECT_EQ(offline["result"]["tools"].size(), 14u);
-    EXPECT_EQ(offline["result"]["tools"][8]["name"], "create_workflow");
 
     const Json appTools = Json::array({Json{{"name", "list_accounts"}, {"x", 1}}});
     answerWith(Json{{"ok", true}, {"tools", appTools}});

@@ -9,15 +9,6 @@
 namespace mailcore {
 namespace {
 
-TEST(TransportTypesTest, SecurityRawValuesAndLabels) {
-    EXPECT_EQ(rawValue(TransportSecurity::implicitTLS), "implicitTLS");
-    EXPECT_EQ(rawValue(TransportSecurity::startTLS), "startTLS");
-    EXPECT_EQ(settingLabel(TransportSecurity::implicitTLS), "SSL/TLS");
-    EXPECT_EQ(settingLabel(TransportSecurity::startTLS), "STARTTLS");
-    EXPECT_EQ(transportSecurityFromRaw("startTLS"), TransportSecurity::startTLS);
-    EXPECT_EQ(transportSecurityFromRaw("plain"), std::nullopt);
-}
-
 TEST(TransportTypesTest, EndpointCodesByFieldNameAndRejectsBadForms) {
     const ServerEndpoint endpoint{"imap.example.com", 993, TransportSecurity::implicitTLS};
     const std::string text = encodeJson(toJson(endpoint));
