@@ -16,23 +16,6 @@ namespace linktest {
 
 namespace fs = std::filesystem;
 
-TempDir::TempDir() {
-    char pattern[] = "/tmp/kt-XXXXXX";
-    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
-}
-
-TempDir::~TempDir() {
-    std::error_code error;
-    // Tests may have tightened or loosened modes; make everything removable.
-    for (auto it = fs::recursive_directory_iterator(path_, error);
-         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
-        if (!it->is_symlink())
-            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, error);
-    }
-    fs::remove_all(path_, error);
-}
-
 int rawConnect(const std::string& path) {
     sockaddr_un addr{};
     addr.sun_family = AF_UNIX;

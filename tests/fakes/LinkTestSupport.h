@@ -1,5 +1,4 @@
-// Helpers for the agent-link tests: short temporary directories (socket
-// paths must stay under 104 bytes), raw socket clients, and running a piece
+// Helpers for the agent-link tests: raw socket clients, and running a piece
 // of code as another user in a forked child.
 #pragma once
 
@@ -11,22 +10,11 @@
 #include <optional>
 #include <string>
 
+#include "tests/fakes/TestFiles.h"
+
 namespace linktest {
 
-// A fresh directory /tmp/kt-XXXXXX, removed with its contents on destruction.
-class TempDir {
-public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-
-    const std::filesystem::path& path() const { return path_; }
-    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
-
-private:
-    std::filesystem::path path_;
-};
+using testfiles::TempDir;  // for suites written before it moved
 
 // Connects to a Unix socket without any peer check; -1 on failure.
 int rawConnect(const std::string& path);

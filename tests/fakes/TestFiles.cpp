@@ -18,11 +18,26 @@
 #include <stdexcept>
 #include <thread>
 
-#include "tests/fakes/LinkTestSupport.h"
-
 namespace fs = std::filesystem;
 
 namespace testfiles {
+
+TempDir::TempDir() {
+    char pattern[] = "/tmp/kt-XXXXXX";
+    if (!::mkdtemp(pattern)) throw std::runtime_error("mkdtemp failed");
+    path_ = pattern;
+}
+
+TempDir::~TempDir() {
+    std::error_code error;
+    // Tests may have tightened or loosened modes; make everything removable.
+    for (auto it = fs::recursive_directory_iterator(path_, error);
+         !error && it != fs::recursive_directory_iterator(); it.increment(error)) {
+        if (!it->is_symlink())
+            fs::permissions(it->path(), fs::perms::owner_all, fs::perm_options::add, error);
+    }
+    fs::remove_all(path_, error);
+}
 
 std::string readFile(const fs::path& path) {
     std::ifstream in(path, std::ios::binary);
@@ -98,7 +113,7 @@ void FakeClock::advance(std::chrono::duration<double> by) {
 }
 
 std::vector<mailcore::Json> readTOMLWithPython(const std::vector<std::string>& texts) {
-    linktest::TempDir dir;
+    TempDir dir;
     const std::string script =
         "import json, sys, tomllib\n"
         "out = []\n"

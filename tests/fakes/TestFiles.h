@@ -1,6 +1,6 @@
-// Small helpers that many suites need: whole-file reads and writes, modes and
-// directory listings, a clock the test steps by hand, Python's tomllib as an
-// independent TOML reader, and the built kestrune-mcp run as a process.
+// Small helpers that many suites need: a temporary directory, whole-file
+// reads and writes, modes and directory listings, a clock the test steps by hand, Python's tomllib
+// as an independent TOML reader, and the built kestrune-mcp run as a process.
 #pragma once
 
 #include <sys/types.h>
@@ -18,6 +18,24 @@
 #include "MailCore/Common/Json.h"
 
 namespace testfiles {
+
+// A fresh private directory /tmp/kt-XXXXXX (short, so that socket paths
+// below it stay under 104 bytes), removed with its contents on destruction
+// even when a test changed modes inside it.
+class TempDir {
+public:
+    TempDir();
+    ~TempDir();
+    TempDir(const TempDir&) = delete;
+    TempDir& operator=(const TempDir&) = delete;
+
+    const std::filesystem::path& path() const { return path_; }
+    std::filesystem::path operator/(const std::string& name) const { return path_ / name; }
+    std::string file(const std::string& name) const { return (path_ / name).string(); }
+
+private:
+    std::filesystem::path path_;
+};
 
 // The whole file; empty when it cannot be read.
 std::string readFile(const std::filesystem::path& path);

@@ -9,7 +9,6 @@
 #include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
 #include "MailCore/Common/UTF8.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
@@ -36,7 +35,7 @@ protected:
         return log.record(harness, tool, account, result, "3 results", false);
     }
 
-    linktest::TempDir dir_;
+    testfiles::TempDir dir_;
     std::filesystem::path url_ = dir_ / "audit.jsonl";
     FakeClock clock_;
 };

@@ -57,7 +57,7 @@ protected:
         }
     }
 
-    linktest::TempDir home;
+    testfiles::TempDir home;
     FakeClock clock;
     MCPServerEntry entry = MCPServerEntry::make("/usr/bin/kestrune-mcp", "kmt_one", std::nullopt);
 };
@@ -448,7 +448,7 @@ TEST_F(MCPInstallerTest, SnippetOnlyHarnessNeverWrites) {
 }
 
 TEST(MCPHelperLocatorTest, PrefersHelpersThenMacOSAndNeedsAnExecutable) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     fs::path bundle = dir / "Kestrune.app";
     EXPECT_FALSE(MCPHelperLocator::helper(bundle));
     fs::path macos = bundle / "Contents/MacOS/kestrune-mcp";

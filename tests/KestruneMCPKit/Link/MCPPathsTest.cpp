@@ -50,7 +50,7 @@ TEST(MCPPathsTest, SocketPathFallsBackToTmpBeyondOneHundredBytes) {
 }
 
 TEST(MCPPathsTest, PrepareCreatesOrTightensDirectoriesAndRefusesLinksAndFiles) {
-    linktest::TempDir tmp;
+    testfiles::TempDir tmp;
     const fs::path deep = tmp / "a/b/c";
     MCPPaths::preparePrivateDirectory(deep);
     MCPPaths::preparePrivateDirectory(deep);  // again: nothing changes, nothing thrown
@@ -72,7 +72,7 @@ TEST(MCPPathsTest, PrepareCreatesOrTightensDirectoriesAndRefusesLinksAndFiles) {
 TEST(MCPPathsTest, PrepareRefusesADirectoryOfAnotherUser) {
     if (!linktest::canSwitchUser())
         GTEST_SKIP() << "needs root to give a directory to another user";
-    linktest::TempDir tmp;
+    testfiles::TempDir tmp;
     const fs::path dir = tmp / "theirs";
     ASSERT_EQ(::mkdir(dir.c_str(), 0700), 0);
     ASSERT_EQ(::chown(dir.c_str(), linktest::otherUserID(), linktest::otherGroupID()), 0);

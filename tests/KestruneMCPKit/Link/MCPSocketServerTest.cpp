@@ -62,7 +62,7 @@ protected:
         return caught<MCPLinkError>([&] { MCPSocketLink(at, 1).send(request); });
     }
 
-    linktest::TempDir tmp;
+    testfiles::TempDir tmp;
     std::string dir = (tmp / "mcp").string();
     std::string path = dir + "/kestrune.sock";
 };
@@ -240,7 +240,7 @@ TEST(MCPPairLinkTest, CarriesRequestsAndRefusesWhatTheServerWould) {
 
 TEST(ForeignPeerTest, TheServerDropsAPeerOfAnotherUserAndTheClientRefusesAForeignServer) {
     if (!linktest::canSwitchUser()) GTEST_SKIP() << "needs root to run a peer as another user";
-    linktest::TempDir tmp;
+    testfiles::TempDir tmp;
     const std::string dir = (tmp / "mcp").string();
     const std::string path = dir + "/kestrune.sock";
     // The child is forked before any thread starts. It reports:
@@ -334,7 +334,7 @@ TEST(MCPSocketServerHostileTest, AttacksOnConnectionsNeverStarveARealRequest) {
     };
     for (const auto& row : attacks) {
         SCOPED_TRACE(row.name);
-        linktest::TempDir tmp;
+        testfiles::TempDir tmp;
         const std::string at = (tmp / "k.sock").string();
         {
             std::lock_guard guard(m);

@@ -10,7 +10,6 @@
 #include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
 #include "tests/fakes/FaultyFiles.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
@@ -24,7 +23,7 @@ protected:
         return std::make_unique<MCPPolicyStore>(stateURL_, tokens_, clock_.clock());
     }
 
-    linktest::TempDir dir_;
+    testfiles::TempDir dir_;
     std::filesystem::path stateURL_ = dir_ / "state.json";
     std::shared_ptr<MCPTokenStore> tokens_ =
         std::make_shared<MCPFileTokenStore>(dir_ / "tokens.json");

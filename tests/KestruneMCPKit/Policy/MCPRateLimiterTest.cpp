@@ -3,7 +3,6 @@
 #include <thread>
 
 #include "KestruneMCPKit/Policy/MCPRateLimiter.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {

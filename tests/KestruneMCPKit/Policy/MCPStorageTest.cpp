@@ -3,7 +3,6 @@
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketError.h"
 #include "KestruneMCPKit/Policy/MCPStorage.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
@@ -12,7 +11,7 @@ namespace {
 using namespace testfiles;
 
 TEST(MCPStorageTest, OpensThePrivateDataDirectoryAndItsFiles) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     MCPStorage storage = MCPStorage::open(dir / "data", std::nullopt, dir / "home");
     EXPECT_EQ(storage.base, dir / "data" / "mcp");
     EXPECT_EQ(fileMode(storage.base), 0700u);
@@ -31,7 +30,7 @@ TEST(MCPStorageTest, OpensThePrivateDataDirectoryAndItsFiles) {
 }
 
 TEST(MCPStorageTest, DefaultsToTheHomeLocationHonoursASocketAndFallsBackForLongPaths) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     MCPStorage storage =
         MCPStorage::open(std::nullopt, dir / "sock" / "k.sock", dir / "home", true);
     EXPECT_EQ(storage.base, dir / "home" / ".local/share/kestrune/mcp");
@@ -44,7 +43,7 @@ TEST(MCPStorageTest, DefaultsToTheHomeLocationHonoursASocketAndFallsBackForLongP
 }
 
 TEST(MCPStorageTest, TightensWhatItFindsAndRefusesALinkedDirectory) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     auto base = dir / "data" / "mcp";
     std::filesystem::create_directories(base);
     std::filesystem::permissions(base, std::filesystem::perms(0755));

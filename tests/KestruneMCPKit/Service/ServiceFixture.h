@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
+#include <optional>
 
 #include "KestruneMCPKit/Audit/MCPAuditLog.h"
 #include "KestruneMCPKit/Policy/MCPPolicyStore.h"
@@ -16,6 +17,7 @@
 #include "tests/fakes/FakeMailBackend.h"
 #include "tests/fakes/RecordingWorkflows.h"
 #include "tests/fakes/ScriptedConfirmer.h"
+#include "tests/fakes/TestFiles.h"
 
 namespace mcpkit::testing {
 
@@ -25,11 +27,8 @@ protected:
     static constexpr const char* otherToken = "kmt_codexcodexcodexcodexcodexcodexcodexcodex1";
 
     void SetUp() override {
-        dir = std::filesystem::temp_directory_path() /
-              ("kestrune-service-" + std::to_string(::getpid()) + "-" +
-               ::testing::UnitTest::GetInstance()->current_test_info()->name());
-        std::filesystem::remove_all(dir);
-        std::filesystem::create_directories(dir);
+        temp.emplace();  // a test that calls SetUp again starts in a fresh directory
+        dir = temp->path();
         tokens = std::make_shared<MCPMemoryTokenStore>();
         policy = std::make_shared<MCPPolicyStore>(dir / "state.json", tokens, clock());
         policy->registerHarness("claude", "Claude", {"claude-ai"}, token);
@@ -42,8 +41,6 @@ protected:
         service =
             std::make_unique<MCPService>(policy, audit, backend, confirmer, workflows, clock());
     }
-
-    void TearDown() override { std::filesystem::remove_all(dir); }
 
     mailcore::Clock clock() {
         return [this] { return now; };
@@ -94,6 +91,7 @@ protected:
         return entries.empty() ? MCPAuditEntry{} : entries.back();
     }
 
+    std::optional<testfiles::TempDir> temp;
     std::filesystem::path dir;
     mailcore::Date now = mailcore::dateFromSeconds(1'790'000'000);
     std::shared_ptr<MCPMemoryTokenStore> tokens;

@@ -5,14 +5,12 @@
 #include <condition_variable>
 #include <mutex>
 #include <nlohmann/json.hpp>
-#include <random>
 #include <set>
 #include <thread>
 
 #include "KestruneMCPKit/Link/MCPPaths.h"
 #include "KestruneMCPKit/Link/MCPSocketServer.h"
 #include "KestruneMCPKit/Shim/MCPShim.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace {
@@ -104,7 +102,7 @@ private:
 };
 
 TEST(HelperProcessTest, ConcurrentCallsComeBackWholeAndByeFollowsThem) {
-    linktest::TempDir tmp;
+    testfiles::TempDir tmp;
     // No KESTRUNE_SOCKET: the helper derives the socket path from HOME, as
     // the application does.
     const std::string socket =
@@ -138,24 +136,13 @@ TEST(HelperProcessTest, ConcurrentCallsComeBackWholeAndByeFollowsThem) {
     EXPECT_EQ(app.lastRequest()["token"], "tok");
 }
 
-TEST(HelperProcessTest, ArbitraryBytesOnStdinGetOneErrorLineEachAndNeverACrash) {
-    linktest::TempDir tmp;
+TEST(HelperProcessTest, HugeAndUnclosedLinesGetOneAnswerEachAndNeverACrash) {
+    testfiles::TempDir tmp;
     const std::string socket = (tmp / "app.sock").string();
     FakeApp app(socket);
-    std::mt19937 rng(42);
+    // Arbitrary lines are the shim fuzzer's; here the ones only a process meets.
     std::string input;
     int expected = 0;
-    for (int i = 0; i < 40; ++i) {
-        std::string line;
-        const int length = std::uniform_int_distribution<int>(1, 300)(rng);
-        for (int j = 0; j < length; ++j) {
-            char c = static_cast<char>(std::uniform_int_distribution<int>(0, 255)(rng));
-            if (c == '\n') c = '{';
-            line.push_back(c);
-        }
-        input += line + "\n";
-        ++expected;
-    }
     input += std::string(100000, '[') + "\n";  // deeply nested, never closed
     ++expected;
     input += std::string(17 << 20, 'x') + "\n";  // over the 16 MiB line bound: read past, refused

@@ -12,7 +12,6 @@
 #include "KestruneMCPKit/Shim/MCPCommandLine.h"
 #include "KestruneMCPKit/Tokens/MCPToken.h"
 #include "MailCore/Common/Json.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace fs = std::filesystem;
@@ -73,7 +72,7 @@ protected:
         return MCPStorage::open(dataDir(), std::nullopt, home()).policy->tokens().token(id);
     }
 
-    linktest::TempDir root;
+    testfiles::TempDir root;
     mailcore::Date now = mailcore::dateFromSeconds(1767225600);  // 2026-01-01 00:00:00 UTC
 };
 
@@ -333,7 +332,7 @@ TEST_F(MCPCommandLineTest, UnusableDataDirectoryFailsClearly) {
 
 // The built helper: exit statuses and which stream carries the text.
 TEST(MCPCommandLineProcessTest, ExitStatusesOfTheBuiltHelper) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     struct Case {
         std::vector<std::string> args;
         int status;

@@ -8,7 +8,6 @@
 #include "KestruneMCPKit/Tokens/MCPFileTokenStore.h"
 #include "KestruneMCPKit/Tokens/MCPTokenStore.h"
 #include "MailCore/Common/Json.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mcpkit {
@@ -23,7 +22,7 @@ protected:
         if (GetParam() == "memory") return std::make_unique<MCPMemoryTokenStore>();
         return std::make_unique<MCPFileTokenStore>(dir_ / "tokens.json");
     }
-    linktest::TempDir dir_;
+    testfiles::TempDir dir_;
 };
 
 TEST_P(TokenStoreContract, SetReplaceRemove) {
@@ -66,7 +65,7 @@ INSTANTIATE_TEST_SUITE_P(Stores, TokenStoreContract, ::testing::Values("memory",
 
 class FileTokenStoreTest : public ::testing::Test {
 protected:
-    linktest::TempDir dir_;
+    testfiles::TempDir dir_;
     std::filesystem::path url_ = dir_ / "tokens.json";
 };
 

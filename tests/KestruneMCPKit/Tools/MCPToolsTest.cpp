@@ -18,8 +18,6 @@ using namespace mcpkit;
 TEST(MCPToolsTest, EveryToolHasAClosedSchemaItsPermissionAndItsWriteFlag) {
     const std::set<std::string> readOnly{"list_accounts", "list_folders",   "search_messages",
                                          "read_message",  "list_workflows", "preview_workflow"};
-    ASSERT_EQ(MCPTools::core().size(), 8u);
-    ASSERT_EQ(MCPTools::workflow().size(), 6u);
     for (const MCPToolSpec& tool : MCPTools::all()) {
         SCOPED_TRACE(tool.name);
         const bool isWorkflow = MCPTools::workflowNames().contains(tool.name);
@@ -36,16 +34,6 @@ TEST(MCPToolsTest, EveryToolHasAClosedSchemaItsPermissionAndItsWriteFlag) {
             EXPECT_EQ(mailcore::encodeJson(schema["properties"]["spec"]),
                       mailcore::WorkflowTools::specSchema());
     }
-}
-
-TEST(MCPToolsTest, PermissionIDsFollowCatalogOrder) {
-    const std::vector<std::string> expected = {"list_accounts", "list_folders", "search_messages",
-                                               "read_message",  "mark_read",    "create_draft",
-                                               "apply_label",   "send_message", "manage_workflows"};
-    EXPECT_EQ(MCPTools::permissionIDs(), expected);
-    EXPECT_EQ(MCPTools::workflowNames(),
-              (std::set<std::string>{"create_workflow", "list_workflows", "update_workflow",
-                                     "pause_workflow", "delete_workflow", "preview_workflow"}));
 }
 
 TEST(MCPToolsTest, SpecNamedIsAnExactCaseSensitiveLookup) {
@@ -125,7 +113,6 @@ TEST(MCPMailBackendRecordsTest, RecordsRoundTripThroughJsonByFieldNameAndRefuseW
     EXPECT_EQ(Json(folder).get<MCPFolder>(), folder);
     MCPAccount account{"a@example.com", "Work"};
     EXPECT_EQ(Json(account).get<MCPAccount>(), account);
-    EXPECT_STREQ(toString(MCPSendDelivery::undone), "undone");
     // A wrong shape throws instead of guessing.
     EXPECT_ANY_THROW(mailcore::parseJson(R"({"email":1,"label":"x"})").get<MCPAccount>());
     EXPECT_ANY_THROW(mailcore::parseJson(R"({"id":"x","name":"y"})").get<MCPFolder>());

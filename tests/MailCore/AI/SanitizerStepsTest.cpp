@@ -13,7 +13,8 @@ TEST(SanitizerSteps, ControlCharactersAreStrippedAndLineBreaksNormalised) {
                 {std::string("nul\0byte", 8), "nulbyte"},
                 {"c1\xC2\x85here\xC2\x9F", "c1here"},
                 {"line\xE2\x80\xA8sep\xE2\x80\xA9para", "line\nsep\npara"},
-                {"emoji 😀 kept", "emoji 😀 kept"}},
+                {"emoji 😀 kept", "emoji 😀 kept"},
+                {"bad \xFF byte", "bad \uFFFD byte"}},
                S::stripControlCharacters);
 }
 

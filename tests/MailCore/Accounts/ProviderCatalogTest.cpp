@@ -63,7 +63,7 @@ TEST(ProviderCatalog, BundledCatalogVerifiesAndAnswersDomainsAndMXHosts) {
 }
 
 TEST(ProviderCatalog, AnUpdateIsUsedOnlyWithAValidSignatureAndNoOlderVersion) {
-    testing::TempDir dir;
+    testfiles::TempDir dir;
     const TestSigner signer, stranger;
     const auto file = dir.path() / "providers.json";
     const std::string text = catalogText(7, "local.test");

@@ -6,7 +6,6 @@
 #include <functional>
 
 #include "MailCore/Common/PrivateFiles.h"
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mailcore {
@@ -48,7 +47,7 @@ TEST(PrivateFilesTest, HostileFilesAreRefusedWithoutBlocking) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        linktest::TempDir dir;
+        testfiles::TempDir dir;
         const fs::path at = dir / "state.json";
         const fs::path victim = dir / "victim";
         writeFile(victim, "secret");
@@ -69,7 +68,7 @@ TEST(PrivateFilesTest, HostileFilesAreRefusedWithoutBlocking) {
 }
 
 TEST(PrivateFilesTest, ReadsRegularFilesUpToTheBoundAndTellsMissingApart) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     const auto files = systemFiles();
     EXPECT_TRUE(files->read(dir / "none", bound).missing());
     EXPECT_TRUE(files->read(dir / "no-dir" / "none", bound).missing());
@@ -81,7 +80,7 @@ TEST(PrivateFilesTest, ReadsRegularFilesUpToTheBoundAndTellsMissingApart) {
 }
 
 TEST(PrivateFilesTest, AtomicWriteReplacesALinkNotItsTargetAndIsPrivate) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     writeFile(dir / "victim", "secret");
     fs::create_symlink(dir / "victim", dir / "state.json");
     const auto stamp = systemFiles()->writeAtomically(dir / "state.json", "{}");
@@ -93,7 +92,7 @@ TEST(PrivateFilesTest, AtomicWriteReplacesALinkNotItsTargetAndIsPrivate) {
 }
 
 TEST(PrivateFilesTest, RefusalBeforeReplaceLeavesTheTargetAndNoTemporaryFile) {
-    linktest::TempDir dir;
+    testfiles::TempDir dir;
     writeFile(dir / "config.json", "old");
     WriteOptions options;
     options.beforeReplace = [] { return std::optional<std::string>("changed meanwhile"); };

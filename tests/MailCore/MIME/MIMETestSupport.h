@@ -7,13 +7,12 @@
 #include <string>
 #include <string_view>
 
-#include "tests/fakes/LinkTestSupport.h"
 #include "tests/fakes/TestFiles.h"
 
 namespace mailcore::testing {
 
-using linktest::TempDir;
 using testfiles::readFile;
+using testfiles::TempDir;
 using testfiles::writeFile;
 
 // `text` with every "\n" turned into "\r\n".

@@ -58,7 +58,7 @@ TEST(SQLiteDatabaseTest, FailuresCarryTheLibraryMessageAndLeaveTheConnectionUsab
     EXPECT_EQ(testing::errorDetail([&] { db.execute("SELECT 1"); }), "store is closed");
     EXPECT_EQ(testing::errorDetail([&] { db.run("SELECT 1"); }), "closed");
 
-    testing::TempDir dir;
+    testfiles::TempDir dir;
     testfiles::writeFile(dir.file("junk.db"), std::string(4096, 'x'));
     SQLiteDatabase junk(dir.file("junk.db"));
     try {

@@ -11,9 +11,9 @@
 namespace mailcore {
 namespace {
 
+using testfiles::TempDir;
 using testing::at;
 using testing::errorDetail;
-using testing::TempDir;
 
 std::int64_t count(SQLiteDatabase& db, const std::string& from) {
     return db.scalarInt("SELECT COUNT(*) FROM " + from).value_or(-1);

@@ -1,6 +1,5 @@
-// Helpers shared by the store and outbox tests: a temporary directory that
-// removes itself, message and outgoing-mail records built with little
-// ceremony, and stores on a temporary file.
+// Helpers shared by the store and outbox tests: message and outgoing-mail
+// records built with little ceremony, and stores on a temporary file.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -16,26 +15,7 @@
 
 namespace mailcore::testing {
 
-class TempDir {
-public:
-    TempDir() {
-        std::string pattern =
-            (std::filesystem::temp_directory_path() / "kestrune-store-XXXXXX").string();
-        if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-        path_ = pattern;
-    }
-    ~TempDir() {
-        std::error_code ec;
-        std::filesystem::permissions(path_, std::filesystem::perms::owner_all,
-                                     std::filesystem::perm_options::add, ec);
-        std::filesystem::remove_all(path_, ec);
-    }
-    const std::filesystem::path& path() const { return path_; }
-    std::string file(const std::string& name) const { return (path_ / name).string(); }
-
-private:
-    std::filesystem::path path_;
-};
+using testfiles::TempDir;
 
 inline MailAddress addr(const std::string& email, const std::string& name = "") {
     return MailAddress{name, email};
