@@ -220,12 +220,23 @@ void DovecotServer::writeUsers() {
 void DovecotServer::addUser(const std::string& name, const std::string& password) {
     auto known = std::find_if(users_.begin(), users_.end(),
                               [&](const auto& user) { return user.first == name; });
-    if (known != users_.end()) {
+    const bool change = known != users_.end();
+    if (change) {
         known->second = password;
     } else {
         users_.emplace_back(name, password);
     }
     writeUsers();
+    if (!change) return;
+    // The auth process looks at the users file at most once a second: a
+    // changed password holds only once it has looked again.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+    while (doveadm({"auth", "test", name, password}).status != 0) {
+        if (std::chrono::steady_clock::now() > deadline) {
+            throw std::runtime_error("dovecot did not take the new password of " + name);
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    }
 }
 
 void DovecotServer::writeConfig() {
