@@ -157,10 +157,11 @@ TEST_F(MCPSocketServerTest, OneMebibyteRequestIsServedAndOneByteMoreIsRefused) {
             served ? mcpkit::FrameReader(fd, 4 * size).next().bytes : linktest::readAll(fd);
         writer.join();
         ::close(fd);
-        if (served)
+        if (served) {
             EXPECT_EQ(mailcore::parseJson(answer)["size"], size);
-        else
+        } else {
             EXPECT_EQ(answer, tooLarge + "\n");
+        }
     }
 }
 

@@ -194,7 +194,9 @@ TEST_F(MCPPolicyStoreTest, FailedLoadsAndSavesNeverLoseOrHalfSaveTheUsersDecisio
         const std::string bytes = readFile(stateURL_);
         EXPECT_FALSE(row.change(store));
         EXPECT_TRUE(store.lastSaveError());
-        if (row.fileKept) EXPECT_EQ(readFile(stateURL_), bytes);
+        if (row.fileKept) {
+            EXPECT_EQ(readFile(stateURL_), bytes);
+        }
         EXPECT_EQ(tokens->token("a"), token)
             << "the harness's token stays valid only with its record";
         EXPECT_EQ(tokens->token("b"), std::nullopt);

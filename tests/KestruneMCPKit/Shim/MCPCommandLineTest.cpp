@@ -352,7 +352,9 @@ TEST(MCPCommandLineProcessTest, ExitStatusesOfTheBuiltHelper) {
         SCOPED_TRACE(::testing::PrintToString(c.args));
         ProcessOutcome o = runHelper(c.args, {"HOME=" + dir.path().string()});
         EXPECT_EQ(o.status, c.status);
-        if (!c.out.empty()) EXPECT_EQ(o.out, c.out);
+        if (!c.out.empty()) {
+            EXPECT_EQ(o.out, c.out);
+        }
         EXPECT_EQ(o.out.empty(), c.status != 0);
         EXPECT_EQ(!o.err.empty(), c.err);
     }

@@ -30,9 +30,10 @@ TEST(MCPToolsTest, EveryToolHasAClosedSchemaItsPermissionAndItsWriteFlag) {
         EXPECT_EQ(schema["additionalProperties"], false);
         for (const Json& name : schema.value("required", Json::array()))
             EXPECT_TRUE(schema["properties"].contains(name.get<std::string>())) << name;
-        if (schema["properties"].contains("spec"))
+        if (schema["properties"].contains("spec")) {
             EXPECT_EQ(mailcore::encodeJson(schema["properties"]["spec"]),
                       mailcore::WorkflowTools::specSchema());
+        }
     }
 }
 

@@ -167,7 +167,9 @@ TEST_P(AccountSyncTest, StoreFollowsTheServerThroughAnotherClientsChanges) {
         EXPECT_EQ(static_cast<std::int64_t>(report.newMessages.size()),
                   change.reset ? 0 : change.added);
         // A renamed folder is the same folder with its messages.
-        if (std::string(change.name) == "rename") EXPECT_EQ(folderID("Work"), before);
+        if (std::string(change.name) == "rename") {
+            EXPECT_EQ(folderID("Work"), before);
+        }
     }
 }
 

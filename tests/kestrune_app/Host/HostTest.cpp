@@ -221,7 +221,9 @@ TEST_F(CommandTest, DamagedOrHostileStateFilesAreNeverSavedOver) {
             EXPECT_NE(err[0].find(statePath.string()), std::string::npos) << err[0];
             EXPECT_NE(err[0].find("move it aside"), std::string::npos) << err[0];
             EXPECT_EQ(fs::symlink_status(statePath).type(), before);
-            if (!bytes.empty()) EXPECT_EQ(testfiles::readFile(statePath), bytes);
+            if (!bytes.empty()) {
+                EXPECT_EQ(testfiles::readFile(statePath), bytes);
+            }
         }
     }
 }
@@ -284,7 +286,9 @@ TEST_F(CommandTest, AuditTextCannotBeForgedAndHoldsNoSecret) {
     EXPECT_EQ(out[0].find(token), std::string::npos);
     EXPECT_EQ(out[0].find("kmt_"), std::string::npos);
     for (unsigned char c : out[0]) {
-        if (c != '\n') EXPECT_GE(c, 0x20) << out[0];
+        if (c != '\n') {
+            EXPECT_GE(c, 0x20) << out[0];
+        }
     }
     for (const char* hidden : {"\u2028", "\u202e", "\x7f"}) {
         EXPECT_EQ(out[0].find(hidden), std::string::npos);
