@@ -15,13 +15,6 @@ std::string_view MCPAuditLog::rawValue(ExportFormat format) {
     return format == ExportFormat::csv ? "csv" : "jsonLines";
 }
 
-std::optional<MCPAuditLog::ExportFormat> MCPAuditLog::exportFormatFromRawValue(
-    std::string_view text) {
-    if (text == "jsonLines") return ExportFormat::jsonLines;
-    if (text == "csv") return ExportFormat::csv;
-    return std::nullopt;
-}
-
 MCPAuditLog::MCPAuditLog(std::optional<std::filesystem::path> fileURL, mailcore::Clock clock,
                          std::shared_ptr<const mailcore::PrivateFiles> files)
     : fileURL_(std::move(fileURL)), clock_(std::move(clock)), files_(std::move(files)) {

@@ -43,7 +43,6 @@ public:
     enum class ExportFormat { jsonLines, csv };
     // "jsonLines", "csv".
     static std::string_view rawValue(ExportFormat format);
-    static std::optional<ExportFormat> exportFormatFromRawValue(std::string_view text);
 
     // `fileURL` none keeps the log in memory only. Reads the file if present.
     explicit MCPAuditLog(

@@ -41,15 +41,6 @@ void LoopbackByteStream::write(const Bytes& bytes) {
         std::lock_guard lock(lock_);
         if (closed_) throw streamClosed();
         const std::string_view text(reinterpret_cast<const char*>(bytes.data()), bytes.size());
-        const auto failure =
-            std::find_if(writeFailures_.begin(), writeFailures_.end(), [&](const WriteFailure& f) {
-                return text.find(f.containing) != std::string_view::npos;
-            });
-        if (failure != writeFailures_.end()) {
-            MailError error = failure->error;
-            writeFailures_.erase(failure);
-            throw error;
-        }
         written_.insert(written_.end(), bytes.begin(), bytes.end());
         partialLine_.append(text);
         std::size_t start = 0;
@@ -91,12 +82,11 @@ Bytes LoopbackByteStream::read(int maxLength) {
             return out;
         }
         if (closed_) throw streamClosed();
-        if (serverFailure_) throw *serverFailure_;
         if (serverClosed_) return {};
         if (token.stop_requested()) throw MailError::cancelled();
         if (readable_.wait_until(lock, deadline) == std::cv_status::timeout &&
-            incomingPosition_ == incoming_.size() && !closed_ && !serverFailure_ &&
-            !serverClosed_ && !token.stop_requested()) {
+            incomingPosition_ == incoming_.size() && !closed_ && !serverClosed_ &&
+            !token.stop_requested()) {
             throw MailError::network(NetworkFailureKind::timeout, "read timed out");
         }
     }
@@ -120,17 +110,6 @@ void LoopbackByteStream::serverClose() {
     std::lock_guard lock(lock_);
     serverClosed_ = true;
     readable_.notify_all();
-}
-
-void LoopbackByteStream::serverFail(MailError error) {
-    std::lock_guard lock(lock_);
-    if (!serverFailure_) serverFailure_ = std::move(error);
-    readable_.notify_all();
-}
-
-void LoopbackByteStream::failNextWrite(std::string containing, MailError error) {
-    std::lock_guard lock(lock_);
-    writeFailures_.push_back(WriteFailure{std::move(containing), std::move(error)});
 }
 
 void LoopbackByteStream::setOnLine(LineHook hook) {

@@ -43,11 +43,6 @@ public:
     void serverSend(std::string_view text);
     // Reads return end of stream once what was sent is read.
     void serverClose();
-    // Reads fail with `error` once what was sent is read, for good.
-    void serverFail(MailError error);
-    // The next write whose text contains `containing` fails with `error` and
-    // is not recorded.
-    void failNextWrite(std::string containing, MailError error);
     void setOnLine(LineHook hook);
     // When set, open() or upgradeToTLS() fail with the error.
     void setOpenError(std::optional<MailError> error);
@@ -62,19 +57,12 @@ public:
     std::optional<std::string> upgradeServerName() const;
 
 private:
-    struct WriteFailure {
-        std::string containing;
-        MailError error;
-    };
-
     const double readTimeout_;
     mutable std::mutex lock_;
     std::condition_variable readable_;
     Bytes incoming_;                                // guarded by lock_
     std::size_t incomingPosition_ = 0;              // guarded by lock_
     bool serverClosed_ = false;                     // guarded by lock_
-    std::optional<MailError> serverFailure_;        // guarded by lock_
-    std::vector<WriteFailure> writeFailures_;       // guarded by lock_
     LineHook onLine_;                               // guarded by lock_
     std::optional<MailError> openError_;            // guarded by lock_
     std::optional<MailError> upgradeError_;         // guarded by lock_

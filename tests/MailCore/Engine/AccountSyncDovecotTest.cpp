@@ -296,11 +296,11 @@ TEST_P(AccountSyncTest, OutboxChangesReachTheServer) {
         EXPECT_EQ(executor.execute(item).kind, c.expected);
     }
     sync();
-    auto server = serverState();
-    EXPECT_EQ(storeState(), server);
-    EXPECT_EQ(*server["INBOX"].begin(), Entry(1, "m1@example.com", 1, {"$Label2"}));
-    EXPECT_EQ(server["Trash"].size(), 1u);
-    EXPECT_EQ(server["Projects"].size(), 6u);
+    auto onServer = serverState();
+    EXPECT_EQ(storeState(), onServer);
+    EXPECT_EQ(*onServer["INBOX"].begin(), Entry(1, "m1@example.com", 1, {"$Label2"}));
+    EXPECT_EQ(onServer["Trash"].size(), 1u);
+    EXPECT_EQ(onServer["Projects"].size(), 6u);
 }
 
 INSTANTIATE_TEST_SUITE_P(WithAndWithoutQResync, AccountSyncTest, ::testing::Bool());
