@@ -39,6 +39,11 @@ int main(int argc, char** argv) {
     if (::isatty(STDIN_FILENO)) env.input = STDIN_FILENO;
     env.out = [](const std::string& text) { std::fprintf(stdout, "%s\n", text.c_str()); };
     env.err = [](const std::string& text) { std::fprintf(stderr, "%s\n", text.c_str()); };
+    env.write = [](std::string_view bytes) {
+        std::fwrite(bytes.data(), 1, bytes.size(), stdout);
+        std::fflush(stdout);
+    };
+    env.outIsTerminal = ::isatty(STDOUT_FILENO) == 1;
     const int status =
         kestrune::HostCommands::run(std::vector<std::string>(argv + 1, argv + argc), env);
     std::fflush(stdout);

@@ -29,6 +29,7 @@
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
+#include "kestrune_app/Host/ProgressDisplay.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 #include "kestrune_app/Host/WorkflowCommands.h"
 
@@ -58,6 +59,29 @@ struct Context {
     HostPaths paths;
 
     void out(const std::string& text) const { env.out(text); }
+
+    // Bytes to standard output as they are.
+    void write(std::string_view bytes) const {
+        if (env.write) {
+            env.write(bytes);
+            return;
+        }
+        std::string text(bytes);
+        for (auto end = text.find('\n'); end != std::string::npos; end = text.find('\n')) {
+            env.out(text.substr(0, end));
+            text.erase(0, end + 1);
+        }
+        if (!text.empty()) env.out(text);
+    }
+
+    // Progress redrawn in place on a terminal, plain lines elsewhere.
+    std::unique_ptr<ProgressDisplay> progress(bool quiet) const {
+        const auto mode = quiet               ? ProgressDisplay::Mode::quiet
+                          : env.outIsTerminal ? ProgressDisplay::Mode::terminal
+                                              : ProgressDisplay::Mode::lines;
+        return std::make_unique<ProgressDisplay>(mode,
+                                                 [this](std::string_view bytes) { write(bytes); });
+    }
 
     const std::string& arg(std::size_t i, const char* what) const {
         if (i >= args.size()) throw UsageError(std::string("missing ") + what);
@@ -484,6 +508,7 @@ int import(Context& c) {
     const auto label = takeOption(c.args, "--label");
     const auto maildir = takeOption(c.args, "--maildir");
     const auto mbox = takeOption(c.args, "--mbox");
+    const bool quiet = takeFlag(c.args, "--quiet");
     c.noMoreThan(0);
     if (!account) throw UsageError("import needs --account EMAIL");
     if (maildir.has_value() == mbox.has_value())
@@ -496,8 +521,15 @@ int import(Context& c) {
         const auto now = mailcore::systemClock()();
         ensureAccount(store, {*account, label.value_or(*account), false}, now);
         WorkflowCommands::ImportPass workflowPass(c.paths, store);
-        const auto result = maildir ? importMaildir(store, *account, *maildir, now)
-                                    : importMbox(store, *account, *mbox, now);
+        const auto display = c.progress(quiet);
+        const auto shown = [&](const mailcore::ImportProgress& p) {
+            display->report("", p.folder,
+                            static_cast<std::int64_t>(p.imported + p.skipped + p.failed),
+                            static_cast<std::int64_t>(p.found));
+        };
+        const auto result = maildir ? importMaildir(store, *account, *maildir, now, shown)
+                                    : importMbox(store, *account, *mbox, now, shown);
+        display->clear();
         c.out("Imported " + std::to_string(result.imported) + " messages into " + *account +
               (result.skipped ? " (" + std::to_string(result.skipped) + " skipped)." : "."));
         if (const auto ran = workflowPass.finish(); !ran.empty()) c.out(ran);
@@ -601,13 +633,8 @@ int outbox(Context& c) {
 
 // The accounts' server mail brought into the store in the foreground.
 int sync(Context& c) {
-    SyncCommandIO io{c.env.out, {}, c.env.stop};
-    if (::isatty(STDOUT_FILENO))
-        io.progressLine = [](const std::string& text) {
-            std::fprintf(stdout, "\r\033[K%s", text.c_str());
-            std::fflush(stdout);
-        };
-    return runSyncCommand(c.args, c.paths, io);
+    const auto display = c.progress(takeFlag(c.args, "--quiet"));
+    return runSyncCommand(c.args, c.paths, {c.env.out, *display, c.env.stop});
 }
 
 }  // namespace
@@ -650,9 +677,10 @@ const std::string& usage() {
         "  workflows approve|pause|resume|delete ID\n"
         "  ai [show] | clear                   the AI provider workflows use\n"
         "  ai set --url URL --model NAME [--key-stdin]\n"
-        "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME]\n"
+        "  import --account EMAIL (--maildir DIR | --mbox FILE) [--label NAME] [--quiet]\n"
+        "                                      file local mail here, showing its progress\n"
         "  outbox [list] | retry ID | cancel ID   work queued for the accounts' servers\n"
-        "  sync [EMAIL] [--once]               bring the accounts' server mail here (again every "
+        "  sync [EMAIL] [--once] [--quiet]     bring the accounts' server mail here (again every "
         "minute\n"
         "                                      until Ctrl-C, or once)\n"
         "\n"

@@ -11,6 +11,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace kestrune::HostCommands {
@@ -22,8 +23,12 @@ struct Environment {
     std::filesystem::path demoMessages;       // the bundled demonstration messages
     const std::atomic<bool>* stop = nullptr;  // set to end `serve`
     int input = -1;                           // a terminal `serve` reads typed answers from, or -1
-    std::function<void(const std::string&)> out;
+    std::function<void(const std::string&)> out;  // one line, the line feed added
     std::function<void(const std::string&)> err;
+    // Bytes to standard output as they are (progress redrawn in place, raw
+    // messages); unset, they go to `out` a line at a time.
+    std::function<void(std::string_view)> write;
+    bool outIsTerminal = false;  // standard output is a terminal
 };
 
 // `args` are the arguments without the program name.

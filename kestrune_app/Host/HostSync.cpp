@@ -1,7 +1,6 @@
 #include "kestrune_app/Host/HostSync.h"
 
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <thread>
 
@@ -34,15 +33,6 @@ using SteadyClock = std::chrono::steady_clock;
 
 // Seconds between repeated syncs without --once.
 constexpr double repeatInterval = 60;
-// Least time between two plain progress lines of one folder.
-constexpr double plainLineInterval = 5;
-
-std::string grouped(std::int64_t n) {
-    std::string digits = std::to_string(n);
-    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
-        digits.insert(static_cast<std::size_t>(at), ",");
-    return digits;
-}
 
 // A signed-in session for the account, an OAuth token refreshed once after
 // a refusal.
@@ -65,36 +55,26 @@ std::unique_ptr<IMAPSession> signIn(const AccountRecord& account, AccountCredent
     }
 }
 
-class ProgressDisplay {
+// Each folder's pass as a count of its own on the display.
+class FolderProgressView {
 public:
-    ProgressDisplay(const SyncCommandIO& io, std::string account)
-        : io_(io), account_(std::move(account)) {}
+    FolderProgressView(ProgressDisplay& display, std::string account)
+        : display_(display), account_(std::move(account)) {}
 
     void operator()(const FolderProgress& p) {
-        const auto now = SteadyClock::now();
         if (p.folder != folder_ || p.done < lastDone_) {
             folder_ = p.folder;
-            started_ = now;
-            lastLine_ = now - std::chrono::hours(1);
+            display_.start();
         }
         lastDone_ = p.done;
-        const double seconds = Seconds(now - started_).count();
-        const std::string text = account_ + "  " + progressText(p.folder, p.done, p.total, seconds);
-        if (io_.progressLine) {
-            io_.progressLine(text);
-        } else if (Seconds(now - lastLine_).count() >= plainLineInterval || p.done == p.total) {
-            lastLine_ = now;
-            io_.out(text);
-        }
+        display_.report(account_, p.folder, p.done, p.total);
     }
 
 private:
-    const SyncCommandIO& io_;
+    ProgressDisplay& display_;
     std::string account_;
     std::string folder_;
     std::int64_t lastDone_ = 0;
-    SteadyClock::time_point started_{};
-    SteadyClock::time_point lastLine_{};
 };
 
 // One sync of every chosen account; false when one of them failed.
@@ -105,18 +85,19 @@ bool syncOnce(SQLiteMailStore& store, const std::vector<AccountRecord>& accounts
         const auto started = SteadyClock::now();
         try {
             auto session = signIn(account, credentials);
-            ProgressDisplay display(io, account.address);
-            const auto report = AccountSync(store, account.id, {}, std::ref(display)).run(*session);
+            FolderProgressView view(io.progress, account.address);
+            const auto report = AccountSync(store, account.id, {}, std::ref(view)).run(*session);
             session->logout();
-            if (io.progressLine) io.progressLine("");
+            io.progress.clear();
             char elapsed[32];
             std::snprintf(elapsed, sizeof elapsed, "%.1f s",
                           Seconds(SteadyClock::now() - started).count());
-            io.out(account.address + ": " + grouped(report.added) + " messages added, " +
-                   grouped(report.flagUpdates) + " flag changes, " + grouped(report.removed) +
-                   " removed, " + std::to_string(report.folders) + " folders (" + elapsed + ").");
+            io.out(account.address + ": " + groupedNumber(report.added) + " messages added, " +
+                   groupedNumber(report.flagUpdates) + " flag changes, " +
+                   groupedNumber(report.removed) + " removed, " + std::to_string(report.folders) +
+                   " folders (" + elapsed + ").");
         } catch (const MailError& e) {
-            if (io.progressLine) io.progressLine("");
+            io.progress.clear();
             allOK = false;
             io.out(account.address + ": " + explainFailure(e, ServerRole::imap, *account.imap));
         }
@@ -125,21 +106,6 @@ bool syncOnce(SQLiteMailStore& store, const std::vector<AccountRecord>& accounts
 }
 
 }  // namespace
-
-std::string progressText(const std::string& folder, std::int64_t done, std::int64_t total,
-                         double seconds) {
-    std::string text = folder + "  " + grouped(done) + " of " + grouped(total);
-    if (seconds <= 0 || done <= 0) return text;
-    const double rate = static_cast<double>(done) / seconds;
-    text += "  " + grouped(std::llround(rate)) + "/s";
-    if (total > done) {
-        const auto left = std::llround(static_cast<double>(total - done) / rate);
-        char clock[32];
-        std::snprintf(clock, sizeof clock, "%lld:%02lld", left / 60, left % 60);
-        text += "  " + std::string(clock) + " left";
-    }
-    return text;
-}
 
 int runSyncCommand(std::vector<std::string> args, const HostPaths& paths, const SyncCommandIO& io) {
     bool once = false;

@@ -4,7 +4,6 @@
 #include <nlohmann/json.hpp>
 #include <stdexcept>
 
-#include "MailCore/MIME/MailImporter.h"
 #include "MailCore/MIME/MessageIngestor.h"
 #include "kestrune_app/Host/HostError.h"
 
@@ -96,21 +95,27 @@ ImportResult result(const ImportReport& report) {
 }  // namespace
 
 ImportResult importMaildir(SQLiteMailStore& store, const std::string& account,
-                           const std::filesystem::path& dir, Date now) {
+                           const std::filesystem::path& dir, Date now,
+                           const ImportProgressHandler& progress) {
     namespace fs = std::filesystem;
     if (!fs::is_directory(dir / "cur") && !fs::is_directory(dir / "new"))
         throw HostError(HostError::Kind::invalidInput,
                         dir.string() + " is not a Maildir (no cur/ or new/)");
     MailImporter importer(store, AccountID(account), {}, [now] { return now; });
-    return result(importer.importMaildir(dir));
+    ImportOptions options;
+    options.progress = progress;
+    return result(importer.importMaildir(dir, options));
 }
 
 ImportResult importMbox(SQLiteMailStore& store, const std::string& account,
-                        const std::filesystem::path& file, Date now) {
+                        const std::filesystem::path& file, Date now,
+                        const ImportProgressHandler& progress) {
     if (!std::filesystem::is_regular_file(file))
         throw HostError(HostError::Kind::invalidInput, file.string() + " is not a file");
     MailImporter importer(store, AccountID(account), {}, [now] { return now; });
-    return result(importer.importMbox(file, "INBOX"));
+    ImportOptions options;
+    options.progress = progress;
+    return result(importer.importMbox(file, "INBOX", options));
 }
 
 }  // namespace kestrune

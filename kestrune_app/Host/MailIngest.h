@@ -5,10 +5,12 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
 
+#include "MailCore/MIME/MailImporter.h"
 #include "MailCore/Store/SQLiteMailStore.h"
 
 namespace kestrune {
@@ -47,16 +49,20 @@ struct ImportResult {
     std::int64_t skipped = 0;  // empty or unreadable entries
 };
 
+using ImportProgressHandler = std::function<void(const mailcore::ImportProgress&)>;
+
 // A Maildir tree into the account (the mail importer maps its folders and
-// flags). Throws HostError invalidInput when `dir` is not a Maildir, MailError
-// when it cannot be read.
+// flags), `progress` called after every filed batch. Throws HostError invalidInput when `dir` is
+// not a Maildir, MailError when it cannot be read.
 ImportResult importMaildir(mailcore::SQLiteMailStore& store, const std::string& account,
-                           const std::filesystem::path& dir, mailcore::Date now);
+                           const std::filesystem::path& dir, mailcore::Date now,
+                           const ImportProgressHandler& progress = {});
 
 // Every message of an mbox file into the account's INBOX. Throws
 // HostError invalidInput when the file is missing, MailError when it cannot be
 // read.
 ImportResult importMbox(mailcore::SQLiteMailStore& store, const std::string& account,
-                        const std::filesystem::path& file, mailcore::Date now);
+                        const std::filesystem::path& file, mailcore::Date now,
+                        const ImportProgressHandler& progress = {});
 
 }  // namespace kestrune
