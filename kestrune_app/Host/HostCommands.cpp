@@ -27,9 +27,11 @@
 #include "kestrune_app/Host/HostError.h"
 #include "kestrune_app/Host/HostSync.h"
 #include "kestrune_app/Host/MCPWorkflowBridge.h"
+#include "kestrune_app/Host/MailCommands.h"
 #include "kestrune_app/Host/MailIngest.h"
 #include "kestrune_app/Host/PendingQuestions.h"
 #include "kestrune_app/Host/ProgressDisplay.h"
+#include "kestrune_app/Host/RawMessageSource.h"
 #include "kestrune_app/Host/StoreMailBackend.h"
 #include "kestrune_app/Host/WorkflowCommands.h"
 
@@ -530,6 +532,7 @@ int import(Context& c) {
         const auto result = maildir ? importMaildir(store, *account, *maildir, now, shown)
                                     : importMbox(store, *account, *mbox, now, shown);
         display->clear();
+        rememberImportSource(store, *account, maildir ? *maildir : *mbox, mbox.has_value());
         c.out("Imported " + std::to_string(result.imported) + " messages into " + *account +
               (result.skipped ? " (" + std::to_string(result.skipped) + " skipped)." : "."));
         if (const auto ran = workflowPass.finish(); !ran.empty()) c.out(ran);
@@ -631,6 +634,45 @@ int outbox(Context& c) {
     return ok;
 }
 
+MailCommandIO mailIO(const Context& c) {
+    return {c.env.out, c.env.err, [&c](std::string_view bytes) { c.write(bytes); },
+            c.env.outIsTerminal};
+}
+
+int search(Context& c) {
+    SearchRequest request;
+    request.account = takeOption(c.args, "--account");
+    request.folder = takeOption(c.args, "--folder");
+    request.unreadOnly = takeFlag(c.args, "--unread");
+    request.json = takeFlag(c.args, "--json");
+    if (const auto limit = takeOption(c.args, "--limit")) {
+        request.limit = integer(*limit, "--limit");
+        if (request.limit < 1 || request.limit > 1000)
+            throw UsageError("--limit must be 1 to 1000");
+    }
+    for (const auto& word : c.args) {
+        if (word.starts_with("--")) throw UsageError("unknown option " + word);
+        request.text += (request.text.empty() ? "" : " ") + word;
+    }
+    searchMail(request, c.paths, mailIO(c));
+    return ok;
+}
+
+int show(Context& c) {
+    ShowRequest request;
+    request.raw = takeFlag(c.args, "--raw");
+    request.json = takeFlag(c.args, "--json");
+    request.handle = c.arg(0, "the message handle (for example m123)");
+    c.noMoreThan(1);
+    if (request.raw && request.json) throw UsageError("show takes --raw or --json, not both");
+    try {
+        showMail(request, c.paths, mailIO(c));
+    } catch (const mailcore::MailError& e) {
+        throw Failure(e.detail());
+    }
+    return ok;
+}
+
 // The accounts' server mail brought into the store in the foreground.
 int sync(Context& c) {
     const auto display = c.progress(takeFlag(c.args, "--quiet"));
@@ -683,6 +725,35 @@ const std::string& usage() {
         "  sync [EMAIL] [--once] [--quiet]     bring the accounts' server mail here (again every "
         "minute\n"
         "                                      until Ctrl-C, or once)\n"
+        "  search [QUERY] [--account EMAIL] [--folder NAME] [--unread] [--limit N] [--json]\n"
+        "                                      the messages that match, best first: date, sender,\n"
+        "                                      subject and the handle agents get (m123); N is 1 "
+        "to\n"
+        "                                      1000 (50 if not given). No QUERY: the newest "
+        "messages.\n"
+        "                                      NAME is a role (inbox, sent, drafts, archive, "
+        "trash)\n"
+        "                                      or a folder path. No match is no error: nothing on\n"
+        "                                      standard output (--json: []), a sentence on "
+        "standard\n"
+        "                                      error, exit status 0.\n"
+        "  show HANDLE [--raw | --json]        a message's headers and text; --raw the original\n"
+        "                                      message from its server or its imported file. Exit\n"
+        "                                      status 1 when no message has the handle.\n"
+        "\n"
+        "The QUERY language is the one agents search with: every word must match (in the "
+        "subject,\n"
+        "the sender, the recipients or the text), \"quoted words\" match as a phrase, and a "
+        "word\n"
+        "ending in * matches as a prefix (budg*). Other punctuation is plain text.\n"
+        "On a terminal, control characters from mail show as \u00B7 and line breaks inside "
+        "headers as\n"
+        "\u23CE, so that no message can drive the terminal; that holds for --raw too, which "
+        "writes the\n"
+        "bytes as they are only when standard output is not a terminal (a file or a pipe).\n"
+        "import and sync show their progress in place on a terminal, as a line every five "
+        "seconds\n"
+        "otherwise, and not at all with --quiet.\n"
         "\n"
         "Files live in ~/.local/share/kestrune, or in DIR with --data-dir (agent-access files in "
         "DIR/mcp,\n"
@@ -723,13 +794,15 @@ int run(const std::vector<std::string>& arguments, const Environment& env) {
                                                                        {"import", import},
                                                                        {"outbox", outbox},
                                                                        {"ai", ai},
-                                                                       {"sync", sync}};
+                                                                       {"sync", sync},
+                                                                       {"search", search},
+                                                                       {"show", show}};
         auto it = commands.find(command);
         if (it == commands.end()) throw UsageError("unknown command " + command);
         for (const auto& a : c.args)
             if (a.starts_with("--") && command != "serve" && command != "audit" &&
                 command != "import" && command != "accounts" && command != "ai" &&
-                command != "sync")
+                command != "sync" && command != "search" && command != "show")
                 throw UsageError("unknown option " + a);
         return it->second(c);
     } catch (const HostError& e) {

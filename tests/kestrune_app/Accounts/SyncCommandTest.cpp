@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdlib>
+#include <nlohmann/json.hpp>
 
 #include "MailCore/Store/SQLiteMailStore.h"
 #include "tests/MailCore/Store/StoreTestSupport.h"
@@ -49,6 +50,12 @@ TEST(SyncCommand, OnceBringsTheServerMailIntoTheStoreAndThenFindsNothingNew) {
         query.text = "s6";
         ASSERT_EQ(store.search(query).size(), 1u);
     }
+    // `show --raw` reads the original from the server.
+    const auto found = kestrune({"search", "s6", "--json"});
+    const auto id = nlohmann::json::parse(found.out).at(0).at("id").get<std::string>();
+    EXPECT_EQ(kestrune({"show", id, "--raw"}).out,
+              "From: a@example.com\r\nSubject: s6\r\nMessage-ID: <c6@example.com>\r\n\r\nbody\r\n");
+
     const auto again = kestrune({"sync", "--once"});
     EXPECT_NE(again.out.find("alice@example.test: 0 messages added"), std::string::npos)
         << again.out;
