@@ -1,5 +1,6 @@
 #include "kestrune_app/Host/MailCommands.h"
 
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <nlohmann/json.hpp>
@@ -77,6 +78,28 @@ std::string forTerminal(std::string_view text) {
     return DisplayText::block(expanded, wholeText, wholeText).text;
 }
 
+// JSON as a terminal may show it: the characters the display rule replaces
+// that JSON leaves as they are (DEL, C1 controls, bidirectional formatting,
+// the Unicode line separators) written as \u escapes instead; still the
+// same JSON.
+std::string jsonText(const Json& value, bool terminal) {
+    const std::string text = encodeJson(value);
+    if (!terminal) return text;
+    std::string out;
+    for (std::size_t pos = 0; pos < text.size();) {
+        const std::size_t start = pos;
+        const char32_t c = utf8::decode(text, pos);
+        if (c >= 0x7F && c <= 0xFFFF && DisplayText::isControl(c)) {
+            char escaped[8];
+            std::snprintf(escaped, sizeof escaped, "\\u%04x", static_cast<unsigned>(c));
+            out += escaped;
+        } else {
+            out.append(text, start, pos - start);
+        }
+    }
+    return out;
+}
+
 }  // namespace
 
 void searchMail(const SearchRequest& request, const HostPaths& paths, const MailCommandIO& io) {
@@ -102,7 +125,7 @@ void searchMail(const SearchRequest& request, const HostPaths& paths, const Mail
     if (request.json) {
         Json list = Json::array();
         for (const auto& r : page.results) list.push_back(r);
-        io.out(encodeJson(list));
+        io.out(jsonText(list, io.terminal));
     } else {
         for (const auto& r : page.results) {
             const auto id = StoreMailBackend::messageID(r.id);
@@ -167,17 +190,18 @@ void showMail(const ShowRequest& request, const HostPaths& paths, const MailComm
         for (const auto& a : attachments)
             if (!a.isInline)
                 files.push_back({{"name", a.filename}, {"type", a.mimeType}, {"size", a.size}});
-        io.out(encodeJson(Json{{"id", request.handle},
-                               {"account", row->accountID.value},
-                               {"folder", folder ? folder->path : ""},
-                               {"date", StoreMailBackend::isoDate(row->date)},
-                               {"from", addressJson(fields->from)},
-                               {"to", addressJson(fields->to)},
-                               {"cc", addressJson(fields->cc)},
-                               {"subject", row->subject},
-                               {"unread", row->flags.isUnread()},
-                               {"attachments", files},
-                               {"body", text}}));
+        io.out(jsonText(Json{{"id", request.handle},
+                             {"account", row->accountID.value},
+                             {"folder", folder ? folder->path : ""},
+                             {"date", StoreMailBackend::isoDate(row->date)},
+                             {"from", addressJson(fields->from)},
+                             {"to", addressJson(fields->to)},
+                             {"cc", addressJson(fields->cc)},
+                             {"subject", row->subject},
+                             {"unread", row->flags.isUnread()},
+                             {"attachments", files},
+                             {"body", text}},
+                        io.terminal));
         return;
     }
     const auto header = [&](const std::string& name, const std::string& value) {

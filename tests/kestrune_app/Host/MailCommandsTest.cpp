@@ -21,7 +21,7 @@ struct MailCommandsTest : ::testing::Test {
     // makes headers plain text).
     const std::string hostile = testing::rawMessage("Mallory <m@example.com>", "Invoice paid",
                                                     "Mon, 16 Nov 2026 10:00:00 +0000",
-                                                    "Pay here\033]0;owned\007\r\nthanks");
+                                                    "Pay here\033]0;owned\007\r\n\u009b2J thanks");
 
     void SetUp() override {
         const fs::path maildir = dir.path / "Maildir";
@@ -80,19 +80,43 @@ TEST_F(MailCommandsTest, HandlesThatMatchNothingFailWithASentence) {
 TEST_F(MailCommandsTest, MailCannotSendEscapeCodesToTheTerminal) {
     const std::string id = handle("invoice");
     terminal = true;
-    for (const auto& args : std::vector<std::vector<std::string>>{
-             {"search", "invoice"}, {"show", id}, {"show", id, "--raw"}}) {
+    const std::pair<std::vector<std::string>, std::string> cases[] = {
+        {{"search", "invoice"}, "Invoice paid"},
+        {{"show", id}, "Pay here·]0;owned·\n·2J thanks"},
+        {{"show", id, "--raw"}, "Pay here·]0;owned·\n·2J thanks"},
+        {{"show", id, "--json"}, R"(Pay here\u001b]0;owned\u0007\n\u009b2J thanks)"},
+    };
+    for (const auto& [args, shown] : cases) {
         ASSERT_EQ(run(args), 0) << err;
-        EXPECT_EQ((out + written).find('\033'), std::string::npos) << out << written;
-        EXPECT_NE(out.find(args[0] == "search" ? "Invoice paid" : "Pay here·]0;owned·"),
-                  std::string::npos)
-            << out;
+        for (const std::string code : {"\033", "\u009b"})
+            EXPECT_EQ((out + written).find(code), std::string::npos) << out << written;
+        EXPECT_NE(out.find(shown), std::string::npos) << out;
     }
 
     // Into a file or a pipe, --raw is the original message byte for byte.
     terminal = false;
     ASSERT_EQ(run({"show", id, "--raw"}), 0) << err;
     EXPECT_EQ(written, hostile);
+}
+
+TEST_F(MailCommandsTest, RawReadsTheImportedMboxAgainAndSaysWhenItIsGone) {
+    const std::string second = testing::rawMessage("b@example.com", "Second letter",
+                                                   "Tue, 17 Nov 2026 10:00:00 +0000", "two");
+    const fs::path mbox = dir.path / "saved.mbox";
+    std::ofstream(mbox) << "From a Mon Jan 1 00:00:00 2026\n"
+                        << testing::rawMessage("a@example.com", "First letter",
+                                               "Mon, 16 Nov 2026 10:00:00 +0000", "one")
+                        << "\nFrom b Mon Jan 1 00:00:00 2026\n"
+                        << second;
+    ASSERT_EQ(run({"import", "--account", "box@example.com", "--mbox", mbox.string()}), 0) << err;
+    const std::string id = handle("second");
+    ASSERT_EQ(run({"show", id, "--raw"}), 0) << err;
+    EXPECT_EQ(written, second);
+
+    fs::remove(mbox);
+    EXPECT_EQ(run({"show", id, "--raw"}), 1);
+    EXPECT_NE(err.find("no longer in the Maildir or mbox it was imported from"), std::string::npos)
+        << err;
 }
 
 TEST_F(MailCommandsTest, JsonOutputParses) {
