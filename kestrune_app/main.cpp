@@ -1,5 +1,6 @@
 // kestrune: the application that owns the mail store and serves harnesses.
 // Every command is in the host library; this entry wires signals and output.
+#include <sys/ioctl.h>
 #include <unistd.h>
 #if defined(__linux__)
 #include <sys/prctl.h>
@@ -44,6 +45,8 @@ int main(int argc, char** argv) {
         std::fflush(stdout);
     };
     env.outIsTerminal = ::isatty(STDOUT_FILENO) == 1;
+    if (winsize size{}; env.outIsTerminal && ::ioctl(STDOUT_FILENO, TIOCGWINSZ, &size) == 0)
+        env.columns = size.ws_col;
     const int status =
         kestrune::HostCommands::run(std::vector<std::string>(argv + 1, argv + argc), env);
     std::fflush(stdout);

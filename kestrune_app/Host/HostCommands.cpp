@@ -81,8 +81,9 @@ struct Context {
         const auto mode = quiet               ? ProgressDisplay::Mode::quiet
                           : env.outIsTerminal ? ProgressDisplay::Mode::terminal
                                               : ProgressDisplay::Mode::lines;
-        return std::make_unique<ProgressDisplay>(mode,
-                                                 [this](std::string_view bytes) { write(bytes); });
+        return std::make_unique<ProgressDisplay>(
+            mode, [this](std::string_view bytes) { write(bytes); }, ProgressDisplay::steadyClock(),
+            env.columns);
     }
 
     const std::string& arg(std::size_t i, const char* what) const {
@@ -525,9 +526,13 @@ int import(Context& c) {
         WorkflowCommands::ImportPass workflowPass(c.paths, store);
         const auto display = c.progress(quiet);
         const auto shown = [&](const mailcore::ImportProgress& p) {
-            display->report("", p.folder,
-                            static_cast<std::int64_t>(p.imported + p.skipped + p.failed),
-                            static_cast<std::int64_t>(p.found));
+            const auto done = static_cast<std::int64_t>(p.imported + p.skipped + p.failed);
+            display->report("", p.folder, done, static_cast<std::int64_t>(p.found));
+            // Ctrl-C ends the import after the batch just filed.
+            if (c.env.stop && c.env.stop->load())
+                throw Failure("the import stopped after " + groupedNumber(done) + " of " +
+                              groupedNumber(static_cast<std::int64_t>(p.found)) +
+                              " messages; the same command continues it.");
         };
         const auto result = maildir ? importMaildir(store, *account, *maildir, now, shown)
                                     : importMbox(store, *account, *mbox, now, shown);

@@ -29,6 +29,7 @@ struct Environment {
     // messages); unset, they go to `out` a line at a time.
     std::function<void(std::string_view)> write;
     bool outIsTerminal = false;  // standard output is a terminal
+    std::size_t columns = 0;     // its width, 0 when unknown
 };
 
 // `args` are the arguments without the program name.

@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include "MailCore/Common/DisplayText.h"
+#include "MailCore/Common/UTF8.h"
 
 namespace kestrune {
 
@@ -32,8 +33,8 @@ ProgressDisplay::Clock ProgressDisplay::steadyClock() {
     };
 }
 
-ProgressDisplay::ProgressDisplay(Mode mode, Write write, Clock clock)
-    : mode_(mode), write_(std::move(write)), clock_(std::move(clock)) {
+ProgressDisplay::ProgressDisplay(Mode mode, Write write, Clock clock, std::size_t width)
+    : mode_(mode), write_(std::move(write)), clock_(std::move(clock)), width_(width) {
     start();
 }
 
@@ -48,9 +49,11 @@ void ProgressDisplay::report(const std::string& label, const std::string& folder
                              std::int64_t total) {
     if (mode_ == Mode::quiet) return;
     const double now = clock_();
-    const std::string line = (label.empty() ? "" : mailcore::DisplayText::line(label, 100) + "  ") +
-                             text(folder, done, total, now - started_);
+    std::string line = (label.empty() ? "" : mailcore::DisplayText::line(label, 100) + "  ") +
+                       text(folder, done, total, now - started_);
     if (mode_ == Mode::terminal) {
+        if (width_ > 1 && mailcore::utf8::characterCount(line) >= width_)
+            line = std::string(mailcore::utf8::prefix(line, width_ - 2)) + "\u2026";
         write_(std::string(eraseLine) + line);
         drawn_ = true;
     } else if (!anyLine_ || now - lastLine_ >= plainLineInterval || done >= total) {

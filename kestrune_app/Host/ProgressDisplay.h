@@ -28,7 +28,9 @@ public:
 
     static Clock steadyClock();
 
-    ProgressDisplay(Mode mode, Write write, Clock clock = steadyClock());
+    // `width`: the terminal's columns, to which the in-place line is cut
+    // (a line that wrapped could not be redrawn); 0 when unknown.
+    ProgressDisplay(Mode mode, Write write, Clock clock = steadyClock(), std::size_t width = 0);
     ~ProgressDisplay();
     ProgressDisplay(const ProgressDisplay&) = delete;
     ProgressDisplay& operator=(const ProgressDisplay&) = delete;
@@ -52,6 +54,7 @@ private:
     Mode mode_;
     Write write_;
     Clock clock_;
+    std::size_t width_;
     double started_ = 0;
     double lastLine_ = 0;
     bool anyLine_ = false;  // a plain line was written since start()

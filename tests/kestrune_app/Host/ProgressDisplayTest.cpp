@@ -8,12 +8,12 @@ namespace {
 // Reports at the given seconds, as one string of everything written.
 std::string shown(ProgressDisplay::Mode mode,
                   const std::vector<std::tuple<double, std::string, std::int64_t>>& reports,
-                  std::int64_t total) {
+                  std::int64_t total, std::size_t width = 0) {
     double now = 100;
     std::string written;
     {
         ProgressDisplay display(
-            mode, [&](std::string_view bytes) { written += bytes; }, [&] { return now; });
+            mode, [&](std::string_view bytes) { written += bytes; }, [&] { return now; }, width);
         for (const auto& [at, folder, done] : reports) {
             now = 100 + at;
             display.report("me@example.com", folder, done, total);
@@ -51,6 +51,11 @@ TEST(ProgressDisplay, ShowsEachModeAsItsOutputExpects) {
 TEST(ProgressDisplay, AFolderNameCannotReachTheTerminalAsCodes) {
     const auto text = shown(ProgressDisplay::Mode::terminal, {{1, "In\033[2Jbox\n", 1}}, 9);
     EXPECT_EQ(text, "\r\033[Kme@example.com  In·[2Jbox⏎  1 of 9  1/s  0:08 left\r\033[K");
+}
+
+TEST(ProgressDisplay, TheInPlaceLineFitsTheTerminalSoThatItCanBeRedrawn) {
+    EXPECT_EQ(shown(ProgressDisplay::Mode::terminal, {{0, "INBOX", 0}}, 9, 24),
+              "\r\033[Kme@example.com  INBOX \u2026\r\033[K");
 }
 
 TEST(ProgressDisplay, TimeLeftPastAnHourShowsHours) {
